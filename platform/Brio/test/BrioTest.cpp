@@ -1,0 +1,33 @@
+#include "Brio/Brio.h"
+
+#include <gtest/gtest.h>
+
+namespace {
+
+constexpr int BF_SUCCESS = 0;
+
+TEST(BrioAssert, MessageIsTheExpressionTextWithStringParts) {
+   Brio::ScopedThrowingAsserts throwing;
+   int status = 3;
+   try {
+      BRIO_ASSERT(status == BF_SUCCESS && "Not succesful status");
+      FAIL() << "assertion did not fire";
+   } catch (const Brio::AssertionFailure& failure) {
+      EXPECT_EQ(failure.expression(), "status == BF_SUCCESS && \"Not succesful status\"");
+      EXPECT_NE(failure.file().find("BrioTest.cpp"), std::string::npos);
+      EXPECT_GT(failure.line(), 0);
+   }
+   status = BF_SUCCESS;
+   EXPECT_NO_THROW(BRIO_ASSERT(status == BF_SUCCESS && "Not succesful status"));
+}
+
+TEST(BrioAssert, HandlerIsRestoredAndDefaultAborts) {
+   {
+      Brio::ScopedThrowingAsserts throwing;
+      EXPECT_EQ(Brio::assertHandler(), &Brio::throwingAssertHandler);
+   }
+   EXPECT_NE(Brio::assertHandler(), &Brio::throwingAssertHandler);
+   EXPECT_DEATH(BRIO_ASSERT(1 + 1 == 3), "Failed\\(1 \\+ 1 == 3\\) .*BrioTest.cpp:[0-9]+");
+}
+
+}  // namespace

@@ -1,0 +1,15 @@
+#!/usr/bin/env bash
+# Installs what is missing, builds everything and runs every test: the unit tests under
+# AddressSanitizer and UndefinedBehaviorSanitizer, then a Release build of the benchmarks and
+# tools so that they keep compiling.
+set -euo pipefail
+cd "$(dirname "$0")/.."
+scripts/install-deps.sh
+jobs="${JOBS:-2}"
+
+cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCHIP_SANITIZE=ON
+cmake --build build/asan -j"$jobs"
+ctest --test-dir build/asan -j"$jobs" --output-on-failure --timeout 600
+
+cmake -S . -B build/release -G Ninja -DCMAKE_BUILD_TYPE=Release -DCHIP_TESTS=OFF -DCHIP_BENCH=ON
+cmake --build build/release -j"$jobs"
