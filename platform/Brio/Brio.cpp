@@ -17,7 +17,9 @@ AssertHandler currentHandler = defaultAssertHandler;
 
 }  // namespace
 
-AssertHandler assertHandler() { return currentHandler; }
+AssertHandler assertHandler() {
+   return currentHandler;
+}
 
 AssertHandler assertHandlerIs(AssertHandler handler) {
    AssertHandler previous = currentHandler;

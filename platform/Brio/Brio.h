@@ -24,13 +24,13 @@ AssertHandler assertHandlerIs(AssertHandler handler);
 void throwingAssertHandler(const char* expr, const char* file, int line);
 
 class AssertionFailure : public std::logic_error {
-  public:
+ public:
    AssertionFailure(std::string expr, std::string file, int line);
    const std::string& expression() const { return expression_; }
    const std::string& file() const { return file_; }
    int line() const { return line_; }
 
-  private:
+ private:
    std::string expression_;
    std::string file_;
    int line_;
@@ -38,26 +38,26 @@ class AssertionFailure : public std::logic_error {
 
 // Installs the throwing handler for the lifetime of the object; tests use it to check texts.
 class ScopedThrowingAsserts {
-  public:
+ public:
    ScopedThrowingAsserts() : previous_(assertHandlerIs(throwingAssertHandler)) {}
    ~ScopedThrowingAsserts() { assertHandlerIs(previous_); }
    ScopedThrowingAsserts(const ScopedThrowingAsserts&) = delete;
    ScopedThrowingAsserts& operator=(const ScopedThrowingAsserts&) = delete;
 
-  private:
+ private:
    AssertHandler previous_;
 };
 
 // A setter was handed a value outside what the attribute accepts, such as a null pointer for
 // a collection member.
 class RangeException : public std::range_error {
-  public:
+ public:
    using std::range_error::range_error;
 };
 
 // Data read from a shared segment does not hold together (bad magic, sizes, checksums).
 class CorruptionDetectedException : public std::runtime_error {
-  public:
+ public:
    using std::runtime_error::runtime_error;
 };
 
