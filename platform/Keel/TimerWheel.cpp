@@ -33,7 +33,7 @@ TimerWheel::TimerWheel(Orb::Ptr<Orb::TimeSource> timeSource, unsigned tickMsecs,
                        std::size_t defaultBucketSize)
     : timeSource_(std::move(timeSource)),
       tickMsecs_(tickMsecs),
-      tickSeconds_(tickMsecs / 1000.0),
+      ticksPerSecond_(1000.0 / tickMsecs),
       preserveOrder_(preserveOrder),
       defaultBucketSize_(defaultBucketSize),
       slots_(initialMaxTicks, nullptr) {
@@ -65,7 +65,7 @@ std::size_t TimerWheel::slotIndex(Tick tick) const {
 }
 
 TimerWheel::Tick TimerWheel::tickOf(Orb::Seconds t) const {
-   const double tick = std::floor(t / tickSeconds_);
+   const double tick = std::floor(t * ticksPerSecond_);
    if (tick >= static_cast<double>(kTickLimit)) return kTickLimit;
    if (tick <= -static_cast<double>(kTickLimit)) return -kTickLimit;
    return static_cast<Tick>(tick);

@@ -97,7 +97,7 @@ class TimerWheel {
 
    Orb::Ptr<Orb::TimeSource> timeSource_;
    unsigned tickMsecs_;
-   Orb::Seconds tickSeconds_;
+   double ticksPerSecond_;
    bool preserveOrder_;
    std::size_t defaultBucketSize_;
 
