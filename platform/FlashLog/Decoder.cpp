@@ -164,8 +164,9 @@ bool recordText(const Format& format, std::string_view values, std::string& text
 }
 
 // Walks one ring from its tail to its head; stops at the first thing that does not hold.
-void readRing(unsigned level, const RingHeader& ring, std::string_view bytes,
+void readRing(unsigned level, const FileHeader& file, std::string_view bytes,
               const Formats& formats, DecodedFile& out) {
+   const RingHeader& ring = file.rings[level];
    if (ring.size == 0) return;
    if (ring.offset > bytes.size() || bytes.size() - ring.offset < ring.size) {
       out.problems.push_back(problem("level %u: ring lies beyond the end of the file", level));
@@ -196,13 +197,13 @@ void readRing(unsigned level, const RingHeader& ring, std::string_view bytes,
          continue;
       }
       std::string_view values;
-      if (h.length < sizeof(RecordHeader) || !c.read(h.seq) || !c.read(h.timeNs) ||
+      if (h.length < sizeof(RecordHeader) || !c.read(h.seq) || !c.read(h.ticks) ||
           !c.read(h.length - sizeof(RecordHeader), values)) {
          return fail("is shorter than its header");
       }
       const auto format = formats.find(h.formatId);
       if (format == formats.end()) return fail("has an unknown format");
-      DecodedRecord record{h.seq, h.timeNs, level, {}};
+      DecodedRecord record{h.seq, ticksToNs(h.ticks, file.clockFirst, file.clockLast), level, {}};
       if (!recordText(format->second, values, record.text)) return fail("is cut short");
       out.records.push_back(std::move(record));
       pos += h.length;
@@ -238,7 +239,7 @@ DecodedFile decode(std::string_view bytes) {
       readFormats(bytes.substr(h.formatTableOffset, h.formatTableUsed), formats, out);
    }
    for (unsigned level = 0; level < numLevels; ++level) {
-      readRing(level, h.rings[level], bytes, formats, out);
+      readRing(level, h, bytes, formats, out);
    }
    std::stable_sort(out.records.begin(), out.records.end(),
                     [](const DecodedRecord& a, const DecodedRecord& b) { return a.seq < b.seq; });

@@ -13,6 +13,8 @@
 #include <cstddef>
 #include <cstdint>
 
+#include "FlashLog/TraceClock.h"
+
 namespace FlashLog {
 
 constexpr int numLevels = 10;
@@ -41,7 +43,10 @@ struct FileHeader {
    std::uint64_t fileSize;
    std::uint32_t maxStringLen;
    std::uint32_t pid;
-   std::uint64_t openTimeNs;
+   // Record times are ticks; these two pairs convert them (see TraceClock.h). The first is
+   // taken on opening, the last is refreshed as records go.
+   ClockPair clockFirst;
+   ClockPair clockLast;
    std::uint64_t formatTableOffset;
    std::uint64_t formatTableCapacity;
    std::uint64_t formatTableUsed;
@@ -56,8 +61,8 @@ static_assert(sizeof(FileHeader) <= pageSize);
 struct RecordHeader {
    std::uint32_t length;  // whole record, a multiple of recordAlign
    std::uint32_t formatId;
-   std::uint64_t seq;     // per file, orders records across levels
-   std::uint64_t timeNs;  // CLOCK_REALTIME
+   std::uint64_t seq;  // per file, orders records across levels
+   std::uint64_t ticks;
 };
 constexpr std::uint32_t paddingFormatId = 0;
 constexpr std::uint64_t minRecordLength = 8;

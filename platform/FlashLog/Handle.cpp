@@ -2,7 +2,6 @@
 
 #include <fcntl.h>
 #include <sys/mman.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -13,11 +12,18 @@ constinit Handle defaultHandleInstance;
 
 namespace {
 
-std::uint64_t nowNs() {
-   timespec ts;
-   clock_gettime(CLOCK_REALTIME, &ts);
-   return static_cast<std::uint64_t>(ts.tv_sec) * 1000000000u +
-          static_cast<std::uint64_t>(ts.tv_nsec);
+// Records between refreshes of the last clock pair: often enough to track drift, rarely
+// enough to cost nothing per record.
+constexpr std::uint64_t clockRefreshMask = 4095;
+
+// A first estimate of the tick rate, good to a fraction of a per mille, for a file whose
+// process dies before refreshing it.
+ClockPair calibratedLast(ClockPair first) {
+   ClockPair last;
+   do {
+      last = clockPair();
+   } while (last.ns - first.ns < 200000);
+   return last;
 }
 
 constexpr std::uint64_t alignUp(std::uint64_t n, std::uint64_t to) {
@@ -93,7 +99,8 @@ bool Handle::open(std::string_view name, const LevelSizes& sizesKiB) {
    layout.fileSize = fileSize;
    layout.maxStringLen = maxStringLen_;
    layout.pid = static_cast<std::uint32_t>(getpid());
-   layout.openTimeNs = nowNs();
+   layout.clockFirst = clockPair();
+   layout.clockLast = calibratedLast(layout.clockFirst);
    FileHeader* h = static_cast<FileHeader*>(map);
    *h = layout;
    // The magic goes last: a file cut short while being set up does not pass for a trace file.
@@ -106,11 +113,13 @@ bool Handle::open(std::string_view name, const LevelSizes& sizesKiB) {
    siteFormats_.clear();
    numFormats_ = 0;
    nextSeq_ = 0;
+   cursors_ = {};
    return true;
 }
 
 void Handle::close() {
    if (!base_) return;
+   header()->clockLast = clockPair();
    munmap(base_, mapSize_);
    base_ = nullptr;
    mapSize_ = 0;
@@ -151,36 +160,42 @@ char* Handle::recordBegin(unsigned level, std::size_t valuesSize, std::uint32_t 
       return nullptr;
    }
    std::uint64_t head = ring.head;
-   std::uint64_t offset = head % ring.size;
+   std::uint64_t offset = cursors_[level].headOffset;
    if (offset + len > ring.size) {
       const std::uint64_t padLen = ring.size - offset;
-      tailAdvance(ring, head + padLen);
+      tailAdvance(level, head + padLen);
       const std::uint32_t padding[2] = {static_cast<std::uint32_t>(padLen), paddingFormatId};
       detail::putBytes(base_ + ring.offset + offset, padding, sizeof padding);
       head += padLen;
       offset = 0;
    }
-   tailAdvance(ring, head + len);
-   const RecordHeader record{static_cast<std::uint32_t>(len), formatId, nextSeq_++, nowNs()};
+   tailAdvance(level, head + len);
+   if ((nextSeq_ & clockRefreshMask) == clockRefreshMask) h->clockLast = clockPair();
+   const RecordHeader record{static_cast<std::uint32_t>(len), formatId, nextSeq_++, ticks()};
    char* p = detail::putBytes(base_ + ring.offset + offset, &record, sizeof record);
    pendingHead_ = head + len;
+   pendingHeadOffset_ = offset + len == ring.size ? 0 : offset + len;
    return p;
 }
 
 // Drops the oldest records until [tail, end) fits into the ring. The tail moves before the
 // space is overwritten, so that the file stays decodable at every instant.
-void Handle::tailAdvance(RingHeader& ring, std::uint64_t end) {
+void Handle::tailAdvance(unsigned level, std::uint64_t end) {
+   RingHeader& ring = header()->rings[level];
+   RingCursor& cursor = cursors_[level];
    std::uint64_t tail = ring.tail;
    while (end - tail > ring.size) {
-      const std::uint64_t offset = tail % ring.size;
       std::uint32_t len;
-      std::memcpy(&len, base_ + ring.offset + offset, sizeof len);
-      if (len < minRecordLength || len % recordAlign != 0 || offset + len > ring.size) {
+      std::memcpy(&len, base_ + ring.offset + cursor.tailOffset, sizeof len);
+      if (len < minRecordLength || len % recordAlign != 0 || cursor.tailOffset + len > ring.size) {
          // Someone else scribbled on the mapping; keep going with an empty ring.
          tail = ring.head;
+         cursor.tailOffset = cursor.headOffset;
          break;
       }
       tail += len;
+      cursor.tailOffset += len;
+      if (cursor.tailOffset == ring.size) cursor.tailOffset = 0;
    }
    storeRelease(ring.tail, tail);
 }

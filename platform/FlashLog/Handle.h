@@ -4,6 +4,7 @@
 // survives the process crashing. Writing a record copies raw values into the ring of its
 // level under a short spin lock; no text is formatted until the decoder runs.
 
+#include <array>
 #include <atomic>
 #include <cstdint>
 #include <string>
@@ -69,8 +70,9 @@ class Handle {
    char* recordBegin(unsigned level, std::size_t valuesSize, std::uint32_t formatId);
    void recordEnd(unsigned level) {
       std::atomic_ref(header()->rings[level].head).store(pendingHead_, std::memory_order_release);
+      cursors_[level].headOffset = pendingHeadOffset_;
    }
-   void tailAdvance(RingHeader& ring, std::uint64_t end);
+   void tailAdvance(unsigned level, std::uint64_t end);
    void lock() {
       while (lock_.test_and_set(std::memory_order_acquire)) {
       }
@@ -86,7 +88,14 @@ class Handle {
    std::vector<std::uint32_t> siteFormats_;  // by site id; 0 unknown, noFormatRoom dropped
    std::uint32_t numFormats_ = 0;
    std::uint64_t nextSeq_ = 0;
+   // Physical offsets of head and tail, kept here so that the hot path never divides.
+   struct RingCursor {
+      std::uint64_t headOffset = 0;
+      std::uint64_t tailOffset = 0;
+   };
+   std::array<RingCursor, numLevels> cursors_{};
    std::uint64_t pendingHead_ = 0;
+   std::uint64_t pendingHeadOffset_ = 0;
 };
 
 // A format id that marks a site whose format did not fit into the format table.
