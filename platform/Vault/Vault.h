@@ -10,4 +10,5 @@
 #include "Vault/MbbEngine/EntryStatus.h"
 #include "Vault/MbbEngine/Tables.h"
 #include "Vault/PlcmtDataValue.h"
+#include "Vault/ShmTable.h"
 #include "Vault/Table.h"

@@ -1,0 +1,350 @@
+#include "Vault/ShmSegment.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/socket.h>
+#include <sys/stat.h>
+#include <sys/timerfd.h>
+#include <sys/un.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <bit>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <new>
+#include <thread>
+
+#include "Brio/Brio.h"
+#include "Vault/Errors.h"
+
+namespace Vault::Shm {
+
+std::uint32_t defaultRingSize(std::uint32_t capacity) {
+   std::uint32_t size = std::bit_ceil(std::max<std::uint32_t>(capacity, 1));
+   return std::clamp<std::uint32_t>(size, 1024, 65536);
+}
+
+std::optional<Geometry> geometryFor(std::uint32_t keySize, std::uint32_t valueSize,
+                                    std::uint32_t capacity, std::uint32_t ringSize) {
+   if (keySize == 0 || keySize > 4096 || valueSize == 0 || valueSize > 4096) return std::nullopt;
+   if (capacity == 0 || capacity > maxCapacity) return std::nullopt;
+   if (ringSize < minRingSize || ringSize > maxRingSize || !std::has_single_bit(ringSize)) {
+      return std::nullopt;
+   }
+   Geometry g;
+   g.keySize = keySize;
+   g.valueSize = valueSize;
+   g.capacity = capacity;
+   g.slotSize =
+       static_cast<std::uint32_t>(roundUp(sizeof(SlotHeader) + roundUp(keySize, 8) + valueSize, 8));
+   g.indexSize = std::bit_ceil(std::max<std::uint32_t>(2 * capacity, 16));
+   g.ringSize = ringSize;
+   g.ringEntrySize = static_cast<std::uint32_t>(sizeof(RingHeader) + roundUp(keySize, 8));
+   g.waiterCount = maxWaiters;
+   g.slotsOffset = roundUp(sizeof(Header), 64);
+   g.indexOffset = roundUp(g.slotsOffset + std::uint64_t(capacity) * g.slotSize, 64);
+   g.ringOffset = roundUp(g.indexOffset + std::uint64_t(g.indexSize) * 4, 64);
+   g.waitersOffset = roundUp(g.ringOffset + std::uint64_t(ringSize) * g.ringEntrySize, 64);
+   g.totalSize = roundUp(g.waitersOffset + std::uint64_t(maxWaiters) * sizeof(Waiter), 4096);
+   return g;
+}
+
+std::uint64_t checksum(const void* bytes, std::size_t size, std::uint64_t seed) {
+   const auto* p = static_cast<const unsigned char*>(bytes);
+   std::uint64_t a = seed ^ 0x243F6A8885A308D3ULL;
+   std::uint64_t b = size ^ 0x13198A2E03707344ULL;
+   std::size_t i = 0;
+   // Two independent lanes keep the multiplier pipeline busy.
+   for (; i + 16 <= size; i += 16) {
+      std::uint64_t w0, w1;
+      std::memcpy(&w0, p + i, 8);
+      std::memcpy(&w1, p + i + 8, 8);
+      a = std::rotl((a ^ w0) * 0x9E3779B97F4A7C15ULL, 29);
+      b = std::rotl((b ^ w1) * 0xC2B2AE3D27D4EB4FULL, 31);
+   }
+   if (i < size) {
+      std::uint64_t w0 = 0, w1 = 0;
+      std::size_t rest = size - i;
+      std::memcpy(&w0, p + i, std::min<std::size_t>(rest, 8));
+      if (rest > 8) std::memcpy(&w1, p + i + 8, rest - 8);
+      a = std::rotl((a ^ w0) * 0x9E3779B97F4A7C15ULL, 29);
+      b = std::rotl((b ^ w1) * 0xC2B2AE3D27D4EB4FULL, 31);
+   }
+   std::uint64_t h = a ^ std::rotl(b, 17);
+   h ^= h >> 33;
+   h *= 0xff51afd7ed558ccdULL;
+   h ^= h >> 33;
+   return h;
+}
+
+std::uint64_t headerChecksum(const Header& header) {
+   const auto* begin = reinterpret_cast<const unsigned char*>(&header.layoutVersion);
+   const auto* end = reinterpret_cast<const unsigned char*>(&header.checksum);
+   return checksum(begin, static_cast<std::size_t>(end - begin), magic);
+}
+
+namespace {
+
+bool processAlive(std::uint32_t pid) {
+   if (pid == 0) return false;
+   return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
+}
+
+std::string sysError(const std::string& what, const std::string& name) {
+   return what + " " + name + ": " + std::strerror(errno);
+}
+
+void* mapShared(int fd, std::size_t size) {
+   void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   return base == MAP_FAILED ? nullptr : base;
+}
+
+// A writer that creates a segment is its owner until the segment is unlinked. A segment whose
+// creator is gone can be taken over, since nobody else would ever remove it.
+bool staleSegment(const std::string& shmName) {
+   int fd = ::shm_open(shmName.c_str(), O_RDONLY, 0);
+   if (fd < 0) return errno == ENOENT;
+   struct stat st {};
+   bool stale = true;
+   if (::fstat(fd, &st) == 0 && std::size_t(st.st_size) >= sizeof(Header)) {
+      void* base = ::mmap(nullptr, sizeof(Header), PROT_READ, MAP_SHARED, fd, 0);
+      if (base != MAP_FAILED) {
+         auto* header = static_cast<Header*>(base);
+         stale = !processAlive(header->writerPid.load(std::memory_order_acquire));
+         ::munmap(base, sizeof(Header));
+      }
+   }
+   ::close(fd);
+   return stale;
+}
+
+}  // namespace
+
+Segment::Segment(std::string shmName, unsigned char* base, std::size_t mappedSize,
+                 Geometry geometry, bool owner)
+    : shmName_(std::move(shmName)),
+      base_(base),
+      mappedSize_(mappedSize),
+      geometry_(geometry),
+      owner_(owner) {}
+
+Segment::~Segment() {
+   if (owner_) {
+      header().writerPid.store(0, std::memory_order_release);
+      ::shm_unlink(shmName_.c_str());
+   }
+   if (pokeFd_ >= 0) ::close(pokeFd_);
+   ::munmap(base_, mappedSize_);
+}
+
+std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string_view typeName,
+                                         std::uint32_t keySize, std::uint32_t valueSize,
+                                         std::uint32_t capacity, std::uint32_t ringSize) {
+   if (typeName.size() >= typeNameSize) {
+      throw MountException("type name too long for a segment: " + std::string(typeName));
+   }
+   auto geometry =
+       geometryFor(keySize, valueSize, capacity, ringSize ? ringSize : defaultRingSize(capacity));
+   if (!geometry) {
+      throw MountException("no segment layout for capacity " + std::to_string(capacity) + " of " +
+                           std::string(typeName));
+   }
+   int fd = ::shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+   if (fd < 0 && errno == EEXIST) {
+      if (!staleSegment(shmName)) {
+         throw MountException("table " + shmName + " already has a writer");
+      }
+      ::shm_unlink(shmName.c_str());
+      fd = ::shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
+   }
+   if (fd < 0) throw MountException(sysError("cannot create", shmName));
+   std::size_t size = geometry->totalSize;
+   void* base = nullptr;
+   if (::ftruncate(fd, static_cast<off_t>(size)) == 0) base = mapShared(fd, size);
+   int savedErrno = errno;
+   ::close(fd);
+   if (!base) {
+      ::shm_unlink(shmName.c_str());
+      errno = savedErrno;
+      throw MountException(sysError("cannot size or map", shmName));
+   }
+
+   // The file starts zeroed: every slot free, every index cell empty, every ring tag 0.
+   auto* header = new (base) Header{};
+   header->layoutVersion = layoutVersion;
+   header->headerSize = sizeof(Header);
+   std::memcpy(header->typeName, typeName.data(), typeName.size());
+   header->geometry = *geometry;
+   header->checksum = headerChecksum(*header);
+   header->writerPid.store(static_cast<std::uint32_t>(::getpid()), std::memory_order_relaxed);
+   std::atomic_ref<std::uint64_t>(header->magic).store(magic, std::memory_order_release);
+   return std::unique_ptr<Segment>(
+       new Segment(shmName, static_cast<unsigned char*>(base), size, *geometry, true));
+}
+
+std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_view typeName,
+                                       std::uint32_t keySize, std::uint32_t valueSize) {
+   int fd = ::shm_open(shmName.c_str(), O_RDWR, 0);
+   if (fd < 0) throw MountException(sysError("cannot open table", shmName));
+   struct stat st {};
+   if (::fstat(fd, &st) != 0) {
+      ::close(fd);
+      throw MountException(sysError("cannot stat table", shmName));
+   }
+   std::size_t size = static_cast<std::size_t>(st.st_size);
+   if (size < sizeof(Header)) {
+      ::close(fd);
+      throw Brio::CorruptionDetectedException(shmName + ": segment smaller than its header");
+   }
+   void* mapped = mapShared(fd, size);
+   ::close(fd);
+   if (!mapped) throw MountException(sysError("cannot map table", shmName));
+   auto fail = [&](auto exception) {
+      ::munmap(mapped, size);
+      throw exception;
+   };
+   auto* header = static_cast<Header*>(mapped);
+   std::atomic_ref<std::uint64_t> magicRef(header->magic);
+   // A writer that is still setting the header up stores the magic last.
+   for (int i = 0; i < 100 && magicRef.load(std::memory_order_acquire) == 0; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+   }
+   std::uint64_t found = magicRef.load(std::memory_order_acquire);
+   if (found == 0) fail(MountException(shmName + ": segment was never initialised"));
+   if (found != magic) fail(Brio::CorruptionDetectedException(shmName + ": bad magic"));
+   Header copy;
+   std::memcpy(static_cast<void*>(&copy), header, offsetof(Header, writerPid));
+   if (copy.layoutVersion != layoutVersion || copy.headerSize != sizeof(Header)) {
+      fail(MountException(shmName + ": incompatible layout version " +
+                          std::to_string(copy.layoutVersion)));
+   }
+   if (copy.checksum != headerChecksum(copy)) {
+      fail(Brio::CorruptionDetectedException(shmName + ": bad header checksum"));
+   }
+   std::string_view foundType(copy.typeName, strnlen(copy.typeName, typeNameSize));
+   if (foundType != typeName) {
+      fail(MountException(shmName + " holds " + std::string(foundType) + ", not " +
+                          std::string(typeName)));
+   }
+   const Geometry& g = copy.geometry;
+   if (g.keySize != keySize || g.valueSize != valueSize) {
+      fail(MountException(shmName + ": incompatible layout: key and value of " +
+                          std::to_string(g.keySize) + " and " + std::to_string(g.valueSize) +
+                          " bytes, expected " + std::to_string(keySize) + " and " +
+                          std::to_string(valueSize)));
+   }
+   auto expected = geometryFor(g.keySize, g.valueSize, g.capacity, g.ringSize);
+   if (!expected || !(*expected == g)) {
+      fail(Brio::CorruptionDetectedException(shmName + ": geometry does not hold together"));
+   }
+   if (g.totalSize > size) {
+      fail(Brio::CorruptionDetectedException(shmName + ": sizes do not fit the file"));
+   }
+   return std::unique_ptr<Segment>(
+       new Segment(shmName, static_cast<unsigned char*>(mapped), size, g, false));
+}
+
+bool Segment::writerAlive() const {
+   return processAlive(header().writerPid.load(std::memory_order_acquire));
+}
+
+namespace {
+
+socklen_t abstractAddress(sockaddr_un& address, std::string_view name) {
+   address = {};
+   address.sun_family = AF_UNIX;
+   std::size_t length = std::min(name.size(), sizeof(address.sun_path) - 1);
+   std::memcpy(address.sun_path + 1, name.data(), length);
+   return static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + 1 + length);
+}
+
+}  // namespace
+
+void Segment::waitersPoke() {
+   // Seq-cst, after the writer's seq-cst store of the ring head: either this load sees a
+   // reader's arming or that reader's re-check sees the new head.
+   if (header().armedMask.load(std::memory_order_seq_cst) == 0) return;
+   std::uint64_t mask = header().armedMask.exchange(0, std::memory_order_seq_cst);
+   if (pokeFd_ < 0) pokeFd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+   for (; mask != 0; mask &= mask - 1) {
+      std::uint32_t i = static_cast<std::uint32_t>(std::countr_zero(mask));
+      Waiter& w = waiter(i);
+      std::uint32_t claimer = w.claimed.load(std::memory_order_acquire);
+      if (claimer == 0) continue;
+      // The name is the reader's to write; take it no further than its place.
+      std::string_view name(w.name, strnlen(w.name, waiterNameSize));
+      sockaddr_un address;
+      socklen_t length = abstractAddress(address, name);
+      const char byte = 1;
+      if (::sendto(pokeFd_, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL,
+                   reinterpret_cast<sockaddr*>(&address), length) < 0 &&
+          (errno == ECONNREFUSED || errno == ENOENT)) {
+         // The reader is gone without signing off.
+         w.claimed.compare_exchange_strong(claimer, 0);
+      }
+   }
+}
+
+Doorbell::Doorbell(Segment& segment) : segment_(segment) {
+   static std::atomic<std::uint32_t> serial{0};
+   std::uint32_t pid = static_cast<std::uint32_t>(::getpid());
+   name_ = "vault." + std::to_string(pid) + "." + std::to_string(serial.fetch_add(1)) + "." +
+           std::to_string(reinterpret_cast<std::uintptr_t>(this) & 0xFFFFFF);
+   fd_ = ::socket(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK | SOCK_CLOEXEC, 0);
+   sockaddr_un address;
+   socklen_t length = abstractAddress(address, name_);
+   if (fd_ >= 0 && ::bind(fd_, reinterpret_cast<sockaddr*>(&address), length) == 0) {
+      for (std::uint32_t i = 0; i < maxWaiters && waiter_ < 0; ++i) {
+         Waiter& w = segment_.waiter(i);
+         std::uint32_t claimer = w.claimed.load(std::memory_order_acquire);
+         if (claimer != 0 && processAlive(claimer)) continue;
+         if (!w.claimed.compare_exchange_strong(claimer, pid)) continue;
+         w.pid = pid;
+         std::memset(w.name, 0, waiterNameSize);
+         std::memcpy(w.name, name_.data(), std::min(name_.size(), waiterNameSize - 1));
+         waiter_ = static_cast<int>(i);
+      }
+   }
+   if (waiter_ >= 0) return;
+   // No place to leave a name: look for changes every two milliseconds instead.
+   if (fd_ >= 0) ::close(fd_);
+   fd_ = ::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC);
+   if (fd_ < 0) throw MountException("cannot create a change descriptor for " + segment.shmName());
+   itimerspec period{{0, 2'000'000}, {0, 2'000'000}};
+   ::timerfd_settime(fd_, 0, &period, nullptr);
+}
+
+Doorbell::~Doorbell() {
+   if (waiter_ >= 0) {
+      auto bit = std::uint64_t(1) << waiter_;
+      segment_.header().armedMask.fetch_and(~bit);
+      std::uint32_t pid = static_cast<std::uint32_t>(::getpid());
+      segment_.waiter(static_cast<std::uint32_t>(waiter_)).claimed.compare_exchange_strong(pid, 0);
+   }
+   if (fd_ >= 0) ::close(fd_);
+}
+
+void Doorbell::drain() {
+   char buffer[64];
+   while (::read(fd_, buffer, sizeof buffer) > 0) {
+   }
+}
+
+void Doorbell::arm() {
+   if (waiter_ < 0) return;
+   segment_.header().armedMask.fetch_or(std::uint64_t(1) << waiter_, std::memory_order_seq_cst);
+}
+
+void Doorbell::ringSelf() {
+   if (waiter_ < 0) return;
+   sockaddr_un address;
+   socklen_t length = abstractAddress(address, name_);
+   const char byte = 1;
+   ::sendto(fd_, &byte, 1, MSG_DONTWAIT | MSG_NOSIGNAL, reinterpret_cast<sockaddr*>(&address),
+            length);
+}
+
+}  // namespace Vault::Shm

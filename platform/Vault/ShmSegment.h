@@ -1,0 +1,108 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <string_view>
+
+#include "Vault/ShmLayout.h"
+
+namespace Vault::Shm {
+
+// One mapped table segment. The writer creates it and removes it when it goes; readers open
+// it, after checking everything in its header that they will rely on.
+class Segment {
+ public:
+   // Creates the segment `shmName` ("/name") for the writer. A segment left behind by a writer
+   // that is gone is replaced; one whose writer still runs is not (MountException).
+   static std::unique_ptr<Segment> create(const std::string& shmName, std::string_view typeName,
+                                          std::uint32_t keySize, std::uint32_t valueSize,
+                                          std::uint32_t capacity, std::uint32_t ringSize = 0);
+   // Maps an existing segment for reading. A missing segment, another type name or another
+   // layout is a MountException; contents that do not hold together (magic, checksum, sizes)
+   // are a Brio::CorruptionDetectedException.
+   static std::unique_ptr<Segment> open(const std::string& shmName, std::string_view typeName,
+                                        std::uint32_t keySize, std::uint32_t valueSize);
+   Segment(const Segment&) = delete;
+   Segment& operator=(const Segment&) = delete;
+   ~Segment();
+
+   const std::string& shmName() const { return shmName_; }
+   bool owner() const { return owner_; }
+   // The geometry as checked when the segment was mapped; never re-read from the segment.
+   const Geometry& geometry() const { return geometry_; }
+   std::size_t mappedSize() const { return mappedSize_; }
+
+   Header& header() const { return *reinterpret_cast<Header*>(base_); }
+   SlotHeader& slot(std::uint32_t slot) const {
+      return *reinterpret_cast<SlotHeader*>(base_ + geometry_.slotsOffset +
+                                            std::uint64_t(slot) * geometry_.slotSize);
+   }
+   unsigned char* slotKey(std::uint32_t slot) const {
+      return reinterpret_cast<unsigned char*>(&this->slot(slot)) + sizeof(SlotHeader);
+   }
+   unsigned char* slotValue(std::uint32_t slot) const {
+      return slotKey(slot) + roundUp(geometry_.keySize, 8);
+   }
+   std::atomic<std::uint32_t>& cell(std::uint64_t i) const {
+      return reinterpret_cast<std::atomic<std::uint32_t>*>(
+          base_ + geometry_.indexOffset)[i & (geometry_.indexSize - 1)];
+   }
+   RingHeader& ringEntry(std::uint64_t position) const {
+      return *reinterpret_cast<RingHeader*>(base_ + geometry_.ringOffset +
+                                            (position & (geometry_.ringSize - 1)) *
+                                                geometry_.ringEntrySize);
+   }
+   unsigned char* ringKey(std::uint64_t position) const {
+      return reinterpret_cast<unsigned char*>(&ringEntry(position)) + sizeof(RingHeader);
+   }
+   Waiter& waiter(std::uint32_t i) const {
+      return reinterpret_cast<Waiter*>(base_ + geometry_.waitersOffset)[i];
+   }
+
+   bool writerAlive() const;
+
+   // Writer: wakes the readers that armed themselves since the last poke.
+   void waitersPoke();
+
+ private:
+   Segment(std::string shmName, unsigned char* base, std::size_t mappedSize, Geometry geometry,
+           bool owner);
+
+   std::string shmName_;
+   unsigned char* base_;
+   std::size_t mappedSize_;
+   Geometry geometry_;
+   bool owner_;
+   int pokeFd_ = -1;
+};
+
+// A reader's doorbell: a datagram socket whose name it leaves in one of the segment's waiter
+// places. Readable when the writer rang it (or, when every place was taken, on a short
+// period, so the reader polls instead).
+class Doorbell {
+ public:
+   explicit Doorbell(Segment& segment);
+   Doorbell(const Doorbell&) = delete;
+   Doorbell& operator=(const Doorbell&) = delete;
+   ~Doorbell();
+
+   int fd() const { return fd_; }
+   bool polling() const { return waiter_ < 0; }
+   // Empties the socket so the descriptor is quiet until the next ring.
+   void drain();
+   // Asks the writer to ring after its next change. Seq-cst, paired with the writer's
+   // ring-head store, so that a change made while arming is never missed.
+   void arm();
+   // Makes the descriptor readable again, for a reader that stopped before it was done.
+   void ringSelf();
+
+ private:
+   Segment& segment_;
+   int fd_ = -1;
+   int waiter_ = -1;
+   std::string name_;
+};
+
+}  // namespace Vault::Shm

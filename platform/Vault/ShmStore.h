@@ -1,0 +1,439 @@
+#pragma once
+
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <memory>
+#include <set>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <unordered_set>
+#include <vector>
+
+#include "Vault/Errors.h"
+#include "Vault/ShmCodec.h"
+#include "Vault/ShmSegment.h"
+#include "Vault/Store.h"
+
+namespace Vault {
+
+// A table kept in a POSIX shared-memory segment (format in ShmLayout.h), for one writer and
+// any number of readers in other processes. The writer's changes reach readers through the
+// ring of changed keys, which readers consume in changesDrain() when their doorbell rings.
+//
+// Readers trust nothing they read: every record is taken under its sequence lock and checked
+// against its checksum, every index cell against the slot count, every loop is bounded. What
+// does not hold together throws StoreCorruption; a record being written is retried.
+template <class K, class V>
+requires ShmStorable<K> && ShmStorable<V>
+class ShmStore : public Store<K, V> {
+ public:
+   using KeyCodec = ShmCodec<K>;
+   using ValueCodec = ShmCodec<V>;
+   using StoredKey = typename KeyCodec::Stored;
+   using StoredValue = typename ValueCodec::Stored;
+
+   static std::unique_ptr<ShmStore> writerNew(const std::string& shmName, std::string_view typeName,
+                                              std::uint32_t capacity, std::uint32_t ringSize = 0) {
+      return std::unique_ptr<ShmStore>(new ShmStore(Shm::Segment::create(
+          shmName, typeName, sizeof(StoredKey), sizeof(StoredValue), capacity, ringSize)));
+   }
+   static std::unique_ptr<ShmStore> readerNew(const std::string& shmName,
+                                              std::string_view typeName) {
+      return std::unique_ptr<ShmStore>(new ShmStore(
+          Shm::Segment::open(shmName, typeName, sizeof(StoredKey), sizeof(StoredValue))));
+   }
+
+   bool find(const K& key, V& value) const override {
+      std::uint64_t hash = hashOf(key);
+      if (writable()) {
+         std::uint32_t slot = writerSlot(key, hash).slot;
+         if (slot == noSlot) return false;
+         value = ValueCodec::decode(storedValue(slot));
+         return true;
+      }
+      Record record;
+      if (!readerFind(key, hash, record)) return false;
+      value = ValueCodec::decode(record.value());
+      return true;
+   }
+
+   bool put(const K& key, const V& value) override {
+      BRIO_ASSERT(writable());
+      std::uint64_t hash = hashOf(key);
+      Probe probe = writerSlot(key, hash);
+      if (probe.slot != noSlot && ValueCodec::decode(storedValue(probe.slot)) == value) {
+         return false;
+      }
+      StoredKey storedKey{};
+      StoredValue stored{};
+      KeyCodec::encode(key, storedKey);
+      ValueCodec::encode(value, stored);
+      if (probe.slot != noSlot) {
+         slotWrite(probe.slot, true, storedKey, stored);
+      } else {
+         if (count_ >= geometry().capacity) {
+            throw TableFullException("table full: all " + std::to_string(geometry().capacity) +
+                                     " entries in use");
+         }
+         std::uint32_t slot = free_.back();
+         free_.pop_back();
+         slotWrite(slot, true, storedKey, stored);
+         if (probe.cell.load(std::memory_order_relaxed) == Shm::deletedCell) --deletedCells_;
+         probe.cell.store(slot + 1, std::memory_order_release);
+         countIs(count_ + 1);
+         if (ordered_) ordered_->insert(key);
+      }
+      ringPush(storedKey);
+      if (count_ + deletedCells_ > geometry().indexSize / 4 * 3) indexRebuild();
+      return true;
+   }
+
+   bool erase(const K& key) override {
+      BRIO_ASSERT(writable());
+      Probe probe = writerSlot(key, hashOf(key));
+      if (probe.slot == noSlot) return false;
+      StoredKey storedKey = this->storedKey(probe.slot);
+      StoredValue stored = storedValue(probe.slot);
+      slotWrite(probe.slot, false, storedKey, stored);
+      probe.cell.store(Shm::deletedCell, std::memory_order_release);
+      ++deletedCells_;
+      free_.push_back(probe.slot);
+      countIs(count_ - 1);
+      if (ordered_) ordered_->erase(key);
+      ringPush(storedKey);
+      return true;
+   }
+
+   std::optional<std::pair<K, V>> next(const K* from, bool inclusive) const override {
+      const std::set<K>& keys = orderedKeys();
+      auto it = !from       ? keys.begin()
+                : inclusive ? keys.lower_bound(*from)
+                            : keys.upper_bound(*from);
+      for (; it != keys.end(); ++it) {
+         V value;
+         // A reader may know of a key that is gone and not yet drained; it is skipped.
+         if (find(*it, value)) return std::make_pair(*it, value);
+      }
+      return std::nullopt;
+   }
+
+   std::size_t size() const override {
+      if (writable()) return count_;
+      return std::min<std::uint32_t>(segment_->header().count.load(std::memory_order_relaxed),
+                                     geometry().capacity);
+   }
+   std::size_t capacity() const override { return geometry().capacity; }
+   bool writable() const override { return segment_->owner(); }
+
+   void changesDrain(ChangeSink<K>& sink) override {
+      if (writable()) return;
+      doorbell_->drain();
+      std::unordered_set<K> batch;
+      std::vector<K> changed;
+      for (;;) {
+         std::uint64_t head = segment_->header().ringHead.load(std::memory_order_acquire);
+         if (head < cursor_ || head - cursor_ > geometry().ringSize) return resync(sink);
+         std::uint64_t end = std::min(head, cursor_ + maxChangesPerDrain);
+         for (std::uint64_t p = cursor_; p < end; ++p) {
+            std::optional<K> key = ringKey(p);
+            if (!key) return resync(sink);
+            if (batch.insert(*key).second) changed.push_back(*key);
+         }
+         cursor_ = end;
+         if (end != head) {
+            // More is waiting; let the loop run other work first.
+            doorbell_->ringSelf();
+            break;
+         }
+         doorbell_->arm();
+         if (segment_->header().ringHead.load(std::memory_order_seq_cst) == cursor_) break;
+      }
+      for (const K& key : changed) {
+         if (ordered_) {
+            V value;
+            if (find(key, value)) {
+               ordered_->insert(key);
+            } else {
+               ordered_->erase(key);
+            }
+         }
+         sink.keyChanged(key);
+      }
+   }
+   int changeFd() const override { return doorbell_ ? doorbell_->fd() : -1; }
+
+   const Shm::Segment& segment() const { return *segment_; }
+   std::uint64_t numResyncs() const { return numResyncs_; }
+
+ private:
+   static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
+   static constexpr std::uint64_t maxChangesPerDrain = 4096;
+   static constexpr std::size_t keySpan = Shm::roundUp(sizeof(StoredKey), 8);
+   static constexpr std::size_t recordSize = keySpan + sizeof(StoredValue);
+
+   // Key and value bytes of one slot, copied out under the slot's sequence lock.
+   struct Record {
+      alignas(8) unsigned char bytes[recordSize];
+      bool live = false;
+      StoredKey key() const {
+         StoredKey k;
+         std::memcpy(&k, bytes, sizeof k);
+         return k;
+      }
+      StoredValue value() const {
+         StoredValue v;
+         std::memcpy(&v, bytes + keySpan, sizeof v);
+         return v;
+      }
+   };
+
+   struct Probe {
+      std::uint32_t slot;
+      std::atomic<std::uint32_t>& cell;  // the key's cell, or where it would go
+   };
+
+   explicit ShmStore(std::unique_ptr<Shm::Segment> segment) : segment_(std::move(segment)) {
+      if (writable()) {
+         free_.reserve(geometry().capacity);
+         for (std::uint32_t s = geometry().capacity; s-- > 0;) free_.push_back(s);
+         head_ = segment_->header().ringHead.load(std::memory_order_relaxed);
+      } else {
+         cursor_ = segment_->header().ringHead.load(std::memory_order_acquire);
+         doorbell_ = std::make_unique<Shm::Doorbell>(*segment_);
+         doorbell_->arm();
+      }
+   }
+
+   const Shm::Geometry& geometry() const { return segment_->geometry(); }
+
+   static std::uint64_t hashOf(const K& key) {
+      std::uint64_t h = std::hash<K>()(key);
+      h ^= h >> 31;
+      h *= 0x9E3779B97F4A7C15ULL;
+      return h ^ (h >> 29);
+   }
+
+   StoredKey storedKey(std::uint32_t slot) const {
+      StoredKey k;
+      std::memcpy(&k, segment_->slotKey(slot), sizeof k);
+      return k;
+   }
+   StoredValue storedValue(std::uint32_t slot) const {
+      StoredValue v;
+      std::memcpy(&v, segment_->slotValue(slot), sizeof v);
+      return v;
+   }
+
+   static std::uint64_t slotSeed(std::uint32_t slot, bool live) {
+      return (std::uint64_t(slot) << 1) | (live ? 1 : 0);
+   }
+
+   // The writer's lookup: it is the only one changing the segment, so it reads plainly.
+   Probe writerSlot(const K& key, std::uint64_t hash) const {
+      const std::uint64_t mask = geometry().indexSize - 1;
+      std::atomic<std::uint32_t>* firstDeleted = nullptr;
+      for (std::uint64_t i = hash & mask;; i = (i + 1) & mask) {
+         auto& cell = segment_->cell(i);
+         std::uint32_t c = cell.load(std::memory_order_relaxed);
+         if (c == Shm::emptyCell) return {noSlot, firstDeleted ? *firstDeleted : cell};
+         if (c == Shm::deletedCell) {
+            if (!firstDeleted) firstDeleted = &cell;
+            continue;
+         }
+         if (KeyCodec::decode(storedKey(c - 1)) == key) return {c - 1, cell};
+      }
+   }
+
+   void slotWrite(std::uint32_t slot, bool live, const StoredKey& key, const StoredValue& value) {
+      Shm::SlotHeader& header = segment_->slot(slot);
+      std::uint32_t seq = header.seq.load(std::memory_order_relaxed);
+      header.seq.store(seq + 1, std::memory_order_relaxed);
+      std::atomic_thread_fence(std::memory_order_release);
+      unsigned char* bytes = segment_->slotKey(slot);
+      std::memcpy(bytes, &key, sizeof key);
+      std::memcpy(bytes + keySpan, &value, sizeof value);
+      header.live = live ? 1 : 0;
+      header.checksum = Shm::checksum(bytes, recordSize, slotSeed(slot, live));
+      // Sequence 0 means "never written"; a wrapping counter skips it.
+      std::uint32_t next = seq + 2 == 0 ? 2 : seq + 2;
+      header.seq.store(next, std::memory_order_release);
+   }
+
+   void countIs(std::uint32_t count) {
+      count_ = count;
+      segment_->header().count.store(count, std::memory_order_relaxed);
+   }
+
+   void ringPush(const StoredKey& key) {
+      Shm::RingHeader& entry = segment_->ringEntry(head_);
+      entry.tag.store(0, std::memory_order_relaxed);
+      std::atomic_thread_fence(std::memory_order_release);
+      std::memcpy(segment_->ringKey(head_), &key, sizeof key);
+      entry.tag.store(head_ + 1, std::memory_order_release);
+      ++head_;
+      segment_->header().ringHead.store(head_, std::memory_order_seq_cst);
+      segment_->waitersPoke();
+   }
+
+   // Drops deleted cells by re-inserting every live slot. Readers that probe meanwhile see
+   // the index sequence move and look again.
+   void indexRebuild() {
+      auto& seq = segment_->header().indexSeq;
+      std::uint32_t s = seq.load(std::memory_order_relaxed);
+      seq.store(s + 1, std::memory_order_relaxed);
+      std::atomic_thread_fence(std::memory_order_release);
+      const std::uint64_t mask = geometry().indexSize - 1;
+      for (std::uint64_t i = 0; i <= mask; ++i) {
+         segment_->cell(i).store(Shm::emptyCell, std::memory_order_relaxed);
+      }
+      for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
+         if (!segment_->slot(slot).live) continue;
+         std::uint64_t i = hashOf(KeyCodec::decode(storedKey(slot))) & mask;
+         while (segment_->cell(i).load(std::memory_order_relaxed) != Shm::emptyCell) {
+            i = (i + 1) & mask;
+         }
+         segment_->cell(i).store(slot + 1, std::memory_order_relaxed);
+      }
+      deletedCells_ = 0;
+      seq.store(s + 2, std::memory_order_release);
+   }
+
+   // Waits out a writer in the middle of a change, within limits: a writer that died there,
+   // or one that never finishes, leaves a record that will never be whole.
+   class Patience {
+    public:
+      Patience(const ShmStore& store, std::string what) : store_(store), what_(std::move(what)) {}
+      void wait() {
+         ++attempts_;
+         if (attempts_ < 64) return;
+         if (attempts_ == 64) start_ = std::chrono::steady_clock::now();
+         std::this_thread::yield();
+         if (attempts_ % 64 != 0) return;
+         if (!store_.segment_->writerAlive()) {
+            throw StoreCorruption(what_ + ": the writer died in the middle of a write");
+         }
+         if (std::chrono::steady_clock::now() - start_ > std::chrono::milliseconds(200)) {
+            throw StoreCorruption(what_ + ": a write never completed");
+         }
+      }
+
+    private:
+      const ShmStore& store_;
+      std::string what_;
+      unsigned attempts_ = 0;
+      std::chrono::steady_clock::time_point start_;
+   };
+
+   // A consistent copy of a slot; false when the slot was never written.
+   bool slotRead(std::uint32_t slot, Record& record) const {
+      Shm::SlotHeader& header = segment_->slot(slot);
+      const unsigned char* bytes = segment_->slotKey(slot);
+      std::optional<Patience> patience;
+      for (;;) {
+         std::uint32_t seq = header.seq.load(std::memory_order_acquire);
+         if (seq == 0) return false;
+         if (seq & 1) {
+            if (!patience) patience.emplace(*this, "slot " + std::to_string(slot));
+            patience->wait();
+            continue;
+         }
+         std::uint32_t live = header.live;
+         std::uint64_t sum = header.checksum;
+         std::memcpy(record.bytes, bytes, recordSize);
+         std::atomic_thread_fence(std::memory_order_acquire);
+         if (header.seq.load(std::memory_order_relaxed) != seq) continue;
+         if (live > 1 || sum != Shm::checksum(record.bytes, recordSize, slotSeed(slot, live))) {
+            throw StoreCorruption("slot " + std::to_string(slot) + ": bad checksum");
+         }
+         record.live = live == 1;
+         return true;
+      }
+   }
+
+   bool readerFind(const K& key, std::uint64_t hash, Record& record) const {
+      const Shm::Geometry& g = geometry();
+      const std::uint64_t mask = g.indexSize - 1;
+      auto& indexSeq = segment_->header().indexSeq;
+      std::optional<Patience> patience;
+      for (;;) {
+         std::uint32_t seq = indexSeq.load(std::memory_order_acquire);
+         if (seq & 1) {
+            if (!patience) patience.emplace(*this, "index");
+            patience->wait();
+            continue;
+         }
+         std::uint64_t i = hash & mask;
+         for (std::uint64_t n = 0; n <= mask; ++n, i = (i + 1) & mask) {
+            std::uint32_t c = segment_->cell(i).load(std::memory_order_acquire);
+            if (c == Shm::emptyCell) break;
+            if (c == Shm::deletedCell) continue;
+            if (c > g.capacity) {
+               throw StoreCorruption("index cell " + std::to_string(i) + " points past the slots");
+            }
+            if (slotRead(c - 1, record) && record.live && KeyCodec::decode(record.key()) == key) {
+               return true;
+            }
+         }
+         std::atomic_thread_fence(std::memory_order_acquire);
+         if (indexSeq.load(std::memory_order_relaxed) == seq) return false;
+      }
+   }
+
+   std::optional<K> ringKey(std::uint64_t position) const {
+      Shm::RingHeader& entry = segment_->ringEntry(position);
+      std::uint64_t tag = entry.tag.load(std::memory_order_acquire);
+      if (tag != position + 1) return std::nullopt;
+      StoredKey key;
+      std::memcpy(&key, segment_->ringKey(position), sizeof key);
+      std::atomic_thread_fence(std::memory_order_acquire);
+      if (entry.tag.load(std::memory_order_relaxed) != tag) return std::nullopt;
+      return KeyCodec::decode(key);
+   }
+
+   // Every live key, read slot by slot.
+   std::set<K> scan() const {
+      std::set<K> keys;
+      Record record;
+      for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
+         if (writable()) {
+            if (segment_->slot(slot).live) keys.insert(KeyCodec::decode(storedKey(slot)));
+         } else if (slotRead(slot, record) && record.live) {
+            keys.insert(KeyCodec::decode(record.key()));
+         }
+      }
+      return keys;
+   }
+
+   // Built on the first ordered walk, kept up to date from then on.
+   const std::set<K>& orderedKeys() const {
+      if (!ordered_) ordered_ = scan();
+      return *ordered_;
+   }
+
+   void resync(ChangeSink<K>& sink) {
+      ++numResyncs_;
+      cursor_ = segment_->header().ringHead.load(std::memory_order_acquire);
+      if (ordered_) ordered_ = scan();
+      doorbell_->arm();
+      if (segment_->header().ringHead.load(std::memory_order_seq_cst) != cursor_) {
+         doorbell_->ringSelf();
+      }
+      sink.allChanged();
+   }
+
+   std::unique_ptr<Shm::Segment> segment_;
+   // Writer.
+   std::vector<std::uint32_t> free_;
+   std::uint32_t count_ = 0;
+   std::uint32_t deletedCells_ = 0;
+   std::uint64_t head_ = 0;
+   // Reader.
+   std::unique_ptr<Shm::Doorbell> doorbell_;
+   std::uint64_t cursor_ = 0;
+   std::uint64_t numResyncs_ = 0;
+   mutable std::optional<std::set<K>> ordered_;
+};
+
+}  // namespace Vault

@@ -1,0 +1,33 @@
+#pragma once
+
+#include <cstdint>
+#include <string>
+
+#include "Orb/Ptr.h"
+#include "Vault/ShmStore.h"
+
+namespace Vault {
+
+// Tables of the named type T (TableConfig, ...) over a shared-memory segment, both returned
+// mounted. The writer creates the segment `shmName` with room for `capacity` entries and
+// removes it when the table goes; a reader maps a segment that a writer made, and fails with
+// MountException (missing, other type, other layout) or Brio::CorruptionDetectedException.
+template <class T>
+Orb::Ptr<T> shmTableWriterNew(const std::string& name, const std::string& shmName,
+                              std::uint32_t capacity, std::uint32_t ringSize = 0) {
+   using Store = ShmStore<typename T::Key, typename T::Value>;
+   auto table =
+       Orb::ptrNew<T>(name, Store::writerNew(shmName, T::vaultTypeName, capacity, ringSize));
+   table->mountedIs(true);
+   return table;
+}
+
+template <class T>
+Orb::Ptr<T> shmTableReaderNew(const std::string& name, const std::string& shmName) {
+   using Store = ShmStore<typename T::Key, typename T::Value>;
+   auto table = Orb::ptrNew<T>(name, Store::readerNew(shmName, T::vaultTypeName));
+   table->mountedIs(true);
+   return table;
+}
+
+}  // namespace Vault

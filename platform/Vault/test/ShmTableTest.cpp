@@ -1,0 +1,163 @@
+#include <gtest/gtest.h>
+
+#include <map>
+#include <vector>
+
+#include "Vault/Vault.h"
+#include "ShmTestUtil.h"
+
+namespace {
+
+using namespace Vault::MbbEngine;
+
+struct Recorder : TableConfig::Notifiee {
+   void onEntry(const EntryKey& key) override { keys.push_back(key.value()); }
+   void onEntry() override { ++wholeTable; }
+   std::vector<std::uint64_t> keys;
+   int wholeTable = 0;
+};
+
+EntryConfig configOf(std::uint64_t key, std::uint64_t opId) {
+   return EntryConfig(key, opId, static_cast<std::uint32_t>(key), 0, 0, 1,
+                      static_cast<std::uint32_t>(key % 1000), 0, 0,
+                      ChipSdk::PlcmtDataBuilder().adtMember(7).block());
+}
+
+std::map<std::uint64_t, EntryConfig> viewOf(const TableConfig& table) {
+   std::map<std::uint64_t, EntryConfig> view;
+   for (const auto& [key, value] : table) view.emplace(key.value(), value);
+   return view;
+}
+
+TEST(VaultShmTable, ReaderSeesWritesAndHearsOfThemThroughItsDescriptor) {
+   std::string shmName = uniqueShmName("config");
+   auto writer = Vault::shmTableWriterNew<TableConfig>("config", shmName, 100);
+   auto reader = Vault::shmTableReaderNew<TableConfig>("config", shmName);
+   EXPECT_TRUE(writer->writable());
+   EXPECT_FALSE(reader->writable());
+   EXPECT_TRUE(reader->mounted());
+   EXPECT_EQ(reader->capacity(), 100u);
+   Recorder recorder;
+   recorder.notifierIs(reader.get());
+
+   writer->entryIs(configOf(5, 1));
+   writer->entryIs(configOf(3, 1));
+   writer->entryIs(configOf(5, 2));
+   writer->entryIs(configOf(5, 2));  // unchanged: not a change
+   EXPECT_EQ(reader->entry(5), configOf(5, 2));
+   EXPECT_EQ(reader->size(), 2u);
+   EXPECT_TRUE(recorder.keys.empty());
+
+   ASSERT_TRUE(readable(reader->changeFd(), 1000));
+   reader->changesDrain();
+   // One notification per changed key, in the order of their first change.
+   EXPECT_EQ(recorder.keys, (std::vector<std::uint64_t>{5, 3}));
+   EXPECT_FALSE(readable(reader->changeFd(), 0));
+
+   EXPECT_EQ(viewOf(*reader), viewOf(*writer));
+   writer->entryDel(3);
+   writer->entryIs(configOf(9, 1));
+   writer->entryIs(configOf(1, 1));
+   ASSERT_TRUE(readable(reader->changeFd(), 1000));
+   reader->changesDrain();
+   EXPECT_EQ(recorder.keys, (std::vector<std::uint64_t>{5, 3, 3, 9, 1}));
+   EXPECT_EQ(reader->entry(3), EntryConfig());
+   EXPECT_EQ(viewOf(*reader), viewOf(*writer));
+   std::vector<std::uint64_t> keys;
+   for (auto it = reader->iter(2); it != reader->end(); ++it) keys.push_back(it->first.value());
+   EXPECT_EQ(keys, (std::vector<std::uint64_t>{5, 9}));
+   EXPECT_EQ(recorder.wholeTable, 0);
+}
+
+TEST(VaultShmTable, FullTableRefusesAndStaysConsistent) {
+   std::string shmName = uniqueShmName("full");
+   auto writer = Vault::shmTableWriterNew<TableConfig>("full", shmName, 4);
+   auto reader = Vault::shmTableReaderNew<TableConfig>("full", shmName);
+   for (std::uint64_t key = 1; key <= 4; ++key) writer->entryIs(configOf(key, 1));
+   EXPECT_THROW(writer->entryIs(configOf(5, 1)), Vault::TableFullException);
+   EXPECT_EQ(writer->size(), 4u);
+   EXPECT_EQ(reader->entry(5), EntryConfig());
+   writer->entryIs(configOf(4, 2));
+   writer->entryDel(1);
+   writer->entryIs(configOf(5, 1));
+   reader->changesDrain();
+   EXPECT_EQ(viewOf(*reader), viewOf(*writer));
+   EXPECT_EQ(reader->size(), 4u);
+}
+
+TEST(VaultShmTable, ReaderThatFellBehindRescansAndAnnouncesTheWholeTable) {
+   std::string shmName = uniqueShmName("behind");
+   auto writer = Vault::shmTableWriterNew<TableConfig>("behind", shmName, 64, 16);
+   auto reader = Vault::shmTableReaderNew<TableConfig>("behind", shmName);
+   Recorder recorder;
+   recorder.notifierIs(reader.get());
+   EXPECT_TRUE(reader->begin() == reader->end());  // builds the reader's key index
+
+   for (std::uint64_t round = 1; round <= 5; ++round) {
+      for (std::uint64_t key = 0; key < 20; ++key) writer->entryIs(configOf(key, round));
+   }
+   writer->entryDel(7);
+   reader->changesDrain();
+   EXPECT_EQ(recorder.wholeTable, 1);
+   EXPECT_TRUE(recorder.keys.empty());
+   EXPECT_EQ(viewOf(*reader), viewOf(*writer));
+
+   // Back in step: single changes come key by key again.
+   writer->entryDel(8);
+   reader->changesDrain();
+   EXPECT_EQ(recorder.keys, (std::vector<std::uint64_t>{8}));
+   EXPECT_EQ(viewOf(*reader), viewOf(*writer));
+}
+
+TEST(VaultShmTable, ManyAddsAndDeletesKeepLookupsRight) {
+   std::string shmName = uniqueShmName("churn");
+   auto writer = Vault::shmTableWriterNew<TableStatus>("churn", shmName, 64);
+   auto reader = Vault::shmTableReaderNew<TableStatus>("churn", shmName);
+   std::map<std::uint64_t, EntryStatus> expected;
+   std::uint64_t state = 12345;
+   for (int i = 0; i < 5000; ++i) {
+      state = state * 6364136223846793005ULL + 1442695040888963407ULL;
+      std::uint64_t key = (state >> 33) % 96;
+      if (expected.contains(key) || expected.size() == 64) {
+         writer->entryDel(key);
+         expected.erase(key);
+      } else {
+         writer->entryIs(EntryStatus(key, i));
+         expected[key] = EntryStatus(key, i);
+      }
+      ASSERT_EQ(reader->entry(key), expected.contains(key) ? expected[key] : EntryStatus());
+   }
+   reader->changesDrain();
+   std::map<std::uint64_t, EntryStatus> view;
+   for (const auto& [key, value] : *reader) view.emplace(key.value(), value);
+   EXPECT_EQ(view, expected);
+   EXPECT_EQ(reader->size(), expected.size());
+}
+
+TEST(VaultShmTable, MountsFailClearly) {
+   std::string shmName = uniqueShmName("mount");
+   EXPECT_THROW(Vault::shmTableReaderNew<TableConfig>("x", shmName), Vault::MountException);
+   auto writer = Vault::shmTableWriterNew<TableConfig>("x", shmName, 8);
+   try {
+      Vault::shmTableReaderNew<TableStatus>("x", shmName);
+      FAIL() << "a configuration segment mounted as a status table";
+   } catch (const Vault::MountException& e) {
+      EXPECT_NE(std::string(e.what()).find("holds Vault::MbbEngine::TableConfig, not "
+                                           "Vault::MbbEngine::TableStatus"),
+                std::string::npos)
+          << e.what();
+   }
+   EXPECT_THROW(Vault::shmTableWriterNew<TableConfig>("x", shmName, 8), Vault::MountException);
+   auto reader = Vault::shmTableReaderNew<TableConfig>("x", shmName);
+   {
+      Brio::ScopedThrowingAsserts asserts;
+      EXPECT_THROW(reader->entryIs(configOf(1, 1)), Brio::AssertionFailure);
+   }
+   // The writer takes its segment with it; the reader keeps what it mapped.
+   writer->entryIs(configOf(1, 1));
+   writer.reset();
+   EXPECT_THROW(Vault::shmTableReaderNew<TableConfig>("x", shmName), Vault::MountException);
+   EXPECT_EQ(reader->entry(1), configOf(1, 1));
+}
+
+}  // namespace
