@@ -17,7 +17,12 @@ MatTable::Instance& MatTable::instanceFor(int instance) {
    Instance& inst = instances_[static_cast<std::size_t>(instance)];
    if (inst.indexToSlot.empty()) {
       inst.indexToSlot.assign(profile().size, 0);
-      if (slotOf_.size() == 0) slotOf_.reserve(profile().size);
+      // Room for a full instance up front: address space only, pages arrive as entries do,
+      // and the placement path never stops to grow and copy.
+      if (slotOf_.size() == 0) {
+         slotOf_.reserve(profile().size);
+         slots_.reserve(profile().size);
+      }
    }
    return inst;
 }

@@ -84,21 +84,29 @@ class OpenMap {
    }
 
  private:
+   static constexpr unsigned runBits = 4;
+   static constexpr std::uint64_t runMask = (1u << runBits) - 1;
+
    struct Slot {
       Key key = 0;
       std::uint32_t value = 0;
    };
 
+   // Keys that differ only in their low bits share a run of neighbouring slots: handles are
+   // mostly handed out in sequence, and a walk over them then stays in a few cache lines
+   // instead of missing on every key. The rest of the key is scattered by a multiply.
    std::size_t home(Key key) const {
-      return static_cast<std::size_t>((static_cast<std::uint64_t>(key) * 0x9E3779B97F4A7C15ull) >>
-                                      shift_);
+      auto value = static_cast<std::uint64_t>(key);
+      std::uint64_t run = shift_ >= 64 ? 0 : ((value >> runBits) * 0x9E3779B97F4A7C15ull) >> shift_;
+      return static_cast<std::size_t>(((run << runBits) | (value & runMask)) & mask_);
    }
 
    void rehash(std::size_t capacity) {
       std::vector<Slot> old = std::move(slots_);
       slots_.assign(capacity, Slot{});
       mask_ = capacity - 1;
-      shift_ = 64;
+      // 64 minus the bits of a run number: the capacity's bits less runBits.
+      shift_ = 64 + runBits;
       for (std::size_t c = capacity; c > 1; c >>= 1) --shift_;
       size_ = 0;
       for (const Slot& slot : old) {
