@@ -97,7 +97,7 @@ bool Handle::open(std::string_view name, const LevelSizes& sizesKiB) {
    layout.version = fileVersion;
    layout.numLevels = numLevels;
    layout.fileSize = fileSize;
-   layout.maxStringLen = maxStringLen_;
+   layout.maxStringLen = maxStringLen();
    layout.pid = static_cast<std::uint32_t>(getpid());
    layout.clockFirst = clockPair();
    layout.clockLast = calibratedLast(layout.clockFirst);
@@ -127,7 +127,7 @@ void Handle::close() {
 
 void Handle::maxStringLenIs(std::uint32_t len) {
    BRIO_ASSERT(len <= 0xFFFF);
-   maxStringLen_ = len;
+   maxStringLen_.store(len, std::memory_order_relaxed);
    if (base_) header()->maxStringLen = len;
 }
 

@@ -50,7 +50,7 @@ class Handle {
    const std::string& path() const { return path_; }
 
    // Strings longer than this are cut; applies to records written afterwards.
-   std::uint32_t maxStringLen() const { return maxStringLen_; }
+   std::uint32_t maxStringLen() const { return maxStringLen_.load(std::memory_order_relaxed); }
    void maxStringLenIs(std::uint32_t len);
 
    // Writes one record. Arguments are string literals (labels, stored once in the format
@@ -82,7 +82,7 @@ class Handle {
    char* base_ = nullptr;
    std::size_t mapSize_ = 0;
    std::string path_;
-   std::uint32_t maxStringLen_ = defaultMaxStringLen;
+   std::atomic<std::uint32_t> maxStringLen_{defaultMaxStringLen};
    std::atomic_flag lock_;
    // Guarded by lock_.
    std::vector<std::uint32_t> siteFormats_;  // by site id; 0 unknown, noFormatRoom dropped
@@ -105,7 +105,7 @@ template <class... A>
 void Handle::write(const FormatSite& site, unsigned level, A&&... args) {
    BRIO_ASSERT(level < numLevels);
    if (!isOpen()) return;
-   const std::uint32_t max = maxStringLen_;
+   const std::uint32_t max = maxStringLen();
    const std::size_t valuesSize = (detail::valueSize<A>(args, max) + ... + 0);
    lock();
    std::uint32_t formatId = formatIdOf(site);
