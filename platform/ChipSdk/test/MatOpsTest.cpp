@@ -1,3 +1,5 @@
+#include <chrono>
+
 #include <gtest/gtest.h>
 
 #include "ChipSdk/ChipSdk.h"
@@ -217,6 +219,30 @@ TEST_F(MatOps, EntryScopeMakesOneInstancePerPipe) {
              BF_SUCCESS);
    EXPECT_EQ(model->table(1, singleHdl)->entryScope(), 0u);
    EXPECT_EQ(model->table(0, singleHdl)->entryScope(), 1u);
+}
+
+TEST_F(MatOps, EveryAppliedOperationTakesTheDeviceLatency) {
+   using namespace std::chrono;
+   PlcmtDataBlock a = plainBlock(1);
+   for (LatencyMode mode : {LatencyMode::busyWait, LatencyMode::sleep}) {
+      model->opLatencyIs(milliseconds(2), mode);
+      auto start = steady_clock::now();
+      std::uint32_t processed = 0;
+      EXPECT_EQ(commit(
+                    singleHdl,
+                    [&](p4_pd_plcmt_info_t* info) {
+                       p4_pd_set_one_plcmt_op_mat_add(info, 0x10, allPipes, 1, 0, 0, a.data());
+                       p4_pd_set_one_plcmt_op_mat_mov(info, 0x10, 2, 0, 0, a.data());
+                       p4_pd_set_one_plcmt_op_mat_del(info, 0x10);
+                       return p4_pd_set_one_plcmt_op_mat_del(info, 0x10);  // refused, no delay
+                    },
+                    &processed),
+                BF_OBJECT_NOT_FOUND);
+      EXPECT_EQ(processed, 3u);
+      EXPECT_GE(steady_clock::now() - start, milliseconds(6));
+   }
+   model->opLatencyIs(nanoseconds(0));
+   EXPECT_EQ(model->opLatency().count(), 0);
 }
 
 }  // namespace
