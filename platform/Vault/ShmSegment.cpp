@@ -129,13 +129,11 @@ Segment::Segment(std::string shmName, unsigned char* base, std::size_t mappedSiz
       base_(base),
       mappedSize_(mappedSize),
       geometry_(geometry),
-      owner_(owner) {}
+      owner_(owner),
+      linked_(owner) {}
 
 Segment::~Segment() {
-   if (owner_) {
-      header().writerPid.store(0, std::memory_order_release);
-      ::shm_unlink(shmName_.c_str());
-   }
+   unlink();
    if (pokeFd_ >= 0) ::close(pokeFd_);
    ::munmap(base_, mappedSize_);
 }
@@ -245,6 +243,13 @@ std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_v
    }
    return std::unique_ptr<Segment>(
        new Segment(shmName, static_cast<unsigned char*>(mapped), size, g, false));
+}
+
+void Segment::unlink() {
+   if (!linked_) return;
+   linked_ = false;
+   header().writerPid.store(0, std::memory_order_release);
+   ::shm_unlink(shmName_.c_str());
 }
 
 bool Segment::writerAlive() const {

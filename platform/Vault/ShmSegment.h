@@ -62,6 +62,9 @@ class Segment {
    }
 
    bool writerAlive() const;
+   // Writer: removes the segment's name, so that no reader can map it any more and a new
+   // writer may create it afresh. Whoever mapped it keeps the memory.
+   void unlink();
 
    // Writer: wakes the readers that armed themselves since the last poke.
    void waitersPoke();
@@ -75,6 +78,7 @@ class Segment {
    std::size_t mappedSize_;
    Geometry geometry_;
    bool owner_;
+   bool linked_;
    int pokeFd_ = -1;
 };
 

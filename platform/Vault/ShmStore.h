@@ -163,6 +163,9 @@ class ShmStore : public Store<K, V> {
       }
    }
    int changeFd() const override { return doorbell_ ? doorbell_->fd() : -1; }
+   void retire() override {
+      if (writable()) segment_->unlink();
+   }
 
    const Shm::Segment& segment() const { return *segment_; }
    std::uint64_t numResyncs() const { return numResyncs_; }

@@ -49,6 +49,10 @@ class Store {
    // A descriptor that becomes readable when changes may be waiting, or -1 when the store
    // offers none.
    virtual int changeFd() const { return -1; }
+
+   // The table is unmounted: a writer removes its segment from the system. Those who still
+   // hold the table keep what it held.
+   virtual void retire() {}
 };
 
 }  // namespace Vault

@@ -12,3 +12,4 @@
 #include "Vault/PlcmtDataValue.h"
 #include "Vault/ShmTable.h"
 #include "Vault/Table.h"
+#include "Vault/TableTypes.h"

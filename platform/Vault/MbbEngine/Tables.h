@@ -8,6 +8,7 @@
 #include "Vault/MbbEngine/EntryConfig.h"
 #include "Vault/MbbEngine/EntryStatus.h"
 #include "Vault/Table.h"
+#include "Vault/TableTypes.h"
 
 namespace Vault::MbbEngine {
 
@@ -24,6 +25,9 @@ class TableStatus : public Table<EntryKey, EntryStatus> {
    static constexpr std::string_view vaultTypeName = "Vault::MbbEngine::TableStatus";
    using Table::Table;
 };
+
+inline const bool tableConfigRegistered = registerTableType<TableConfig>();
+inline const bool tableStatusRegistered = registerTableType<TableStatus>();
 
 // Test-mode tables, held in this process. Neither is mounted yet (see localTableNew).
 inline Orb::Ptr<TableConfig> tableConfigFactory(const std::string& name) {

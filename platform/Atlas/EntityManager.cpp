@@ -1,0 +1,149 @@
+#include "Atlas/EntityManager.h"
+
+#include <cstdio>
+#include <functional>
+
+#include "Brio/Brio.h"
+#include "Keel/EventLoop.h"
+#include "Vault/Errors.h"
+
+namespace Atlas {
+
+namespace {
+
+constexpr std::size_t maxShmName = 200;
+
+bool plainChar(char c) {
+   return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
+          c == '-';
+}
+
+// Characters that a segment name cannot hold, and the dots that separate root from path,
+// are spelled %XX, so that two paths never share a name.
+std::string escaped(const std::string& text) {
+   std::string out;
+   for (char c : text) {
+      if (plainChar(c)) {
+         out += c;
+      } else {
+         char buf[4];
+         std::snprintf(buf, sizeof buf, "%%%02X", static_cast<unsigned char>(c));
+         out += buf;
+      }
+   }
+   return out;
+}
+
+const char* modeName(MountMode mode) {
+   return mode == MountMode::reader ? "reader" : "writer";
+}
+
+}  // namespace
+
+EntityManager::EntityManager(std::string root, Keel::EventLoop* eventLoop)
+    : Orb::Entity<EntityManager>(root), root_(std::move(root)), eventLoop_(eventLoop) {
+   if (root_.empty()) throw Vault::MountException("an entity manager needs a root");
+}
+
+EntityManager::~EntityManager() {
+   unmountAll();
+}
+
+std::string EntityManager::shmName(const std::string& path) const {
+   std::string name = "/" + escaped(root_) + "." + escaped(path);
+   if (name.size() <= maxShmName) return name;
+   // Long names keep a readable start and a hash of the whole.
+   char hash[24];
+   std::snprintf(hash, sizeof hash, ".%016zx", std::hash<std::string>()(name));
+   return name.substr(0, maxShmName - 17) + hash;
+}
+
+Orb::Ptr<Orb::Object> EntityManager::mount(const std::string& path, const std::string& typeName,
+                                           MountMode mode, std::uint32_t capacity) {
+   if (auto it = mounts_.find(path); it != mounts_.end()) {
+      if (it->second.typeName != typeName || it->second.mode != mode) {
+         throw Vault::MountException(path + " is mounted as " + it->second.typeName + " " +
+                                     modeName(it->second.mode) + ", not as " + typeName + " " +
+                                     modeName(mode));
+      }
+      return it->second.table.entity;
+   }
+   const Vault::TableTypes::Type* type = Vault::TableTypes::instance().type(typeName);
+   if (!type) throw Vault::MountException("unknown table type " + typeName + " for " + path);
+   if (mode == MountMode::writer && capacity == 0) {
+      throw Vault::MountException("a writer of " + path + " needs a capacity");
+   }
+   Mount mount{typeName, mode,
+               mode == MountMode::writer ? type->writerNew(path, shmName(path), capacity)
+                                         : type->readerNew(path, shmName(path))};
+   auto entity = mount.table.entity;
+   auto [it, inserted] = mounts_.emplace(path, std::move(mount));
+   watch(path, it->second);
+   return entity;
+}
+
+std::unique_ptr<MountGroup> EntityManager::mountGroupNew() {
+   return std::make_unique<MountGroup>(*this);
+}
+
+void EntityManager::unmount(const std::string& path) {
+   auto it = mounts_.find(path);
+   if (it == mounts_.end()) return;
+   unwatch(it->second);
+   it->second.table.retire();
+   mounts_.erase(it);
+}
+
+void EntityManager::unmountAll() {
+   while (!mounts_.empty()) unmount(mounts_.begin()->first);
+}
+
+Orb::Ptr<Orb::Object> EntityManager::entity(const std::string& path) const {
+   auto it = mounts_.find(path);
+   return it == mounts_.end() ? nullptr : it->second.table.entity;
+}
+
+void EntityManager::watch(const std::string& path, const Mount& mount) {
+   int fd = mount.table.changeFd();
+   if (!eventLoop_ || fd < 0) return;
+   std::function<void()> drain = mount.table.changesDrain;
+   eventLoop_->fdReadHandlerIs(fd, [this, fd, drain] {
+      try {
+         drain();
+      } catch (const Brio::CorruptionDetectedException&) {
+         // The table has run its corruption handling; reading it further would only fail
+         // again, so it is fed no more.
+         ++numCorruptionDetectedOps_;
+         eventLoop_->fdReadHandlerDel(fd);
+      }
+   });
+}
+
+void EntityManager::unwatch(const Mount& mount) {
+   int fd = mount.table.changeFd();
+   if (eventLoop_ && fd >= 0) eventLoop_->fdReadHandlerDel(fd);
+}
+
+void MountGroup::mount(const std::string& path, const std::string& typeName, MountMode mode,
+                       std::uint32_t capacity) {
+   BRIO_ASSERT(!closed_ && "mount group already closed");
+   requests_.push_back({path, typeName, mode, capacity});
+}
+
+void MountGroup::close() {
+   BRIO_ASSERT(!closed_ && "mount group already closed");
+   closed_ = true;
+   std::vector<std::string> made;
+   try {
+      for (const Request& r : requests_) {
+         bool already = entityManager_.entity(r.path) != nullptr;
+         entityManager_.mount(r.path, r.typeName, r.mode, r.capacity);
+         if (!already) made.push_back(r.path);
+      }
+   } catch (...) {
+      for (const std::string& path : made) entityManager_.unmount(path);
+      throw;
+   }
+}
+
+}  // namespace Atlas
