@@ -1,0 +1,146 @@
+#include "MbbEngine/PendingEntries.h"
+
+#include <algorithm>
+
+#include "Brio/Brio.h"
+
+namespace MbbEngine {
+
+const char* pendingReasonName(PendingReason reason) {
+   switch (reason) {
+      case PendingReason::ready:
+         return "ready";
+      case PendingReason::index:
+         return "index";
+      case PendingReason::handle:
+         return "handle";
+      case PendingReason::dependants:
+         return "dependants";
+      case PendingReason::badConfig:
+         return "badConfig";
+   }
+   return "unknown";
+}
+
+PendingEntries::PendingEntries() : byKey_(ByKey{&records_}), waiters_(ByResource{&records_}) {}
+
+void PendingEntries::add(Vault::MbbEngine::EntryKey key, Vault::MbbEngine::OpId opId,
+                         std::uint64_t ti) {
+   BRIO_ASSERT(ti != 0);
+   if (byKey_.find(key) != noRecord) return;
+   PendingEntry entry;
+   entry.key = key;
+   entry.ti = ti;
+   entry.opId = opId;
+   std::uint32_t record;
+   if (!freeRecords_.empty()) {
+      record = freeRecords_.back();
+      freeRecords_.pop_back();
+      records_[record] = entry;
+   } else {
+      record = static_cast<std::uint32_t>(records_.size());
+      records_.push_back(entry);
+   }
+   byKey_.insert(record);
+}
+
+void PendingEntries::erase(Vault::MbbEngine::EntryKey key) {
+   const std::uint32_t record = byKey_.find(key);
+   if (record == noRecord) return;
+   unlink(record);
+   byKey_.erase(key);
+   records_[record] = PendingEntry{};
+   freeRecords_.push_back(record);
+}
+
+void PendingEntries::unlink(std::uint32_t record) {
+   PendingEntry& entry = records_[record];
+   if (entry.resource == 0) return;
+   if (entry.prevWaiter != noRecord) {
+      records_[entry.prevWaiter].nextWaiter = entry.nextWaiter;
+   } else {
+      waiters_.erase(entry.resource);
+      if (entry.nextWaiter != noRecord) waiters_.insert(entry.nextWaiter);
+   }
+   if (entry.nextWaiter != noRecord) records_[entry.nextWaiter].prevWaiter = entry.prevWaiter;
+   entry.prevWaiter = entry.nextWaiter = noRecord;
+   entry.resource = 0;
+}
+
+void PendingEntries::waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resource,
+                             PendingReason reason) {
+   const std::uint32_t record = byKey_.find(key);
+   BRIO_ASSERT(record != noRecord && resource != 0);
+   unlink(record);
+   const std::uint32_t head = waiters_.find(resource);
+   if (head != noRecord) {
+      waiters_.erase(resource);
+      records_[head].prevWaiter = record;
+   }
+   PendingEntry& entry = records_[record];
+   entry.nextWaiter = head;
+   entry.resource = resource;
+   entry.reason = reason;
+   waiters_.insert(record);
+}
+
+void PendingEntries::reasonIs(Vault::MbbEngine::EntryKey key, PendingReason reason) {
+   const std::uint32_t record = byKey_.find(key);
+   BRIO_ASSERT(record != noRecord);
+   unlink(record);
+   records_[record].reason = reason;
+}
+
+void PendingEntries::readyPush(std::uint32_t record) {
+   records_[record].reason = PendingReason::ready;
+   ready_.emplace(records_[record].ti, record);
+}
+
+void PendingEntries::release(std::uint64_t resource) {
+   std::uint32_t record = waiters_.erase(resource);
+   while (record != noRecord) {
+      PendingEntry& entry = records_[record];
+      const std::uint32_t next = entry.nextWaiter;
+      entry.prevWaiter = entry.nextWaiter = noRecord;
+      entry.resource = 0;
+      readyPush(record);
+      record = next;
+   }
+}
+
+void PendingEntries::ready(Vault::MbbEngine::EntryKey key) {
+   const std::uint32_t record = byKey_.find(key);
+   if (record == noRecord) return;
+   unlink(record);
+   readyPush(record);
+}
+
+bool PendingEntries::readyPop(Vault::MbbEngine::EntryKey& key) {
+   while (!ready_.empty()) {
+      const auto [ti, record] = ready_.top();
+      ready_.pop();
+      // A key readied twice, or gone and its record reused, is passed over.
+      const PendingEntry& entry = records_[record];
+      if (entry.ti != ti || entry.reason != PendingReason::ready) continue;
+      key = entry.key;
+      return true;
+   }
+   return false;
+}
+
+std::size_t PendingEntries::memoryBytes() const {
+   return records_.capacity() * sizeof(PendingEntry) +
+          freeRecords_.capacity() * sizeof(std::uint32_t) + byKey_.memoryBytes() +
+          waiters_.memoryBytes() + ready_.size() * sizeof(Ready);
+}
+
+std::vector<PendingEntry> PendingEntries::byTi() const {
+   std::vector<PendingEntry> entries;
+   entries.reserve(size());
+   byKey_.forEach([&](std::uint32_t record) { entries.push_back(records_[record]); });
+   std::sort(entries.begin(), entries.end(),
+             [](const PendingEntry& a, const PendingEntry& b) { return a.ti < b.ti; });
+   return entries;
+}
+
+}  // namespace MbbEngine

@@ -1,0 +1,107 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <queue>
+#include <utility>
+#include <vector>
+
+#include "MbbEngine/SlotIndex.h"
+#include "Vault/MbbEngine/EntryKey.h"
+
+namespace MbbEngine {
+
+// Why a key's newest configuration is not in hardware yet.
+enum class PendingReason : std::uint8_t {
+   ready,       // nothing in the way any more: to be issued in transaction order
+   index,       // its index is held by another key
+   handle,      // its entry handle is held by another key
+   dependants,  // the tables it depends on are not ready for it
+   badConfig,   // the configuration cannot be honoured as it stands
+};
+const char* pendingReasonName(PendingReason reason);
+
+// What a waiting key waits for: an index or an entry handle of the table.
+inline std::uint64_t indexResource(std::uint32_t index) {
+   return (std::uint64_t{1} << 32) | index;
+}
+inline std::uint64_t handleResource(std::uint32_t handle) {
+   return (std::uint64_t{2} << 32) | handle;
+}
+
+struct PendingEntry {
+   Vault::MbbEngine::EntryKey key;
+   std::uint64_t ti = 0;  // transaction index; 0 marks a free record
+   Vault::MbbEngine::OpId opId;
+   std::uint64_t resource = 0;  // what it waits for, 0 when not waiting for a resource
+   std::uint32_t prevWaiter = noRecord;
+   std::uint32_t nextWaiter = noRecord;
+   PendingReason reason = PendingReason::ready;
+
+   static constexpr std::uint32_t noRecord = ~std::uint32_t{0};
+};
+
+// The keys whose newest configuration waits, each with the transaction index of that change.
+// Keys that wait for the same resource are linked together, so that freeing the resource
+// readies exactly them; readied keys come out in transaction order.
+class PendingEntries {
+ public:
+   PendingEntries();
+   PendingEntries(const PendingEntries&) = delete;
+   PendingEntries& operator=(const PendingEntries&) = delete;
+
+   // Null when the key does not wait. A pointer is good until the next add.
+   const PendingEntry* find(Vault::MbbEngine::EntryKey key) const {
+      const std::uint32_t record = byKey_.find(key);
+      return record == noRecord ? nullptr : &records_[record];
+   }
+
+   // Records that the key waits with `opId`, as change `ti`; a key already waiting keeps its
+   // place.
+   void add(Vault::MbbEngine::EntryKey key, Vault::MbbEngine::OpId opId, std::uint64_t ti);
+   void erase(Vault::MbbEngine::EntryKey key);
+   // The key waits for `resource` (reason index or handle), or for nothing in particular.
+   void waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resource, PendingReason reason);
+   void reasonIs(Vault::MbbEngine::EntryKey key, PendingReason reason);
+   // Readies every key that waits for `resource`.
+   void release(std::uint64_t resource);
+   // Readies one key, whatever it waits for.
+   void ready(Vault::MbbEngine::EntryKey key);
+   // The readied key with the lowest transaction index, taken off the ready list; false when
+   // none is ready.
+   bool readyPop(Vault::MbbEngine::EntryKey& key);
+   bool readyEmpty() const { return ready_.empty(); }
+
+   std::size_t size() const { return byKey_.size(); }
+   std::size_t memoryBytes() const;
+   // Every waiting key, by transaction index.
+   std::vector<PendingEntry> byTi() const;
+
+ private:
+   static constexpr std::uint32_t noRecord = PendingEntry::noRecord;
+   using Records = std::vector<PendingEntry>;
+   struct ByKey {
+      const Records* records;
+      Vault::MbbEngine::EntryKey operator()(std::uint32_t r) const { return (*records)[r].key; }
+      static std::uint32_t hash(Vault::MbbEngine::EntryKey key) { return mixHash(key.value()); }
+   };
+   // Indexes the first key of each resource's list of waiters.
+   struct ByResource {
+      const Records* records;
+      std::uint64_t operator()(std::uint32_t r) const { return (*records)[r].resource; }
+      static std::uint32_t hash(std::uint64_t resource) { return mixHash(resource); }
+   };
+   using Ready = std::pair<std::uint64_t, std::uint32_t>;  // (ti, record)
+
+   void unlink(std::uint32_t record);
+   void readyPush(std::uint32_t record);
+
+   Records records_;
+   std::vector<std::uint32_t> freeRecords_;
+   SlotIndex<ByKey> byKey_;
+   SlotIndex<ByResource> waiters_;
+   std::priority_queue<Ready, std::vector<Ready>, std::greater<Ready>> ready_;
+};
+
+}  // namespace MbbEngine
