@@ -17,21 +17,16 @@ void AdtTable::instancesIs(std::uint16_t count) {
 }
 
 bool AdtTable::empty() const {
-   return slots_.size() == freeSlots_.size();
+   return slots_.empty();
 }
 
 std::uint32_t AdtTable::slotFor(std::uint16_t instance, std::uint32_t hdl) {
    std::uint64_t key = refKey(instance, hdl);
    std::uint32_t slot = slotOf_.find(key);
    if (slot != absent) return slot;
-   if (freeSlots_.empty()) {
-      slot = static_cast<std::uint32_t>(slots_.size());
-      slots_.emplace_back();
-   } else {
-      slot = freeSlots_.back();
-      freeSlots_.pop_back();
-   }
-   slots_[slot] = AdtEntry{hdl, instance, false, 0, {}};
+   slot = slots_.alloc();
+   slots_[slot].hdl = hdl;
+   slots_[slot].instance = instance;
    slotOf_.insert(key, slot);
    return slot;
 }
@@ -41,7 +36,7 @@ void AdtTable::slotRelease(std::uint32_t slot) {
    if (entry.exists || entry.refCount != 0) return;
    slotOf_.erase(refKey(entry.instance, entry.hdl));
    entry.hdl = 0;
-   freeSlots_.push_back(slot);
+   slots_.release(slot);
 }
 
 bool AdtTable::refAcquire(std::uint16_t instance, std::uint32_t hdl) {
@@ -90,9 +85,8 @@ bf_status_t AdtTable::apply(const PlcmtOp& op, OpContext& ctx) {
 }
 
 bf_status_t AdtTable::add(const PlcmtOp& op, OpContext& ctx) {
-   if (op.hdl == 0) return ctx.refuse(BF_INVALID_ARG, "adt_add: member handle 0");
-   int instance = writeInstance(op.pipe);
-   if (instance < 0) return refusePipe(ctx, op);
+   int instance = 0;
+   if (bf_status_t status = checkPlacement(op, ctx, instance); status != BF_SUCCESS) return status;
    if (ownerOf_.find(op.hdl) != absent) {
       return ctx.refuse(BF_ALREADY_EXISTS, "adt_add: member handle 0x%x exists in %s", op.hdl,
                         profile().name.c_str());
@@ -113,22 +107,23 @@ bf_status_t AdtTable::add(const PlcmtOp& op, OpContext& ctx) {
    return BF_SUCCESS;
 }
 
+bf_status_t AdtTable::findOwned(const PlcmtOp& op, OpContext& ctx, std::uint32_t& slot) const {
+   slot = ownerOf_.find(op.hdl);
+   if (slot != absent) return BF_SUCCESS;
+   return ctx.refuse(BF_OBJECT_NOT_FOUND, "%s: no member handle 0x%x in %s", opKindName(op.kind),
+                     op.hdl, profile().name.c_str());
+}
+
 bf_status_t AdtTable::mod(const PlcmtOp& op, OpContext& ctx) {
-   std::uint32_t slot = ownerOf_.find(op.hdl);
-   if (slot == absent) {
-      return ctx.refuse(BF_OBJECT_NOT_FOUND, "adt_mod: no member handle 0x%x in %s", op.hdl,
-                        profile().name.c_str());
-   }
+   std::uint32_t slot = absent;
+   if (bf_status_t status = findOwned(op, ctx, slot); status != BF_SUCCESS) return status;
    slots_[slot].data = op.data;
    return BF_SUCCESS;
 }
 
 bf_status_t AdtTable::del(const PlcmtOp& op, OpContext& ctx) {
-   std::uint32_t slot = ownerOf_.find(op.hdl);
-   if (slot == absent) {
-      return ctx.refuse(BF_OBJECT_NOT_FOUND, "adt_del: no member handle 0x%x in %s", op.hdl,
-                        profile().name.c_str());
-   }
+   std::uint32_t slot = absent;
+   if (bf_status_t status = findOwned(op, ctx, slot); status != BF_SUCCESS) return status;
    AdtEntry& entry = slots_[slot];
    if (entry.refCount != 0) {
       ctx.violation(ViolationKind::adtDelInUse, "member handle 0x%x of %s still has %u users",

@@ -10,6 +10,7 @@
 
 #include "ChipSdk/HandleSet.h"
 #include "ChipSdk/OpenMap.h"
+#include "ChipSdk/SlotPool.h"
 #include "ChipSdk/TableModel.h"
 
 namespace ChipSdk {
@@ -55,12 +56,12 @@ class AdtTable : public TableModel {
    std::uint32_t slotFor(std::uint16_t instance, std::uint32_t hdl);
    void slotRelease(std::uint32_t slot);
 
+   bf_status_t findOwned(const PlcmtOp& op, OpContext& ctx, std::uint32_t& slot) const;
    bf_status_t add(const PlcmtOp& op, OpContext& ctx);
    bf_status_t mod(const PlcmtOp& op, OpContext& ctx);
    bf_status_t del(const PlcmtOp& op, OpContext& ctx);
 
-   std::vector<AdtEntry> slots_;
-   std::vector<std::uint32_t> freeSlots_;
+   SlotPool<AdtEntry> slots_;
    OpenMap<std::uint64_t> slotOf_;   // (instance, handle) -> slot, installed or referenced
    OpenMap<std::uint32_t> ownerOf_;  // handle -> slot of the installed entry
    std::vector<Instance> instances_;

@@ -13,14 +13,7 @@ void HandleSet::insert(std::uint32_t hdl) {
    std::uint32_t pageId = hdl >> pageShift;
    std::uint32_t at = pageAt(pageId);
    if (at == OpenMap<std::uint32_t>::absent) {
-      if (freePages_.empty()) {
-         at = static_cast<std::uint32_t>(pages_.size());
-         pages_.emplace_back();
-      } else {
-         at = freePages_.back();
-         freePages_.pop_back();
-         pages_[at] = Page{};
-      }
+      at = pages_.alloc();
       pageOf_.insert(pageId + 1, at);
       pageIds_.insert(pageId);
    }
@@ -51,7 +44,7 @@ void HandleSet::erase(std::uint32_t hdl) {
       // Dropping empty pages keeps a walk from crossing ranges of handles long gone.
       pageOf_.erase(pageId + 1);
       pageIds_.erase(pageId);
-      freePages_.push_back(at);
+      pages_.release(at);
    }
 }
 

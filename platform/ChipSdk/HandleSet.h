@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "ChipSdk/OpenMap.h"
+#include "ChipSdk/SlotPool.h"
 
 namespace ChipSdk {
 
@@ -40,8 +41,7 @@ class HandleSet {
    std::size_t scanPage(std::uint32_t pageId, const Page& page, unsigned firstBit,
                         std::size_t count, std::vector<std::uint32_t>& out) const;
 
-   std::vector<Page> pages_;
-   std::vector<std::uint32_t> freePages_;
+   SlotPool<Page> pages_;
    OpenMap<std::uint32_t> pageOf_;
    std::set<std::uint32_t> pageIds_;
    std::size_t size_ = 0;

@@ -58,6 +58,14 @@ bf_status_t MatTable::checkIndex(const PlcmtOp& op, OpContext& ctx) const {
                      opKindName(op.kind), op.index, profile().name.c_str(), profile().size);
 }
 
+bf_status_t MatTable::checkIndexFree(const PlcmtOp& op, OpContext& ctx, const Instance& inst,
+                                     std::uint32_t self) const {
+   std::uint32_t holder = inst.indexToSlot[op.index];
+   if (holder == 0 || holder == self + 1) return BF_SUCCESS;
+   return ctx.refuse(BF_ALREADY_EXISTS, "%s: index 0x%x of %s is held by entry 0x%x",
+                     opKindName(op.kind), op.index, profile().name.c_str(), slots_[holder - 1].hdl);
+}
+
 bf_status_t MatTable::checkAction(const PlcmtOp& op, OpContext& ctx) const {
    const char* name = opKindName(op.kind);
    switch (op.action) {
@@ -131,14 +139,7 @@ void MatTable::actionReplace(MatEntry& entry, const PlcmtOp& op, OpContext& ctx)
 }
 
 std::uint32_t MatTable::slotNew(const PlcmtOp& op, std::uint16_t instance) {
-   std::uint32_t slot;
-   if (freeSlots_.empty()) {
-      slot = static_cast<std::uint32_t>(slots_.size());
-      slots_.emplace_back();
-   } else {
-      slot = freeSlots_.back();
-      freeSlots_.pop_back();
-   }
+   std::uint32_t slot = slots_.alloc();
    MatEntry& entry = slots_[slot];
    entry.hdl = op.hdl;
    entry.index = op.index;
@@ -160,7 +161,7 @@ void MatTable::slotDel(std::uint32_t slot) {
    actionRelease(entry);
    slotOf_.erase(entry.hdl);
    entry.hdl = 0;
-   freeSlots_.push_back(slot);
+   slots_.release(slot);
 }
 
 bf_status_t MatTable::apply(const PlcmtOp& op, OpContext& ctx) {
@@ -183,18 +184,16 @@ bf_status_t MatTable::apply(const PlcmtOp& op, OpContext& ctx) {
 }
 
 bf_status_t MatTable::add(const PlcmtOp& op, OpContext& ctx) {
-   if (op.hdl == 0) return ctx.refuse(BF_INVALID_ARG, "mat_add: entry handle 0");
-   int instance = writeInstance(op.pipe);
-   if (instance < 0) return refusePipe(ctx, op);
+   int instance = 0;
+   if (bf_status_t status = checkPlacement(op, ctx, instance); status != BF_SUCCESS) return status;
    if (bf_status_t status = checkIndex(op, ctx); status != BF_SUCCESS) return status;
    if (slotOf_.find(op.hdl) != noSlot) {
       return ctx.refuse(BF_ALREADY_EXISTS, "mat_add: entry handle 0x%x exists in %s", op.hdl,
                         profile().name.c_str());
    }
    Instance& inst = instanceFor(instance);
-   if (std::uint32_t holder = inst.indexToSlot[op.index]; holder != 0) {
-      return ctx.refuse(BF_ALREADY_EXISTS, "mat_add: index 0x%x of %s is held by entry 0x%x",
-                        op.index, profile().name.c_str(), slots_[holder - 1].hdl);
+   if (bf_status_t status = checkIndexFree(op, ctx, inst, noSlot); status != BF_SUCCESS) {
+      return status;
    }
    if (bf_status_t status = checkAction(op, ctx); status != BF_SUCCESS) return status;
    auto inst16 = static_cast<std::uint16_t>(instance);
@@ -215,9 +214,8 @@ bf_status_t MatTable::mov(const PlcmtOp& op, OpContext& ctx) {
                         "mat_mov: entry 0x%x cannot move from partition %u to partition %u", op.hdl,
                         partitionOf(entry.index), partitionOf(op.index));
    }
-   if (std::uint32_t holder = inst.indexToSlot[op.index]; holder != 0 && holder != slot + 1) {
-      return ctx.refuse(BF_ALREADY_EXISTS, "mat_mov: index 0x%x of %s is held by entry 0x%x",
-                        op.index, profile().name.c_str(), slots_[holder - 1].hdl);
+   if (bf_status_t status = checkIndexFree(op, ctx, inst, slot); status != BF_SUCCESS) {
+      return status;
    }
    if (bf_status_t status = checkAction(op, ctx); status != BF_SUCCESS) return status;
    inst.indexToSlot[entry.index] = 0;
@@ -236,9 +234,8 @@ bf_status_t MatTable::mod(const PlcmtOp& op, OpContext& ctx) {
 }
 
 bf_status_t MatTable::setDflt(const PlcmtOp& op, OpContext& ctx) {
-   if (op.hdl == 0) return ctx.refuse(BF_INVALID_ARG, "mat_set_dflt: entry handle 0");
-   int instance = writeInstance(op.pipe);
-   if (instance < 0) return refusePipe(ctx, op);
+   int instance = 0;
+   if (bf_status_t status = checkPlacement(op, ctx, instance); status != BF_SUCCESS) return status;
    Instance& inst = instances_[static_cast<std::size_t>(instance)];
    std::uint32_t slot = slotOf_.find(op.hdl);
    if (slot != noSlot && slot != inst.defaultSlot) {

@@ -12,6 +12,7 @@
 #include "ChipSdk/HandleSet.h"
 #include "ChipSdk/OpenMap.h"
 #include "ChipSdk/SelTable.h"
+#include "ChipSdk/SlotPool.h"
 #include "ChipSdk/TableModel.h"
 
 namespace ChipSdk {
@@ -61,6 +62,9 @@ class MatTable : public TableModel {
    Instance& instanceFor(int instance);
    std::uint32_t partitionOf(std::uint32_t index) const;
    bf_status_t checkIndex(const PlcmtOp& op, OpContext& ctx) const;
+   // The op's index must be free, or held by the entry in `self`.
+   bf_status_t checkIndexFree(const PlcmtOp& op, OpContext& ctx, const Instance& inst,
+                              std::uint32_t self) const;
    bf_status_t checkAction(const PlcmtOp& op, OpContext& ctx) const;
    bf_status_t findEntry(const PlcmtOp& op, OpContext& ctx, std::uint32_t& slot) const;
    void actionAcquire(std::uint16_t instance, const PlcmtOp& op, OpContext& ctx);
@@ -80,8 +84,7 @@ class MatTable : public TableModel {
    AdtTable* adt_;
    SelTable* sel_;
    std::vector<Instance> instances_;
-   std::vector<MatEntry> slots_;
-   std::vector<std::uint32_t> freeSlots_;
+   SlotPool<MatEntry> slots_;
    OpenMap<std::uint32_t> slotOf_;
 };
 

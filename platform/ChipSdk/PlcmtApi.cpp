@@ -22,25 +22,38 @@ bf_status_t refuseRecord(OpKind kind, const char* why) {
    return BF_INVALID_ARG;
 }
 
-// Appends an operation; for those with data, checks and copies the block first.
-PlcmtOp* opNew(p4_pd_plcmt_info_t* info, OpKind kind, const void* data, bf_status_t& status,
-               bool withData = true) {
-   status = BF_SUCCESS;
-   if (!info) {
-      status = refuseRecord(kind, "null batch");
-      return nullptr;
-   }
+// The arguments of a record call; each call fills what it has.
+struct OpArgs {
+   uint32_t hdl = 0;
+   uint16_t pipe = 0;
+   uint32_t grpHdl = 0;
+   uint32_t index = 0;
+   uint32_t selIndex = 0;
+   uint32_t adtIndex = 0;
+   uint32_t subIndex = 0;
+};
+
+// Appends an operation; for one with data, checks and copies the block first.
+bf_status_t record(p4_pd_plcmt_info_t* info, OpKind kind, const OpArgs& args,
+                   const void* data = nullptr, bool withData = false) {
+   if (!info) return refuseRecord(kind, "null batch");
    ChipSdk::PlcmtDataView view;
    if (withData) {
       view = ChipSdk::plcmtDataParse(data, ChipSdk::plcmtDataMaxSize);
       if (!view.ok()) {
-         status = refuseRecord(
-             kind, data ? ChipSdk::plcmtDataStatusName(view.status) : "null data block");
-         return nullptr;
+         return refuseRecord(kind,
+                             data ? ChipSdk::plcmtDataStatusName(view.status) : "null data block");
       }
    }
    PlcmtOp& op = info->ops.emplace_back();
    op.kind = kind;
+   op.hdl = args.hdl;
+   op.pipe = args.pipe;
+   op.grpHdl = args.grpHdl;
+   op.index = args.index;
+   op.selIndex = args.selIndex;
+   op.adtIndex = args.adtIndex;
+   op.subIndex = args.subIndex;
    if (withData) {
       std::memcpy(op.data.data(), data, view.length);
       op.action = view.action;
@@ -48,28 +61,6 @@ PlcmtOp* opNew(p4_pd_plcmt_info_t* info, OpKind kind, const void* data, bf_statu
       op.adtMbrHdl = view.adtMbrHdl;
       op.selGrpKey = view.selGrpKey;
    }
-   return &op;
-}
-
-bf_status_t selMemberOp(p4_pd_plcmt_info_t* info, OpKind kind, uint32_t grpHdl, uint32_t mbrHdl,
-                        uint16_t pipe, uint32_t selIndex, uint32_t subIndex, const void* data,
-                        bool withData) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, kind, data, status, withData);
-   if (!op) return status;
-   op->grpHdl = grpHdl;
-   op->hdl = mbrHdl;
-   op->pipe = pipe;
-   op->index = selIndex;
-   op->subIndex = subIndex;
-   return BF_SUCCESS;
-}
-
-bf_status_t handleOp(p4_pd_plcmt_info_t* info, OpKind kind, uint32_t hdl) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, kind, nullptr, status, false);
-   if (!op) return status;
-   op->hdl = hdl;
    return BF_SUCCESS;
 }
 
@@ -98,128 +89,96 @@ bf_status_t p4_pd_destroy_plcmt_info(p4_pd_plcmt_info_t* info) {
 bf_status_t p4_pd_set_one_plcmt_op_mat_add(p4_pd_plcmt_info_t* info, uint32_t entHdl, uint16_t pipe,
                                            uint32_t index, uint32_t selIndex, uint32_t adtIndex,
                                            const void* data) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::matAdd, data, status);
-   if (!op) return status;
-   op->hdl = entHdl;
-   op->pipe = pipe;
-   op->index = index;
-   op->selIndex = selIndex;
-   op->adtIndex = adtIndex;
-   return BF_SUCCESS;
+   return record(
+       info, OpKind::matAdd,
+       {.hdl = entHdl, .pipe = pipe, .index = index, .selIndex = selIndex, .adtIndex = adtIndex},
+       data, true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_mov(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                            uint32_t index, uint32_t selIndex, uint32_t adtIndex,
                                            const void* data) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::matMov, data, status);
-   if (!op) return status;
-   op->hdl = entHdl;
-   op->index = index;
-   op->selIndex = selIndex;
-   op->adtIndex = adtIndex;
-   return BF_SUCCESS;
+   return record(info, OpKind::matMov,
+                 {.hdl = entHdl, .index = index, .selIndex = selIndex, .adtIndex = adtIndex}, data,
+                 true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_mod(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                            uint32_t selIndex, uint32_t adtIndex, const void* data) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::matMod, data, status);
-   if (!op) return status;
-   op->hdl = entHdl;
-   op->selIndex = selIndex;
-   op->adtIndex = adtIndex;
-   return BF_SUCCESS;
+   return record(info, OpKind::matMod, {.hdl = entHdl, .selIndex = selIndex, .adtIndex = adtIndex},
+                 data, true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_set_dflt(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                                 uint16_t pipe, uint32_t selIndex, uint32_t adtIndex,
                                                 const void* data) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::matSetDflt, data, status);
-   if (!op) return status;
-   op->hdl = entHdl;
-   op->pipe = pipe;
-   op->selIndex = selIndex;
-   op->adtIndex = adtIndex;
-   return BF_SUCCESS;
+   return record(info, OpKind::matSetDflt,
+                 {.hdl = entHdl, .pipe = pipe, .selIndex = selIndex, .adtIndex = adtIndex}, data,
+                 true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_clr_dflt(p4_pd_plcmt_info_t* info, uint32_t entHdl) {
-   return handleOp(info, OpKind::matClrDflt, entHdl);
+   return record(info, OpKind::matClrDflt, {.hdl = entHdl});
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_del(p4_pd_plcmt_info_t* info, uint32_t entHdl) {
-   return handleOp(info, OpKind::matDel, entHdl);
+   return record(info, OpKind::matDel, {.hdl = entHdl});
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_adt_add(p4_pd_plcmt_info_t* info, uint32_t entHdl, uint16_t pipe,
                                            const void* data) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::adtAdd, data, status);
-   if (!op) return status;
-   op->hdl = entHdl;
-   op->pipe = pipe;
-   return BF_SUCCESS;
+   return record(info, OpKind::adtAdd, {.hdl = entHdl, .pipe = pipe}, data, true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_adt_mod(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                            const void* data) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::adtMod, data, status);
-   if (!op) return status;
-   op->hdl = entHdl;
-   return BF_SUCCESS;
+   return record(info, OpKind::adtMod, {.hdl = entHdl}, data, true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_adt_del(p4_pd_plcmt_info_t* info, uint32_t entHdl) {
-   return handleOp(info, OpKind::adtDel, entHdl);
+   return record(info, OpKind::adtDel, {.hdl = entHdl});
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_add(p4_pd_plcmt_info_t* info, uint32_t grpHdl,
                                            uint32_t mbrHdl, uint16_t pipe, uint32_t selIndex,
                                            uint32_t subIndex, const void* data) {
-   return selMemberOp(info, OpKind::selAdd, grpHdl, mbrHdl, pipe, selIndex, subIndex, data, true);
+   return record(
+       info, OpKind::selAdd,
+       {.hdl = mbrHdl, .pipe = pipe, .grpHdl = grpHdl, .index = selIndex, .subIndex = subIndex},
+       data, true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_del(p4_pd_plcmt_info_t* info, uint32_t grpHdl,
                                            uint32_t mbrHdl, uint16_t pipe, uint32_t selIndex,
                                            uint32_t subIndex) {
-   return selMemberOp(info, OpKind::selDel, grpHdl, mbrHdl, pipe, selIndex, subIndex, nullptr,
-                      false);
+   return record(
+       info, OpKind::selDel,
+       {.hdl = mbrHdl, .pipe = pipe, .grpHdl = grpHdl, .index = selIndex, .subIndex = subIndex});
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_set_fallback(p4_pd_plcmt_info_t* info, uint32_t mbrHdl,
                                                     uint16_t pipe, const void* data) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::selSetFallback, data, status);
-   if (!op) return status;
-   op->hdl = mbrHdl;
-   op->pipe = pipe;
-   return BF_SUCCESS;
+   return record(info, OpKind::selSetFallback, {.hdl = mbrHdl, .pipe = pipe}, data, true);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_clr_fallback(p4_pd_plcmt_info_t* info, uint16_t pipe) {
-   bf_status_t status;
-   PlcmtOp* op = opNew(info, OpKind::selClrFallback, nullptr, status, false);
-   if (!op) return status;
-   op->pipe = pipe;
-   return BF_SUCCESS;
+   return record(info, OpKind::selClrFallback, {.pipe = pipe});
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_activate(p4_pd_plcmt_info_t* info, uint32_t grpHdl,
                                                 uint32_t mbrHdl, uint16_t pipe, uint32_t selIndex,
                                                 uint32_t subIndex) {
-   return selMemberOp(info, OpKind::selActivate, grpHdl, mbrHdl, pipe, selIndex, subIndex, nullptr,
-                      false);
+   return record(
+       info, OpKind::selActivate,
+       {.hdl = mbrHdl, .pipe = pipe, .grpHdl = grpHdl, .index = selIndex, .subIndex = subIndex});
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_deactivate(p4_pd_plcmt_info_t* info, uint32_t grpHdl,
                                                   uint32_t mbrHdl, uint16_t pipe, uint32_t selIndex,
                                                   uint32_t subIndex) {
-   return selMemberOp(info, OpKind::selDeactivate, grpHdl, mbrHdl, pipe, selIndex, subIndex,
-                      nullptr, false);
+   return record(
+       info, OpKind::selDeactivate,
+       {.hdl = mbrHdl, .pipe = pipe, .grpHdl = grpHdl, .index = selIndex, .subIndex = subIndex});
 }
 
 bf_status_t p4_pd_process_plcmt_info(p4_pd_sess_hdl_t sessHdl, uint8_t devId,

@@ -17,7 +17,7 @@ void SelTable::instancesIs(std::uint16_t count) {
 }
 
 bool SelTable::empty() const {
-   if (slots_.size() != freeSlots_.size()) return false;
+   if (!slots_.empty()) return false;
    for (const Instance& inst : instances_) {
       if (inst.fallback.set) return false;
    }
@@ -138,9 +138,7 @@ bf_status_t SelTable::apply(const PlcmtOp& op, OpContext& ctx) {
 bf_status_t SelTable::locate(const PlcmtOp& op, OpContext& ctx, int& instance,
                              std::uint32_t& slot) {
    const char* name = opKindName(op.kind);
-   if (op.hdl == 0) return ctx.refuse(BF_INVALID_ARG, "%s: member handle 0", name);
-   instance = writeInstance(op.pipe);
-   if (instance < 0) return refusePipe(ctx, op);
+   if (bf_status_t status = checkPlacement(op, ctx, instance); status != BF_SUCCESS) return status;
    if (op.index >= profile().size || op.subIndex >= selVectorMembers) {
       return ctx.refuse(BF_INVALID_ARG, "%s: selector index 0x%x sub-index %u out of range of %s",
                         name, op.index, op.subIndex, profile().name.c_str());
@@ -182,13 +180,7 @@ bf_status_t SelTable::add(const PlcmtOp& op, OpContext& ctx) {
                         op.index, vec.grpHdl, op.grpHdl);
    }
    auto inst16 = static_cast<std::uint16_t>(instance);
-   if (freeSlots_.empty()) {
-      slot = static_cast<std::uint32_t>(slots_.size());
-      slots_.emplace_back();
-   } else {
-      slot = freeSlots_.back();
-      freeSlots_.pop_back();
-   }
+   slot = slots_.alloc();
    slots_[slot] = SelMember{
        op.hdl, op.grpHdl, op.index, inst16, static_cast<std::uint8_t>(op.subIndex), true, op.data};
    slotOf_.insert(memberKey(inst16, op.index, op.subIndex), slot);
@@ -212,8 +204,7 @@ bf_status_t SelTable::del(const PlcmtOp& op, OpContext& ctx) {
    auto inst16 = static_cast<std::uint16_t>(instance);
    bool wasActive = slots_[slot].active;
    slotOf_.erase(memberKey(inst16, op.index, op.subIndex));
-   slots_[slot].mbrHdl = 0;
-   freeSlots_.push_back(slot);
+   slots_.release(slot);
    if (--vec.numMembers == 0) {
       vec.grpHdl = 0;
       inst.usedVectors.erase(op.index + 1);
@@ -243,9 +234,8 @@ bf_status_t SelTable::activate(const PlcmtOp& op, OpContext& ctx, bool active) {
 }
 
 bf_status_t SelTable::setFallback(const PlcmtOp& op, OpContext& ctx) {
-   if (op.hdl == 0) return ctx.refuse(BF_INVALID_ARG, "sel_set_fallback: member handle 0");
-   int instance = writeInstance(op.pipe);
-   if (instance < 0) return refusePipe(ctx, op);
+   int instance = 0;
+   if (bf_status_t status = checkPlacement(op, ctx, instance); status != BF_SUCCESS) return status;
    auto inst16 = static_cast<std::uint16_t>(instance);
    SelFallback& fallback = instances_[instance].fallback;
    // The new member takes over before the old one lets go of its action data.

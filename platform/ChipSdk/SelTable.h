@@ -14,6 +14,7 @@
 
 #include "ChipSdk/AdtTable.h"
 #include "ChipSdk/OpenMap.h"
+#include "ChipSdk/SlotPool.h"
 #include "ChipSdk/TableModel.h"
 
 namespace ChipSdk {
@@ -97,8 +98,7 @@ class SelTable : public TableModel {
 
    AdtTable& adt_;
    std::vector<Instance> instances_;
-   std::vector<SelMember> slots_;
-   std::vector<std::uint32_t> freeSlots_;
+   SlotPool<SelMember> slots_;
    OpenMap<std::uint64_t> slotOf_;
 };
 

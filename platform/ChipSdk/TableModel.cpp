@@ -26,6 +26,12 @@ std::uint16_t TableModel::instancePipe(std::uint16_t instance) const {
    return entryScope_ == PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES ? P4_PD_PIPE_ALL : instance;
 }
 
+bf_status_t TableModel::checkPlacement(const PlcmtOp& op, OpContext& ctx, int& instance) const {
+   if (op.hdl == 0) return ctx.refuse(BF_INVALID_ARG, "%s: handle 0", opKindName(op.kind));
+   instance = writeInstance(op.pipe);
+   return instance < 0 ? refusePipe(ctx, op) : BF_SUCCESS;
+}
+
 bf_status_t TableModel::refusePipe(OpContext& ctx, const PlcmtOp& op) const {
    return ctx.refuse(
        BF_INVALID_ARG, "%s: pipe 0x%x does not fit the %s entry scope of %s", opKindName(op.kind),

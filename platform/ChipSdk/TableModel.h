@@ -46,6 +46,9 @@ class TableModel {
  protected:
    virtual void instancesIs(std::uint16_t count) = 0;
    bf_status_t refusePipe(OpContext& ctx, const PlcmtOp& op) const;
+   // An operation that installs something: its handle must not be 0 and its pipe must fit
+   // the scope; sets the instance it writes.
+   bf_status_t checkPlacement(const PlcmtOp& op, OpContext& ctx, int& instance) const;
 
  private:
    const TableProfile& profile_;
