@@ -228,10 +228,14 @@ int main(int argc, char** argv) {
    double onNs = 0;
    double offNs = 0;
    double cost = checkerCostPerOp(onNs, offNs);
+   // The checker's reference counts are kept in either mode (the chip needs them to refuse an
+   // ADT delete under a user), so on - off is only the counting; the whole committed operation
+   // with the checker on is the bound held against the target.
    std::printf(
        "figure: hitless checker cost per op, triple with 4096 groups x 64 members = "
-       "%.1f ns (on %.1f ns, off %.1f ns per committed op) (target <= 1000 ns) %s\n",
-       cost, onNs, offNs, cost <= 1000 ? "MET" : "MISSED");
+       "%.1f ns on - off, at most %.1f ns (whole committed op with the checker; off "
+       "%.1f ns) (target <= 1000 ns) %s\n",
+       cost, onNs, offNs, onNs <= 1000 ? "MET" : "MISSED");
    std::fflush(stdout);
 
    benchmark::Initialize(&argc, argv);
