@@ -101,25 +101,29 @@ bf_status_t ChipModel::process(std::uint8_t devId, std::uint32_t tblHdl, const P
       } else {
          status = table->apply(op, ctx);
       }
-      handleViolations(ctx, op, tblHdl);
-      if (status != BF_SUCCESS) {
+      // Counted before the checker looks, so that a fatal violation leaves true counts.
+      if (status == BF_SUCCESS) {
+         ++numOps_[static_cast<std::size_t>(op.kind)];
+         ++*processed;
+      } else {
          ++numRefusedOps_;
          lastError_ = ctx.refusal();
-         return status;
       }
-      ++numOps_[static_cast<std::size_t>(op.kind)];
-      ++*processed;
+      handleViolations(ctx, op, tblHdl, status == BF_SUCCESS);
+      if (status != BF_SUCCESS) return status;
       opDelay();
    }
    return BF_SUCCESS;
 }
 
-void ChipModel::handleViolations(const OpContext& ctx, const PlcmtOp& op, std::uint32_t tblHdl) {
+void ChipModel::handleViolations(const OpContext& ctx, const PlcmtOp& op, std::uint32_t tblHdl,
+                                 bool applied) {
    if (!hitlessCheck_ || !ctx.hasViolation()) return;
    for (std::size_t kind = 0; kind < numViolationKinds; ++kind) {
       if (ctx.violated(static_cast<ViolationKind>(kind))) ++numViolations_[kind];
    }
-   lastError_ = ctx.violationText();
+   // A refused operation keeps its refusal as the last error.
+   if (applied) lastError_ = ctx.violationText();
    if (!hitlessFatal_) return;
    std::fprintf(stderr, "Hitless violation after %s on table 0x%x: %s\n", opKindName(op.kind),
                 tblHdl, ctx.violationText().c_str());

@@ -83,7 +83,7 @@ class ChipModel {
    std::uint64_t numViolations() const;
    void countersClear();
 
-   // Why the last refusal happened, or what the last violation was.
+   // Why the last refusal happened, or what the last violation of an applied operation was.
    const std::string& lastError() const { return lastError_; }
    void lastErrorIs(std::string text) { lastError_ = std::move(text); }
 
@@ -94,7 +94,8 @@ class ChipModel {
 
    TableModel* tableFor(std::uint8_t devId, std::uint32_t tblHdl, bf_status_t& status);
    void devicesIs();
-   void handleViolations(const OpContext& ctx, const PlcmtOp& op, std::uint32_t tblHdl);
+   void handleViolations(const OpContext& ctx, const PlcmtOp& op, std::uint32_t tblHdl,
+                         bool applied);
    void opDelay() const;
 
    const ChipProfile profile_;

@@ -111,6 +111,8 @@ TEST_F(Triple, CheckerCatchesAnEntryOnAGroupWithAnEmptyVector) {
       EXPECT_EQ(failure.expression(), "!hitlessFatal() && \"hitless violation\"");
    }
    EXPECT_NE(model->matTable(0, routeHdl)->entry(0x11), nullptr);
+   EXPECT_EQ(model->numOps(OpKind::matAdd), 2u);
+   EXPECT_EQ(model->numViolations(ViolationKind::matGroupVectorEmpty), 2u);
 
    // A member in vector 1 repairs both entries; losing the last active member breaks them.
    ASSERT_EQ(selAdd(grpHdl, 1, 5, 0), BF_SUCCESS);
@@ -152,6 +154,8 @@ TEST_F(Triple, AdtDeleteUnderALiveMemberIsRefusedAndCaught) {
    EXPECT_EQ(simple(routeAdtHdl, p4_pd_set_one_plcmt_op_adt_del, 1), BF_IN_USE);
    EXPECT_EQ(simple(routeAdtHdl, p4_pd_set_one_plcmt_op_adt_del, 2), BF_IN_USE);
    EXPECT_EQ(model->numViolations(ViolationKind::adtDelInUse), 2u);
+   EXPECT_EQ(model->lastError(),
+             "BF_IN_USE: adt_del: member handle 0x2 of route_adt still has 1 users");
    EXPECT_NE(model->adtTable(0, routeAdtHdl)->entry(1), nullptr);
    EXPECT_NE(model->adtTable(0, routeAdtHdl)->entry(2), nullptr);
 
