@@ -1,0 +1,146 @@
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "MbbEngine/test/RecordingHelper.h"
+
+namespace {
+
+using MbbEngine::PendingReason;
+using MbbEngine::Test::EngineFixture;
+using MbbEngine::Test::Op;
+using Ops = std::vector<Op>;
+
+// An engine whose dependant tables are ready only for the keys a test lets through.
+class GatedEngine : public MbbEngine::FastMbbEngineImpl {
+ public:
+   using FastMbbEngineImpl::FastMbbEngineImpl;
+   bool processDependantTables(const Vault::MbbEngine::EntryConfig& config,
+                               const Vault::MbbEngine::EntryKey& key) override {
+      ++asked[key.value()];
+      return ready.count(key.value()) != 0;
+   }
+   std::set<std::uint64_t> ready;
+   std::map<std::uint64_t, int> asked;
+};
+
+TEST(MbbEngineSm, KeysHeldBackByDependantTablesAreRetriedUntilReady) {
+   EngineFixture<GatedEngine> f;
+   f.publish(1, 1, 0x100, 5);
+   f.publish(2, 1, 0x200, 6);
+   EXPECT_TRUE(f.helper->take().empty());
+   EXPECT_EQ(f.impl->pendingEntry(1)->reason, PendingReason::dependants);
+   EXPECT_EQ(f.sm->numFailedKey(), 2u);
+   EXPECT_TRUE(f.sm->retryTimerSet());
+   EXPECT_EQ(f.impl->failedDepCnt(), 2u);
+   const std::uint64_t ti1 = f.impl->pendingEntry(1)->ti;
+
+   // Not yet due.
+   f.advance(f.sm->retryPeriod() / 2);
+   EXPECT_EQ(f.impl->asked[1], 1);
+   // Due, still not ready: offered again, nothing issued, its change keeps its place.
+   f.advance(f.sm->retryPeriod());
+   EXPECT_EQ(f.impl->asked[1], 2);
+   EXPECT_TRUE(f.helper->take().empty());
+   EXPECT_EQ(f.impl->pendingEntry(1)->ti, ti1);
+   EXPECT_TRUE(f.sm->retryTimerSet());
+
+   f.impl->ready.insert(1);
+   f.advance(f.sm->retryPeriod());
+   EXPECT_EQ(f.helper->take(), (Ops{{"add", 1, 0x100, 5, 1}}));
+   EXPECT_EQ(f.statusOf(1), 1u);
+   EXPECT_EQ(f.sm->numFailedKey(), 1u);
+
+   // A retry offers at most retryDepsMaxCnt keys, oldest change first.
+   f.publish(3, 1, 0x300, 7);
+   f.impl->retryDepsMaxCntIs(1);
+   f.impl->ready.insert({2, 3});
+   f.advance(f.sm->retryPeriod());
+   EXPECT_EQ(f.helper->take(), (Ops{{"add", 2, 0x200, 6, 1}}));
+   f.advance(f.sm->retryPeriod());
+   EXPECT_EQ(f.helper->take(), (Ops{{"add", 3, 0x300, 7, 1}}));
+   EXPECT_EQ(f.sm->numFailedKey(), 0u);
+   EXPECT_FALSE(f.sm->retryTimerSet());
+   EXPECT_EQ(f.impl->numPending(), 0u);
+}
+
+TEST(MbbEngineSm, AKeyWhoseWayIsFreedStillAsksItsDependantTables) {
+   EngineFixture<GatedEngine> f;
+   f.impl->ready.insert({1, 2});
+   f.publish(1, 1, 0x100, 5);
+   f.publish(2, 1, 0x200, 5);
+   EXPECT_EQ(f.helper->take(), (Ops{{"add", 1, 0x100, 5, 1}}));
+   EXPECT_EQ(f.impl->pendingEntry(2)->reason, PendingReason::index);
+   f.impl->ready.erase(2);
+   f.config->entryDel(1);
+   EXPECT_EQ(f.helper->take(), (Ops{{"del", 1, 0x100, 5, 1}}));
+   EXPECT_EQ(f.impl->pendingEntry(2)->reason, PendingReason::dependants);
+   EXPECT_EQ(f.sm->failedKey(2), f.impl->pendingEntry(2)->ti);
+}
+
+TEST(MbbEngineSm, WholeTablePassFlushesOnceAndCountsTheTableOnce) {
+   auto config = Vault::MbbEngine::tableConfigFactory("acl");
+   auto status = Vault::MbbEngine::tableStatusFactory("acl-status");
+   status->mountedIs(true);
+   auto helper = Orb::ptrNew<MbbEngine::Test::RecordingHelper>("helper", status, 64);
+   auto impl =
+       Orb::ptrNew<MbbEngine::FastMbbEngineImpl>("acl", config, nullptr, nullptr, helper, 3);
+   auto flushStatus = Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>();
+   flushStatus->tableCounterIs(255);
+   flushStatus->flushCounterIs(255);
+   Keel::TimerWheel wheel(Orb::ptrNew<Orb::ManualTimeSource>(), 1, 100, true, 16);
+   // Published before the table is mounted: the engine sees it in one pass.
+   for (std::uint64_t k = 1; k <= 5; ++k) {
+      config->entryIs(EngineFixture<>::entry(k, 1, 0x100 + k, 10 - k));
+   }
+   auto sm = Orb::ptrNew<MbbEngine::MbbEngineSm>(config, status, nullptr, nullptr, impl,
+                                                 flushStatus, &wheel);
+   EXPECT_EQ(flushStatus->tableCounter(), 0u);
+   EXPECT_FALSE(flushStatus->allFlushed());
+   EXPECT_TRUE(helper->ops.empty());
+   EXPECT_EQ(helper->numFlushOps, 0);
+
+   config->mountedIs(true);
+   EXPECT_EQ(helper->take().size(), 5u);
+   EXPECT_EQ(helper->numFlushOps, 1);
+   EXPECT_TRUE(sm->initialFlushed());
+   EXPECT_EQ(flushStatus->flushCounter(), 0u);
+   EXPECT_TRUE(flushStatus->allFlushed());
+
+   // While notifications are off the configuration moves on: key 1 goes, key 2 changes, and
+   // key 6 arrives. Switching them on catches up in one pass, without counting the table again.
+   sm->hasNotificationActiveIs(false);
+   config->entryDel(1);
+   config->entryIs(EngineFixture<>::entry(2, 2, 0x102, 20));
+   config->entryIs(EngineFixture<>::entry(6, 1, 0x106, 30));
+   EXPECT_TRUE(helper->ops.empty());
+   sm->hasNotificationActiveIs(true);
+   EXPECT_EQ(helper->take(),
+             (Ops{{"mov", 2, 0x102, 20, 2}, {"add", 6, 0x106, 30, 1}, {"del", 1, 0x101, 9, 1}}));
+   EXPECT_EQ(helper->numFlushOps, 2);
+   EXPECT_EQ(flushStatus->flushCounter(), 0u);
+   EXPECT_EQ(status->size(), 5u);
+
+   // The engine going takes its table out of hardware.
+   sm.reset();
+   EXPECT_EQ(helper->take().size(), 5u);
+   EXPECT_EQ(status->size(), 0u);
+}
+
+TEST(MbbEngineSm, StatusIsWrittenThroughTheHelpersTableOnly) {
+   // A table without a status collection still programs hardware.
+   auto config = Vault::MbbEngine::tableConfigFactory("nostatus");
+   config->mountedIs(true);
+   auto helper = Orb::ptrNew<MbbEngine::Test::RecordingHelper>("helper", nullptr, 64);
+   auto impl =
+       Orb::ptrNew<MbbEngine::FastMbbEngineImpl>("nostatus", config, nullptr, nullptr, helper, 4);
+   Keel::TimerWheel wheel(Orb::ptrNew<Orb::ManualTimeSource>(), 1, 100, true, 16);
+   MbbEngine::MbbEngineSm sm(config, nullptr, nullptr, nullptr, impl, nullptr, &wheel);
+   config->entryIs(EngineFixture<>::entry(1, 1, 0x101, 1));
+   config->entryIs(Vault::MbbEngine::EntryConfig::deletion(2, 1));
+   config->entryIs(Vault::MbbEngine::EntryConfig::deletion(1, 2));
+   EXPECT_EQ(helper->take(), (Ops{{"add", 1, 0x101, 1, 1}, {"del", 1, 0x101, 1, 2}}));
+   EXPECT_EQ(impl->numCurrent(), 0u);
+}
+
+}  // namespace
