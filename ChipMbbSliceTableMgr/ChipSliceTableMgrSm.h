@@ -1,0 +1,198 @@
+#pragma once
+
+#include <cstdint>
+#include <map>
+#include <string>
+#include <string_view>
+
+#include "Atlas/EntityManager.h"
+#include "ChipMbbShared/MountInfo.h"
+#include "ChipMbbSliceTableMgr/DebugIntf.h"
+#include "ChipMbbSliceTableMgr/MountConfig.h"
+#include "ChipMbbSliceTableMgr/TableAuditRegistry.h"
+#include "Keel/TimerWheel.h"
+#include "MbbEngine/MbbEngineFlushStatus.h"
+#include "MbbEngine/MbbEngineSm.h"
+#include "Orb/Entity.h"
+#include "Orb/Ptr.h"
+#include "Orb/Time.h"
+#include "Vault/MbbEngine/Tables.h"
+
+namespace ChipMbbSlice {
+
+// Serves one feature agent's published single match tables. Every announcement in the
+// mount-info collection is checked (device, publisher instance, generation times, enabled);
+// a current one gets its configuration and status collections mounted, its entry scope set in
+// the SDK, a placement helper and an engine, and is registered with the audit. A table that
+// is unpublished while running is torn down again, but only when an operator allowed it.
+//
+// Without an entity manager the manager runs in test mode: collections are made in this
+// process instead of being mounted, and tables are never unmounted.
+class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
+ public:
+   static constexpr std::string_view orbTypeName = "ChipMbbSlice::ChipSliceTableMgrSm";
+
+   using Key = ChipMbbShared::TableConfigMountKey;
+   using MountEntry = ChipMbbShared::TableConfigMountEntry;
+   using MbbEngineSmMap = std::map<Key, Orb::Ptr<MbbEngine::MbbEngineSm>>;
+   using MountInfoMap = std::map<Key, MountEntry>;
+   using DebugMap = std::map<Key, Orb::Ptr<DebugIntf>>;
+   using TableScopeMap = std::map<std::uint32_t, std::uint8_t>;
+
+   class Notifiee : public Orb::BaseNotifiee<ChipSliceTableMgrSm> {
+    public:
+      virtual void onMbbEngineSm(const Key& key) {}
+      virtual void onMaxPublishedInstanceId() {}
+      virtual void onAllowUnmount() {}
+      virtual void onTableAuditMgrSm() {}
+      virtual void onInitialized() {}
+      virtual void onMountInfo(const Key& key) {}
+      virtual void onDebug(const Key& key) {}
+      virtual void onTableScope(std::uint32_t tableId) {}
+   };
+
+   // Subscribes to the mount-info collection and the mount configuration, then mounts every
+   // table already published. A null entity manager selects test mode.
+   ChipSliceTableMgrSm(Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfoDir,
+                       Orb::Ptr<Atlas::EntityManager> entityManager, std::uint32_t supportedDevices,
+                       std::uint32_t sessHdl, Orb::Seconds syncGenTime,
+                       Orb::Ptr<Keel::TimerWheel> timerWheel,
+                       Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus,
+                       Orb::Ptr<MountConfig> mountConfig);
+   ~ChipSliceTableMgrSm() override;
+
+   Orb::Ptr<const ChipMbbShared::TableConfigMountInfo> tableMountInfoDir() const {
+      return tableMountInfoDir_;
+   }
+   const Orb::Ptr<Atlas::EntityManager>& entityManager() const { return entityManager_; }
+   bool testmode() const { return entityManager_ == nullptr; }
+   std::uint32_t supportedDevices() const { return supportedDevices_; }
+   std::uint32_t sessHdl() const { return sessHdl_; }
+   Orb::Seconds syncGenTime() const { return syncGenTime_; }
+   Orb::Ptr<const Keel::TimerWheel> timerWheel() const { return timerWheel_; }
+   const Orb::Ptr<MbbEngine::MbbEngineFlushStatus>& flushStatus() const { return flushStatus_; }
+   Orb::Ptr<const MountConfig> mountConfig() const { return mountConfig_; }
+
+   // Running engines. A null engine is refused with Brio::RangeException.
+   Orb::Ptr<MbbEngine::MbbEngineSm> mbbEngineSm(const Key& key) const;
+   void mbbEngineSmIs(const Key& key, Orb::Ptr<MbbEngine::MbbEngineSm> engine);
+   void mbbEngineSmDel(const Key& key);
+   void mbbEngineSmDelAll();
+   const MbbEngineSmMap& mbbEngineSms() const { return mbbEngineSm_; }
+
+   // The highest publisher instance seen; announcements of lower instances are stale.
+   std::uint16_t maxPublishedInstanceId() const { return maxPublishedInstanceId_; }
+   void maxPublishedInstanceIdIs(std::uint16_t id);
+
+   // An operator's permission to tear down tables that stop being published; without it an
+   // unpublished running table is a fatal error.
+   bool allowUnmount() const { return allowUnmount_; }
+   void allowUnmountIs(bool allow);
+
+   // The audit manager; setting one registers every running table with it.
+   const Orb::Ptr<TableAuditRegistry>& tableAuditMgrSm() const { return tableAuditMgrSm_; }
+   void tableAuditMgrSmIs(Orb::Ptr<TableAuditRegistry> mgr);
+
+   bool initialized() const { return initialized_; }
+   void initializedIs(bool initialized);
+
+   // The entry each running table was mounted with; the empty entry for any other key.
+   MountEntry mountInfo(const Key& key) const;
+   void mountInfoIs(const Key& key, const MountEntry& entry);
+   void mountInfoDel(const Key& key);
+   void mountInfoDelAll();
+   const MountInfoMap& mountInfos() const { return mountInfo_; }
+
+   // Per-table debug interfaces; debugIs makes the key's one if it has none and returns it.
+   Orb::Ptr<DebugIntf> debug(const Key& key) const;
+   Orb::Ptr<DebugIntf> debugIs(const Key& key);
+   void debugDel(const Key& key);
+   void debugDelAll();
+   const DebugMap& debugs() const { return debug_; }
+
+   // Entry scope already set in the SDK, per table id: 0 all pipelines, 1 single pipeline.
+   std::uint8_t tableScope(std::uint32_t tableId) const;
+   bool tableScopeHas(std::uint32_t tableId) const { return tableScope_.count(tableId) != 0; }
+   void tableScopeIs(std::uint32_t tableId, std::uint8_t scope);
+   void tableScopeDel(std::uint32_t tableId);
+   void tableScopeDelAll();
+   const TableScopeMap& tableScopes() const { return tableScope_; }
+
+   void handleInitialized();
+   // Raises maxPublishedInstanceId to the highest instance id published.
+   void findMaxPublishedInstanceId();
+   // The mount decision for every published table.
+   void handleTableMount();
+   // The mount decision for one published table.
+   void handleTableMount(const Key& key);
+   void handleMountConfig();
+   void handleTableAuditMgrSm();
+
+ private:
+   class MountInfoReactor : public ChipMbbShared::TableConfigMountInfo::Notifiee {
+    public:
+      explicit MountInfoReactor(ChipSliceTableMgrSm* mgr) : mgr_(mgr) {}
+      void onEntry(const Key& key) override { mgr_->handleTableMount(key); }
+      void onEntry() override { mgr_->handleMountInfoResync(); }
+
+    private:
+      ChipSliceTableMgrSm* mgr_;
+   };
+   class MountConfigReactor : public MountConfig::Notifiee {
+    public:
+      explicit MountConfigReactor(ChipSliceTableMgrSm* mgr) : mgr_(mgr) {}
+      void onMode() override { mgr_->handleMountConfig(); }
+
+    private:
+      ChipSliceTableMgrSm* mgr_;
+   };
+
+   // The collections a table is served from.
+   struct TableColls {
+      Orb::Ptr<Vault::MbbEngine::TableConfig> config;
+      Orb::Ptr<Vault::MbbEngine::TableStatus> status;
+   };
+
+   bool currentAnnouncement(const Key& key, const MountEntry& entry);
+   bool fitsChip(const Key& key, const MountEntry& entry) const;
+   void mountTable(const Key& key, const MountEntry& entry);
+   bool mountColls(const Key& key, const MountEntry& entry, TableColls& colls);
+   TableColls testmodeColls(const MountEntry& entry) const;
+   TableColls mountedColls(const MountEntry& entry);
+   void entryScopeIs(const Key& key);
+   Orb::Ptr<MbbEngine::MbbEngineImpl> mbbEngineImplNew(
+       const Key& key, const MountEntry& entry, const TableColls& colls,
+       const Orb::Ptr<DebugIntf>& debugIntf, const Orb::Ptr<MbbEngine::MbbEngineHelper>& helper,
+       std::uint32_t qtId);
+   void unmountTable(const Key& key);
+   // A resync of the mount-info collection may have lost keys without a notification of
+   // their own; running tables are decided again as well as every published one.
+   void handleMountInfoResync();
+
+   template <class... Params, class... Args>
+   void notify(void (Notifiee::*reactor)(Params...), const Args&... args) {
+      notifieeList().notify(reactor, args...);
+   }
+
+   // Declared before the per-table collections, so that engines go before what they use.
+   Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfoDir_;
+   Orb::Ptr<Atlas::EntityManager> entityManager_;
+   std::uint32_t supportedDevices_;
+   std::uint32_t sessHdl_;
+   Orb::Seconds syncGenTime_;
+   Orb::Ptr<Keel::TimerWheel> timerWheel_;
+   Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus_;
+   Orb::Ptr<MountConfig> mountConfig_;
+   std::uint16_t maxPublishedInstanceId_ = 0;
+   bool allowUnmount_ = false;
+   Orb::Ptr<TableAuditRegistry> tableAuditMgrSm_;
+   bool initialized_ = false;
+   MountInfoMap mountInfo_;
+   DebugMap debug_;
+   TableScopeMap tableScope_;
+   MbbEngineSmMap mbbEngineSm_;
+   MountInfoReactor mountInfoReactor_;
+   MountConfigReactor mountConfigReactor_;
+};
+
+}  // namespace ChipMbbSlice
