@@ -1,5 +1,12 @@
 #pragma once
 
-// The slice's placement side: trace set-up shared by every module of the slice.
+// The slice's placement side: trace set-up shared by every module of the slice, and the
+// placement helper that turns the engine's decisions into SDK placement operations and
+// status writes.
 
+#include "ChipMbbSlice/ChipEntryStatus.h"
+#include "ChipMbbSlice/ChipMbbEngineHelper.h"
+#include "ChipMbbSlice/DependencyEngineIntf.h"
+#include "ChipMbbSlice/LinkQueueMetadataValue.h"
+#include "ChipMbbSlice/PlcmtDataCopy.h"
 #include "ChipMbbSlice/TraceSetup.h"
