@@ -17,7 +17,7 @@ using Vault::MbbEngine::OpId;
 namespace {
 
 bool isAbsent(const EntryConfig& config) {
-   return config == EntryConfig();
+   return config.opId() == OpId() && config == EntryConfig();
 }
 
 const char* resourceKind(std::uint64_t resource) {
@@ -69,12 +69,13 @@ void FastMbbEngineImpl::processPending() {
       ~Done() { draining = false; }
    } done{draining_};
    EntryKey key;
-   while (pending_.readyPop(key)) handleEntryHelper(key, tableConfig()->entry(key));
+   EntryConfig config;
+   while (pending_.readyPop(key, config)) handleEntryHelper(key, config);
 }
 
 std::uint64_t FastMbbEngineImpl::tiFor(const EntryKey& key, OpId opId) {
    if (const PendingEntry* pending = pending_.find(key)) {
-      if (pending->opId == opId) return pending->ti;
+      if (pending->config.opId() == opId) return pending->ti;
       pending_.erase(key);
    }
    return pti_++;
@@ -132,7 +133,7 @@ bool FastMbbEngineImpl::processEntry(const EntryKey& key, const EntryConfig& con
 
 void FastMbbEngineImpl::park(const EntryKey& key, const EntryConfig& config, std::uint64_t ti,
                              PendingReason reason) {
-   pending_.add(key, config.opId(), ti);
+   pending_.add(key, config, ti);
    pending_.reasonIs(key, reason);
 }
 
@@ -142,34 +143,25 @@ void FastMbbEngineImpl::waitFor(const EntryKey& key, const EntryConfig& config, 
            name_ << ": key " << key << " waits for " << resourceKind(resource) << " 0x" << std::hex
                  << static_cast<std::uint32_t>(resource) << std::dec << " held by key "
                  << holder.key);
-   pending_.add(key, config.opId(), ti);
+   pending_.add(key, config, ti);
    pending_.waitFor(key, resource,
-                    (resource >> 32) == 1 ? PendingReason::index : PendingReason::handle);
+                    (resource >> 32) == 1 ? PendingReason::index : PendingReason::handle,
+                    holder.key);
    checkDeadlock(key);
 }
 
-const CurrentEntry* FastMbbEngineImpl::holderOf(std::uint64_t resource) const {
-   const auto value = static_cast<std::uint32_t>(resource);
-   return (resource >> 32) == 1 ? current_.byIndex(value) : current_.byHandle(value);
-}
-
 bool FastMbbEngineImpl::checkDeadlock(const EntryKey& key) {
-   // Every wait names the key holding what is waited for; coming back to `key` along those
-   // names is a cycle that nothing else will resolve. Each wait is checked as it is made, so
-   // any cycle runs through the newest waiter, and the walk is bounded by the waiters.
-   EntryKey at = key;
-   for (std::size_t steps = 0; steps <= pending_.size(); ++steps) {
-      const PendingEntry* pending = pending_.find(at);
-      if (!pending || pending->resource == 0) return false;
-      const CurrentEntry* holder = holderOf(pending->resource);
-      if (!holder) return false;
-      if (holder->key == key) {
-         breakDeadlock(key);
-         return true;
-      }
-      at = holder->key;
+   // A cycle of waits resolves only when one of its keys gives way; each wait is checked as it
+   // is made, so every cycle runs through its newest waiter. A key that nobody waits for is in
+   // no cycle, which spares most walks.
+   const CurrentEntry* current = current_.find(key);
+   if (!current || (!pending_.waitedFor(indexResource(current->index)) &&
+                    !pending_.waitedFor(handleResource(current->handle)))) {
+      return false;
    }
-   return false;
+   if (!pending_.waitsOnItself(key)) return false;
+   breakDeadlock(key);
+   return true;
 }
 
 void FastMbbEngineImpl::breakDeadlock(const EntryKey& key) {
@@ -376,7 +368,7 @@ void FastMbbEngineImpl::dumpPending(std::ostream& os) const {
    for (const PendingEntry& entry : pending) {
       std::snprintf(line, sizeof line,
                     "key: 0x%08" PRIx64 " ti: %8" PRIu64 " opId: 0x%016" PRIx64 " reason: %s",
-                    entry.key.value(), entry.ti, entry.opId.value(),
+                    entry.key.value(), entry.ti, entry.config.opId().value(),
                     pendingReasonName(entry.reason));
       os << line;
       if (entry.resource != 0) {

@@ -91,7 +91,6 @@ class FastMbbEngineImpl : public MbbEngineImpl {
              std::uint64_t ti, PendingReason reason);
    void waitFor(const Vault::MbbEngine::EntryKey& key, const Vault::MbbEngine::EntryConfig& config,
                 std::uint64_t ti, std::uint64_t resource, const CurrentEntry& holder);
-   const CurrentEntry* holderOf(std::uint64_t resource) const;
    void issue(const Vault::MbbEngine::EntryKey& key, const std::optional<CurrentEntry>& current,
               const Vault::MbbEngine::EntryConfig& config);
    void breakDeadlock(const Vault::MbbEngine::EntryKey& key);

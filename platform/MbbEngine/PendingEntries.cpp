@@ -24,14 +24,14 @@ const char* pendingReasonName(PendingReason reason) {
 
 PendingEntries::PendingEntries() : byKey_(ByKey{&records_}), waiters_(ByResource{&records_}) {}
 
-void PendingEntries::add(Vault::MbbEngine::EntryKey key, Vault::MbbEngine::OpId opId,
-                         std::uint64_t ti) {
+void PendingEntries::add(Vault::MbbEngine::EntryKey key,
+                         const Vault::MbbEngine::EntryConfig& config, std::uint64_t ti) {
    BRIO_ASSERT(ti != 0);
    if (byKey_.find(key) != noRecord) return;
    PendingEntry entry;
    entry.key = key;
    entry.ti = ti;
-   entry.opId = opId;
+   entry.config = config;
    std::uint32_t record;
    if (!freeRecords_.empty()) {
       record = freeRecords_.back();
@@ -40,7 +40,9 @@ void PendingEntries::add(Vault::MbbEngine::EntryKey key, Vault::MbbEngine::OpId 
    } else {
       record = static_cast<std::uint32_t>(records_.size());
       records_.push_back(entry);
+      links_.emplace_back();
    }
+   links_[record] = WaitLink{key, {}, noRecord, true, false};
    byKey_.insert(record);
 }
 
@@ -50,6 +52,7 @@ void PendingEntries::erase(Vault::MbbEngine::EntryKey key) {
    unlink(record);
    byKey_.erase(key);
    records_[record] = PendingEntry{};
+   links_[record] = WaitLink{};
    freeRecords_.push_back(record);
 }
 
@@ -65,10 +68,11 @@ void PendingEntries::unlink(std::uint32_t record) {
    if (entry.nextWaiter != noRecord) records_[entry.nextWaiter].prevWaiter = entry.prevWaiter;
    entry.prevWaiter = entry.nextWaiter = noRecord;
    entry.resource = 0;
+   links_[record].waiting = false;
 }
 
 void PendingEntries::waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resource,
-                             PendingReason reason) {
+                             PendingReason reason, Vault::MbbEngine::EntryKey holder) {
    const std::uint32_t record = byKey_.find(key);
    BRIO_ASSERT(record != noRecord && resource != 0);
    unlink(record);
@@ -81,7 +85,26 @@ void PendingEntries::waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resou
    entry.nextWaiter = head;
    entry.resource = resource;
    entry.reason = reason;
+   links_[record] = WaitLink{key, holder, noRecord, true, true};
    waiters_.insert(record);
+}
+
+bool PendingEntries::waitsOnItself(Vault::MbbEngine::EntryKey key) {
+   std::uint32_t record = byKey_.find(key);
+   // Bounded by the number of waiting keys: each wait is checked as it is made, so a cycle
+   // that does not pass through `key` cannot be met here, but a bound costs nothing.
+   for (std::size_t steps = 0; record != noRecord && steps <= size(); ++steps) {
+      WaitLink& link = links_[record];
+      if (!link.waiting) return false;
+      if (link.holder == key) return true;
+      std::uint32_t next = link.holderRecord;
+      if (next == noRecord || !links_[next].live || links_[next].key != link.holder) {
+         next = byKey_.find(link.holder);
+         link.holderRecord = next;
+      }
+      record = next;
+   }
+   return false;
 }
 
 void PendingEntries::reasonIs(Vault::MbbEngine::EntryKey key, PendingReason reason) {
@@ -103,6 +126,7 @@ void PendingEntries::release(std::uint64_t resource) {
       const std::uint32_t next = entry.nextWaiter;
       entry.prevWaiter = entry.nextWaiter = noRecord;
       entry.resource = 0;
+      links_[record].waiting = false;
       readyPush(record);
       record = next;
    }
@@ -115,7 +139,8 @@ void PendingEntries::ready(Vault::MbbEngine::EntryKey key) {
    readyPush(record);
 }
 
-bool PendingEntries::readyPop(Vault::MbbEngine::EntryKey& key) {
+bool PendingEntries::readyPop(Vault::MbbEngine::EntryKey& key,
+                              Vault::MbbEngine::EntryConfig& config) {
    while (!ready_.empty()) {
       const auto [ti, record] = ready_.top();
       ready_.pop();
@@ -123,13 +148,14 @@ bool PendingEntries::readyPop(Vault::MbbEngine::EntryKey& key) {
       const PendingEntry& entry = records_[record];
       if (entry.ti != ti || entry.reason != PendingReason::ready) continue;
       key = entry.key;
+      config = entry.config;
       return true;
    }
    return false;
 }
 
 std::size_t PendingEntries::memoryBytes() const {
-   return records_.capacity() * sizeof(PendingEntry) +
+   return records_.capacity() * sizeof(PendingEntry) + links_.capacity() * sizeof(WaitLink) +
           freeRecords_.capacity() * sizeof(std::uint32_t) + byKey_.memoryBytes() +
           waiters_.memoryBytes() + ready_.size() * sizeof(Ready);
 }

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "MbbEngine/SlotIndex.h"
+#include "Vault/MbbEngine/EntryConfig.h"
 #include "Vault/MbbEngine/EntryKey.h"
 
 namespace MbbEngine {
@@ -33,8 +34,11 @@ inline std::uint64_t handleResource(std::uint32_t handle) {
 struct PendingEntry {
    Vault::MbbEngine::EntryKey key;
    std::uint64_t ti = 0;  // transaction index; 0 marks a free record
-   Vault::MbbEngine::OpId opId;
-   std::uint64_t resource = 0;  // what it waits for, 0 when not waiting for a resource
+   // The configuration that waits, as the engine read it: a newer one comes with a notification.
+   Vault::MbbEngine::EntryConfig config;
+   std::uint64_t resource = 0;             // what it waits for, 0 when not waiting for a resource
+   Vault::MbbEngine::EntryKey holder;      // the key holding the resource
+   std::uint32_t holderRecord = noRecord;  // where the holder was last found waiting itself
    std::uint32_t prevWaiter = noRecord;
    std::uint32_t nextWaiter = noRecord;
    PendingReason reason = PendingReason::ready;
@@ -57,20 +61,28 @@ class PendingEntries {
       return record == noRecord ? nullptr : &records_[record];
    }
 
-   // Records that the key waits with `opId`, as change `ti`; a key already waiting keeps its
+   // Records that the key waits with `config`, as change `ti`; a key already waiting keeps its
    // place.
-   void add(Vault::MbbEngine::EntryKey key, Vault::MbbEngine::OpId opId, std::uint64_t ti);
+   void add(Vault::MbbEngine::EntryKey key, const Vault::MbbEngine::EntryConfig& config,
+            std::uint64_t ti);
    void erase(Vault::MbbEngine::EntryKey key);
-   // The key waits for `resource` (reason index or handle), or for nothing in particular.
-   void waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resource, PendingReason reason);
+   // The key waits for `resource` (reason index or handle) that `holder` holds.
+   void waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resource, PendingReason reason,
+                Vault::MbbEngine::EntryKey holder);
+   // The key waits for nothing in particular.
    void reasonIs(Vault::MbbEngine::EntryKey key, PendingReason reason);
+   // Whether following the holders of what each key waits for leads from `key` back to it.
+   // The holder of a waited-for resource stays the same until the resource is released, which
+   // readies the waiter, so the recorded holders are current.
+   bool waitsOnItself(Vault::MbbEngine::EntryKey key);
+   bool waitedFor(std::uint64_t resource) const { return waiters_.find(resource) != noRecord; }
    // Readies every key that waits for `resource`.
    void release(std::uint64_t resource);
    // Readies one key, whatever it waits for.
    void ready(Vault::MbbEngine::EntryKey key);
-   // The readied key with the lowest transaction index, taken off the ready list; false when
-   // none is ready.
-   bool readyPop(Vault::MbbEngine::EntryKey& key);
+   // The readied key with the lowest transaction index and its configuration, taken off the
+   // ready list; false when none is ready.
+   bool readyPop(Vault::MbbEngine::EntryKey& key, Vault::MbbEngine::EntryConfig& config);
    bool readyEmpty() const { return ready_.empty(); }
 
    std::size_t size() const { return byKey_.size(); }
@@ -93,11 +105,21 @@ class PendingEntries {
       static std::uint32_t hash(std::uint64_t resource) { return mixHash(resource); }
    };
    using Ready = std::pair<std::uint64_t, std::uint32_t>;  // (ti, record)
+   // What a walk along the waits reads of each record, kept apart from the records so that a
+   // walk touches a small, dense array.
+   struct WaitLink {
+      Vault::MbbEngine::EntryKey key;
+      Vault::MbbEngine::EntryKey holder;      // the key holding what the key waits for
+      std::uint32_t holderRecord = noRecord;  // where the holder was last found waiting itself
+      bool live = false;
+      bool waiting = false;
+   };
 
    void unlink(std::uint32_t record);
    void readyPush(std::uint32_t record);
 
    Records records_;
+   std::vector<WaitLink> links_;
    std::vector<std::uint32_t> freeRecords_;
    SlotIndex<ByKey> byKey_;
    SlotIndex<ByResource> waiters_;
