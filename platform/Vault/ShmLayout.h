@@ -12,7 +12,9 @@
 //
 // Slot: a sequence number (odd while the writer is in the middle of changing the slot), a
 // live flag, a checksum over flag, key and value, then the key and the value.
-// Index: open addressing over U32 cells: 0 empty, all ones a deleted cell, else slot + 1.
+// Index: open addressing over U64 cells. The low half is 0 for an empty cell, all ones for a
+// deleted one, else slot + 1; the high half holds the upper half of the key's hash, so that a
+// probe reads only the slots that are likely to hold the key.
 // Ring: the keys of the last changes; cell p % ringSize holds change p, tagged p + 1.
 // Waiters: readers that sleep in an event loop leave the name of a datagram socket here; the
 // writer pokes the armed ones after a change.
@@ -28,12 +30,22 @@
 namespace Vault::Shm {
 
 inline constexpr std::uint64_t magic = 0x315447455354564bULL;
-inline constexpr std::uint32_t layoutVersion = 1;
+inline constexpr std::uint32_t layoutVersion = 2;
 inline constexpr std::size_t typeNameSize = 96;
 inline constexpr std::uint32_t maxWaiters = 64;
 inline constexpr std::size_t waiterNameSize = 108;
 inline constexpr std::uint32_t emptyCell = 0;
 inline constexpr std::uint32_t deletedCell = 0xFFFFFFFFu;
+
+constexpr std::uint32_t cellSlot(std::uint64_t cell) {
+   return static_cast<std::uint32_t>(cell);
+}
+constexpr std::uint32_t cellTag(std::uint64_t cell) {
+   return static_cast<std::uint32_t>(cell >> 32);
+}
+constexpr std::uint64_t cellOf(std::uint32_t tag, std::uint32_t slot) {
+   return std::uint64_t(tag) << 32 | (slot + 1);
+}
 inline constexpr std::uint32_t maxCapacity = 1u << 28;
 inline constexpr std::uint32_t minRingSize = 16;
 inline constexpr std::uint32_t maxRingSize = 1u << 22;
@@ -101,8 +113,45 @@ std::uint32_t defaultRingSize(std::uint32_t capacity);
 std::optional<Geometry> geometryFor(std::uint32_t keySize, std::uint32_t valueSize,
                                     std::uint32_t capacity, std::uint32_t ringSize);
 
-// A fast 64-bit checksum of a byte range, seeded so that an all-zero slot does not check out.
-std::uint64_t checksum(const void* bytes, std::size_t size, std::uint64_t seed);
+struct FletcherSums {
+   std::uint64_t a;
+   std::uint64_t b;
+
+   [[gnu::always_inline]] void add(const void* bytes, std::size_t size) {
+      const auto* p = static_cast<const unsigned char*>(bytes);
+      std::size_t i = 0;
+      for (; i + 8 <= size; i += 8) {
+         std::uint64_t word;
+         std::memcpy(&word, p + i, 8);
+         a += word;
+         b += a;
+      }
+      if (i < size) {
+         std::uint64_t word = 0;
+         std::memcpy(&word, p + i, size - i);
+         a += word;
+         b += a;
+      }
+   }
+};
+
+// Fletcher's sums over 64-bit words: every word counts, and so does its place, at an add or
+// two per word, since readers check a record on every lookup. Each of the two ranges is summed
+// word by word, its last word padded with zeros. The seed keeps an all-zero record from
+// checking out.
+[[gnu::always_inline]] inline std::uint64_t checksum(const void* first, std::size_t firstSize,
+                                                     const void* second, std::size_t secondSize,
+                                                     std::uint64_t seed) {
+   FletcherSums sums{seed ^ 0x243F6A8885A308D3ULL, firstSize + secondSize};
+   sums.add(first, firstSize);
+   sums.add(second, secondSize);
+   std::uint64_t h = (sums.a ^ (sums.b << 32 | sums.b >> 32)) * 0x9E3779B97F4A7C15ULL;
+   return h ^ (h >> 31);
+}
+
+inline std::uint64_t checksum(const void* bytes, std::size_t size, std::uint64_t seed) {
+   return checksum(bytes, 0, bytes, size, seed);
+}
 
 std::uint64_t headerChecksum(const Header& header);
 

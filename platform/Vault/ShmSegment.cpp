@@ -46,38 +46,10 @@ std::optional<Geometry> geometryFor(std::uint32_t keySize, std::uint32_t valueSi
    g.waiterCount = maxWaiters;
    g.slotsOffset = roundUp(sizeof(Header), 64);
    g.indexOffset = roundUp(g.slotsOffset + std::uint64_t(capacity) * g.slotSize, 64);
-   g.ringOffset = roundUp(g.indexOffset + std::uint64_t(g.indexSize) * 4, 64);
+   g.ringOffset = roundUp(g.indexOffset + std::uint64_t(g.indexSize) * 8, 64);
    g.waitersOffset = roundUp(g.ringOffset + std::uint64_t(ringSize) * g.ringEntrySize, 64);
    g.totalSize = roundUp(g.waitersOffset + std::uint64_t(maxWaiters) * sizeof(Waiter), 4096);
    return g;
-}
-
-std::uint64_t checksum(const void* bytes, std::size_t size, std::uint64_t seed) {
-   const auto* p = static_cast<const unsigned char*>(bytes);
-   std::uint64_t a = seed ^ 0x243F6A8885A308D3ULL;
-   std::uint64_t b = size ^ 0x13198A2E03707344ULL;
-   std::size_t i = 0;
-   // Two independent lanes keep the multiplier pipeline busy.
-   for (; i + 16 <= size; i += 16) {
-      std::uint64_t w0, w1;
-      std::memcpy(&w0, p + i, 8);
-      std::memcpy(&w1, p + i + 8, 8);
-      a = std::rotl((a ^ w0) * 0x9E3779B97F4A7C15ULL, 29);
-      b = std::rotl((b ^ w1) * 0xC2B2AE3D27D4EB4FULL, 31);
-   }
-   if (i < size) {
-      std::uint64_t w0 = 0, w1 = 0;
-      std::size_t rest = size - i;
-      std::memcpy(&w0, p + i, std::min<std::size_t>(rest, 8));
-      if (rest > 8) std::memcpy(&w1, p + i + 8, rest - 8);
-      a = std::rotl((a ^ w0) * 0x9E3779B97F4A7C15ULL, 29);
-      b = std::rotl((b ^ w1) * 0xC2B2AE3D27D4EB4FULL, 31);
-   }
-   std::uint64_t h = a ^ std::rotl(b, 17);
-   h ^= h >> 33;
-   h *= 0xff51afd7ed558ccdULL;
-   h ^= h >> 33;
-   return h;
 }
 
 std::uint64_t headerChecksum(const Header& header) {

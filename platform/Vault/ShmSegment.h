@@ -45,8 +45,8 @@ class Segment {
    unsigned char* slotValue(std::uint32_t slot) const {
       return slotKey(slot) + roundUp(geometry_.keySize, 8);
    }
-   std::atomic<std::uint32_t>& cell(std::uint64_t i) const {
-      return reinterpret_cast<std::atomic<std::uint32_t>*>(
+   std::atomic<std::uint64_t>& cell(std::uint64_t i) const {
+      return reinterpret_cast<std::atomic<std::uint64_t>*>(
           base_ + geometry_.indexOffset)[i & (geometry_.indexSize - 1)];
    }
    RingHeader& ringEntry(std::uint64_t position) const {

@@ -50,13 +50,17 @@ class ShmStore : public Store<K, V> {
       if (writable()) {
          std::uint32_t slot = writerSlot(key, hash).slot;
          if (slot == noSlot) return false;
-         value = ValueCodec::decode(storedValue(slot));
+         valueDecode(segment_->slotValue(slot), value);
          return true;
       }
-      Record record;
-      if (!readerFind(key, hash, record)) return false;
-      value = ValueCodec::decode(record.value());
-      return true;
+      if constexpr (std::is_same_v<StoredValue, V>) {
+         return readerFind(key, hash, value);
+      } else {
+         StoredValue stored;
+         if (!readerFind(key, hash, stored)) return false;
+         value = ValueCodec::decode(stored);
+         return true;
+      }
    }
 
    bool put(const K& key, const V& value) override {
@@ -80,8 +84,10 @@ class ShmStore : public Store<K, V> {
          std::uint32_t slot = free_.back();
          free_.pop_back();
          slotWrite(slot, true, storedKey, stored);
-         if (probe.cell.load(std::memory_order_relaxed) == Shm::deletedCell) --deletedCells_;
-         probe.cell.store(slot + 1, std::memory_order_release);
+         if (Shm::cellSlot(probe.cell.load(std::memory_order_relaxed)) == Shm::deletedCell) {
+            --deletedCells_;
+         }
+         probe.cell.store(Shm::cellOf(tagOf(hash), slot), std::memory_order_release);
          countIs(count_ + 1);
          if (ordered_) ordered_->insert(key);
       }
@@ -171,30 +177,14 @@ class ShmStore : public Store<K, V> {
    std::uint64_t numResyncs() const { return numResyncs_; }
 
  private:
+   using Clock = std::chrono::steady_clock;
    static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
    static constexpr std::uint64_t maxChangesPerDrain = 4096;
    static constexpr std::size_t keySpan = Shm::roundUp(sizeof(StoredKey), 8);
-   static constexpr std::size_t recordSize = keySpan + sizeof(StoredValue);
-
-   // Key and value bytes of one slot, copied out under the slot's sequence lock.
-   struct Record {
-      alignas(8) unsigned char bytes[recordSize];
-      bool live = false;
-      StoredKey key() const {
-         StoredKey k;
-         std::memcpy(&k, bytes, sizeof k);
-         return k;
-      }
-      StoredValue value() const {
-         StoredValue v;
-         std::memcpy(&v, bytes + keySpan, sizeof v);
-         return v;
-      }
-   };
 
    struct Probe {
       std::uint32_t slot;
-      std::atomic<std::uint32_t>& cell;  // the key's cell, or where it would go
+      std::atomic<std::uint64_t>& cell;  // the key's cell, or where it would go
    };
 
    explicit ShmStore(std::unique_ptr<Shm::Segment> segment) : segment_(std::move(segment)) {
@@ -218,6 +208,19 @@ class ShmStore : public Store<K, V> {
       return h ^ (h >> 29);
    }
 
+   // Values stored as they are go straight into place, without an intermediate copy.
+   static void valueDecode(const unsigned char* bytes, V& value) {
+      if constexpr (std::is_same_v<StoredValue, V>) {
+         std::memcpy(static_cast<void*>(&value), bytes, sizeof value);
+      } else {
+         StoredValue stored;
+         std::memcpy(&stored, bytes, sizeof stored);
+         value = ValueCodec::decode(stored);
+      }
+   }
+
+   static std::uint32_t tagOf(std::uint64_t hash) { return static_cast<std::uint32_t>(hash >> 32); }
+
    StoredKey storedKey(std::uint32_t slot) const {
       StoredKey k;
       std::memcpy(&k, segment_->slotKey(slot), sizeof k);
@@ -236,16 +239,20 @@ class ShmStore : public Store<K, V> {
    // The writer's lookup: it is the only one changing the segment, so it reads plainly.
    Probe writerSlot(const K& key, std::uint64_t hash) const {
       const std::uint64_t mask = geometry().indexSize - 1;
-      std::atomic<std::uint32_t>* firstDeleted = nullptr;
+      const std::uint32_t tag = tagOf(hash);
+      std::atomic<std::uint64_t>* firstDeleted = nullptr;
       for (std::uint64_t i = hash & mask;; i = (i + 1) & mask) {
          auto& cell = segment_->cell(i);
-         std::uint32_t c = cell.load(std::memory_order_relaxed);
-         if (c == Shm::emptyCell) return {noSlot, firstDeleted ? *firstDeleted : cell};
-         if (c == Shm::deletedCell) {
+         std::uint64_t c = cell.load(std::memory_order_relaxed);
+         std::uint32_t s = Shm::cellSlot(c);
+         if (s == Shm::emptyCell) return {noSlot, firstDeleted ? *firstDeleted : cell};
+         if (s == Shm::deletedCell) {
             if (!firstDeleted) firstDeleted = &cell;
             continue;
          }
-         if (KeyCodec::decode(storedKey(c - 1)) == key) return {c - 1, cell};
+         if (Shm::cellTag(c) == tag && KeyCodec::decode(storedKey(s - 1)) == key) {
+            return {s - 1, cell};
+         }
       }
    }
 
@@ -258,7 +265,8 @@ class ShmStore : public Store<K, V> {
       std::memcpy(bytes, &key, sizeof key);
       std::memcpy(bytes + keySpan, &value, sizeof value);
       header.live = live ? 1 : 0;
-      header.checksum = Shm::checksum(bytes, recordSize, slotSeed(slot, live));
+      header.checksum =
+          Shm::checksum(bytes, sizeof key, bytes + keySpan, sizeof value, slotSeed(slot, live));
       // Sequence 0 means "never written"; a wrapping counter skips it.
       std::uint32_t next = seq + 2 == 0 ? 2 : seq + 2;
       header.seq.store(next, std::memory_order_release);
@@ -293,89 +301,90 @@ class ShmStore : public Store<K, V> {
       }
       for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
          if (!segment_->slot(slot).live) continue;
-         std::uint64_t i = hashOf(KeyCodec::decode(storedKey(slot))) & mask;
+         std::uint64_t hash = hashOf(KeyCodec::decode(storedKey(slot)));
+         std::uint64_t i = hash & mask;
          while (segment_->cell(i).load(std::memory_order_relaxed) != Shm::emptyCell) {
             i = (i + 1) & mask;
          }
-         segment_->cell(i).store(slot + 1, std::memory_order_relaxed);
+         segment_->cell(i).store(Shm::cellOf(tagOf(hash), slot), std::memory_order_relaxed);
       }
       deletedCells_ = 0;
       seq.store(s + 2, std::memory_order_release);
    }
 
    // Waits out a writer in the middle of a change, within limits: a writer that died there,
-   // or one that never finishes, leaves a record that will never be whole.
-   class Patience {
-    public:
-      Patience(const ShmStore& store, std::string what) : store_(store), what_(std::move(what)) {}
-      void wait() {
-         ++attempts_;
-         if (attempts_ < 64) return;
-         if (attempts_ == 64) start_ = std::chrono::steady_clock::now();
-         std::this_thread::yield();
-         if (attempts_ % 64 != 0) return;
-         if (!store_.segment_->writerAlive()) {
-            throw StoreCorruption(what_ + ": the writer died in the middle of a write");
-         }
-         if (std::chrono::steady_clock::now() - start_ > std::chrono::milliseconds(200)) {
-            throw StoreCorruption(what_ + ": a write never completed");
-         }
+   // or one that never finishes, leaves a record that will never be whole. Kept out of line,
+   // since lookups almost never come here.
+   [[gnu::cold, gnu::noinline]] void writerWait(const char* what, std::uint64_t which,
+                                                unsigned attempt, Clock::time_point& since) const {
+      if (attempt < 64) return;
+      if (attempt == 64) since = Clock::now();
+      std::this_thread::yield();
+      if (attempt % 64 != 0) return;
+      std::string where = what + std::to_string(which);
+      if (!segment_->writerAlive()) {
+         throw StoreCorruption(where + ": the writer died in the middle of a write");
       }
+      if (Clock::now() - since > std::chrono::milliseconds(200)) {
+         throw StoreCorruption(where + ": a write never completed");
+      }
+   }
 
-    private:
-      const ShmStore& store_;
-      std::string what_;
-      unsigned attempts_ = 0;
-      std::chrono::steady_clock::time_point start_;
-   };
+   [[gnu::cold, gnu::noinline]] static void badSlot(std::uint32_t slot) {
+      throw StoreCorruption("slot " + std::to_string(slot) + ": bad checksum");
+   }
 
-   // A consistent copy of a slot; false when the slot was never written.
-   bool slotRead(std::uint32_t slot, Record& record) const {
+   // A consistent copy of a slot's key and value; false when the slot was never written.
+   bool slotRead(std::uint32_t slot, StoredKey& key, StoredValue& value, bool& live) const {
       Shm::SlotHeader& header = segment_->slot(slot);
       const unsigned char* bytes = segment_->slotKey(slot);
-      std::optional<Patience> patience;
-      for (;;) {
+      Clock::time_point since;
+      for (unsigned attempt = 1;; ++attempt) {
          std::uint32_t seq = header.seq.load(std::memory_order_acquire);
          if (seq == 0) return false;
-         if (seq & 1) {
-            if (!patience) patience.emplace(*this, "slot " + std::to_string(slot));
-            patience->wait();
+         if (seq & 1) [[unlikely]] {
+            writerWait("slot ", slot, attempt, since);
             continue;
          }
-         std::uint32_t live = header.live;
+         std::memcpy(static_cast<void*>(&key), bytes, sizeof key);
+         std::memcpy(static_cast<void*>(&value), bytes + keySpan, sizeof value);
+         std::uint32_t flag = header.live;
          std::uint64_t sum = header.checksum;
-         std::memcpy(record.bytes, bytes, recordSize);
          std::atomic_thread_fence(std::memory_order_acquire);
          if (header.seq.load(std::memory_order_relaxed) != seq) continue;
-         if (live > 1 || sum != Shm::checksum(record.bytes, recordSize, slotSeed(slot, live))) {
-            throw StoreCorruption("slot " + std::to_string(slot) + ": bad checksum");
+         if (flag > 1 || sum != Shm::checksum(&key, sizeof key, &value, sizeof value,
+                                              slotSeed(slot, flag == 1))) [[unlikely]] {
+            badSlot(slot);
          }
-         record.live = live == 1;
+         live = flag == 1;
          return true;
       }
    }
 
-   bool readerFind(const K& key, std::uint64_t hash, Record& record) const {
+   bool readerFind(const K& key, std::uint64_t hash, StoredValue& value) const {
       const Shm::Geometry& g = geometry();
       const std::uint64_t mask = g.indexSize - 1;
       auto& indexSeq = segment_->header().indexSeq;
-      std::optional<Patience> patience;
-      for (;;) {
+      Clock::time_point since;
+      for (unsigned attempt = 1;; ++attempt) {
          std::uint32_t seq = indexSeq.load(std::memory_order_acquire);
-         if (seq & 1) {
-            if (!patience) patience.emplace(*this, "index");
-            patience->wait();
+         if (seq & 1) [[unlikely]] {
+            writerWait("index ", 0, attempt, since);
             continue;
          }
+         const std::uint32_t tag = tagOf(hash);
          std::uint64_t i = hash & mask;
          for (std::uint64_t n = 0; n <= mask; ++n, i = (i + 1) & mask) {
-            std::uint32_t c = segment_->cell(i).load(std::memory_order_acquire);
-            if (c == Shm::emptyCell) break;
-            if (c == Shm::deletedCell) continue;
-            if (c > g.capacity) {
+            std::uint64_t c = segment_->cell(i).load(std::memory_order_acquire);
+            std::uint32_t s = Shm::cellSlot(c);
+            if (s == Shm::emptyCell) break;
+            if (s == Shm::deletedCell || Shm::cellTag(c) != tag) continue;
+            if (s > g.capacity) {
                throw StoreCorruption("index cell " + std::to_string(i) + " points past the slots");
             }
-            if (slotRead(c - 1, record) && record.live && KeyCodec::decode(record.key()) == key) {
+            StoredKey found;
+            bool live = false;
+            if (slotRead(s - 1, found, value, live) && live && KeyCodec::decode(found) == key) {
                return true;
             }
          }
@@ -398,12 +407,14 @@ class ShmStore : public Store<K, V> {
    // Every live key, read slot by slot.
    std::set<K> scan() const {
       std::set<K> keys;
-      Record record;
+      StoredKey key;
+      StoredValue value;
+      bool live = false;
       for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
          if (writable()) {
             if (segment_->slot(slot).live) keys.insert(KeyCodec::decode(storedKey(slot)));
-         } else if (slotRead(slot, record) && record.live) {
-            keys.insert(KeyCodec::decode(record.key()));
+         } else if (slotRead(slot, key, value, live) && live) {
+            keys.insert(KeyCodec::decode(key));
          }
       }
       return keys;

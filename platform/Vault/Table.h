@@ -52,10 +52,10 @@ class Table : public Orb::Entity<Table<K, V>> {
    }
 
    V entry(const K& key) const {
-      V value{};
-      guarded([&] {
-         if (!store_->find(key, value)) value = V{};
-      });
+      V value;
+      bool found = false;
+      guarded([&] { found = store_->find(key, value); });
+      if (!found) value = V{};
       return value;
    }
    bool present(const K& key) const {

@@ -4,8 +4,8 @@
 #include <cstdlib>
 #include <random>
 
-#include "Vault/Vault.h"
 #include "ShmTestUtil.h"
+#include "Vault/Vault.h"
 
 namespace {
 
@@ -88,9 +88,9 @@ TEST(VaultShmCorruption, BadRecordsRunTheCorruptionHandling) {
    EXPECT_EQ(reader->entry(3), EntryStatus(3, 1));
 
    // An index cell that points past the slots.
-   auto* cells = reinterpret_cast<std::uint32_t*>(raw.bytes() + g.indexOffset);
+   auto* cells = reinterpret_cast<std::uint64_t*>(raw.bytes() + g.indexOffset);
    for (std::uint32_t i = 0; i < g.indexSize; ++i) {
-      if (cells[i] == 1) cells[i] = g.capacity + 5;
+      if (Vault::Shm::cellSlot(cells[i]) == 1) cells[i] += g.capacity + 5;
    }
    EXPECT_THROW(reader->entry(3), Brio::CorruptionDetectedException);
    EXPECT_NE(reason.find("points past the slots"), std::string::npos) << reason;

@@ -5,8 +5,8 @@
 
 #include <map>
 
-#include "Vault/Vault.h"
 #include "ShmTestUtil.h"
+#include "Vault/Vault.h"
 
 namespace {
 

@@ -3,8 +3,8 @@
 #include <map>
 #include <vector>
 
-#include "Vault/Vault.h"
 #include "ShmTestUtil.h"
+#include "Vault/Vault.h"
 
 namespace {
 
