@@ -16,6 +16,9 @@ using Vault::MbbEngine::OpId;
 
 namespace {
 
+// Beyond this many indices the array of holders would cost more than hashing them.
+constexpr std::uint32_t maxDenseIndices = 1u << 22;
+
 bool isAbsent(const EntryConfig& config) {
    return config.opId() == OpId() && config == EntryConfig();
 }
@@ -82,6 +85,11 @@ std::uint64_t FastMbbEngineImpl::tiFor(const EntryKey& key, OpId opId) {
 }
 
 bool FastMbbEngineImpl::processEntry(const EntryKey& key, const EntryConfig& config) {
+   // Indices of a table of known size are looked up in an array; the size may come late.
+   if (const std::uint32_t maxEntries = helper()->maxEntries();
+       maxEntries != current_.denseIndices() && maxEntries <= maxDenseIndices) {
+      current_.denseIndicesIs(maxEntries);
+   }
    const CurrentEntry* found = current_.find(key);
    const std::optional<CurrentEntry> current =
        found ? std::optional<CurrentEntry>(*found) : std::nullopt;

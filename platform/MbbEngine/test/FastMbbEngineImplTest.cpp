@@ -213,6 +213,31 @@ TEST(FastMbbEngineImpl, ConfigurationThatCannotBeHonouredStaysPendingAndHarmsNot
    EXPECT_EQ(f.helper->take(), (Ops{{"mov", 1, 0x100, 6, 3}, {"add", 5, 0x500, 5, 1}}));
 }
 
+TEST(FastMbbEngineImpl, TableSizeLearnedLateKeepsTrackOfHeldIndices) {
+   EngineFixture<> f(0);
+   f.publish(1, 1, 0x100, 5);
+   f.publish(2, 1, 0x200, dflt);
+   f.publish(3, 1, 0x300, 5000);
+   f.helper->take();
+   f.helper->maxEntriesIs(64);
+   // Index 5 and the default entry are still known to be held; 5000 is now out of the table.
+   f.publish(4, 1, 0x400, 5);
+   f.publish(5, 1, 0x500, dflt);
+   f.publish(6, 1, 0x600, 6000);
+   EXPECT_TRUE(f.helper->take().empty());
+   EXPECT_EQ(f.impl->pendingEntry(4)->reason, PendingReason::index);
+   EXPECT_EQ(f.impl->pendingEntry(5)->reason, PendingReason::index);
+   EXPECT_EQ(f.impl->pendingEntry(6)->reason, PendingReason::badConfig);
+   f.config->entryDel(3);
+   f.publish(1, 2, 0x100, 7);
+   EXPECT_EQ(f.helper->take(),
+             (Ops{{"del", 3, 0x300, 5000, 1}, {"mov", 1, 0x100, 7, 2}, {"add", 4, 0x400, 5, 1}}));
+   // Unknown again: every index is hashed, and still found.
+   f.helper->maxEntriesIs(0);
+   f.publish(7, 1, 0x700, 7);
+   EXPECT_EQ(f.impl->pendingEntry(7)->reason, PendingReason::index);
+}
+
 TEST(FastMbbEngineImpl, DebugStatusAnswersWithThePendingKeys) {
    EngineFixture<> f;
    f.publish(1, 1, 0x100, 5);
