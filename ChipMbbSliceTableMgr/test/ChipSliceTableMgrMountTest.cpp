@@ -1,0 +1,146 @@
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+
+#include "Atlas/EntityManager.h"
+#include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
+#include "ChipMbbSliceTableMgr/test/TableMgrWorld.h"
+#include "Keel/EventLoop.h"
+
+namespace ChipMbbSlice::test {
+namespace {
+
+using ::testing::ElementsAre;
+using ::testing::StartsWith;
+using Vault::MbbEngine::EntryStatus;
+using Vault::MbbEngine::TableConfig;
+using Vault::MbbEngine::TableStatus;
+
+std::string uniqueRoot(const std::string& what) {
+   static int serial = 0;
+   return "tablemgrtest-" + std::to_string(::getpid()) + "-" + std::to_string(serial++) + "-" +
+          what;
+}
+
+// A publisher and an agent on one root: the publisher writes mount information and
+// configuration through its own entity manager, the agent's manager mounts them through
+// another, fed by the event loop, as two processes would.
+struct MountedWorld : World {
+   explicit MountedWorld(const std::string& what) : root(uniqueRoot(what)), publisher(root) {
+      pubInfo = publisher.mount<TableConfigMountInfo>("agent1/info", Atlas::MountMode::writer, 16);
+      agent = Orb::ptrNew<Atlas::EntityManager>(root, &loop);
+      info = agent->mount<TableConfigMountInfo>("agent1/info", Atlas::MountMode::reader);
+   }
+   // The manager and its engines go while the agent's mounts and the loop are still there.
+   ~MountedWorld() { mgr.reset(); }
+
+   Orb::Ptr<TableConfig> pubConfig(const std::string& path) {
+      return publisher.mount<TableConfig>(path, Atlas::MountMode::writer, 1024);
+   }
+   void settle(const std::function<bool()>& done) {
+      for (int i = 0; i < 40 && !done(); ++i) loop.runOnce(0.05);
+   }
+
+   Keel::EventLoop loop;
+   std::string root;
+   Atlas::EntityManager publisher;
+   Orb::Ptr<TableConfigMountInfo> pubInfo;
+   Orb::Ptr<Atlas::EntityManager> agent;
+};
+
+TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
+   ChipSdk::chipModelReset();
+   MountedWorld w("serve");
+   auto config = w.pubConfig("host/config");
+   config->entryIs(matEntry(0x10, 1, 5, 7));
+   w.mgrNew(w.agent);
+   auto audit = Orb::ptrNew<RecordingAuditMgr>();
+   w.mgr->tableAuditMgrSmIs(audit);
+
+   const auto key = mountKey("host", hostHdl);
+   w.pubInfo->entryIs(key, published("host"));
+   w.settle([&] { return w.mgr->mbbEngineSm(key) != nullptr; });
+   ASSERT_NE(w.mgr->mbbEngineSm(key), nullptr);
+   EXPECT_FALSE(w.capture.contains("mounting vault in test mode"));
+   auto agentConfig = w.agent->entity<TableConfig>("host/config");
+   auto agentStatus = w.agent->entity<TableStatus>("host/status");
+   ASSERT_NE(agentConfig, nullptr);
+   ASSERT_NE(agentStatus, nullptr);
+   EXPECT_FALSE(agentConfig->writable());
+   EXPECT_TRUE(agentStatus->writable());
+   EXPECT_EQ(agentStatus->capacity(), 1024u);
+   EXPECT_EQ(w.mgr->mbbEngineSm(key)->tableConfig(), agentConfig);
+
+   // What was configured before the mount is in hardware, and the publisher sees it so.
+   const ChipSdk::MatTable* chip = ChipSdk::chipModel().matTable(0, hostHdl);
+   ASSERT_NE(chip->entry(5), nullptr);
+   EXPECT_EQ(chip->entry(5)->index, 7u);
+   auto pubStatus = w.publisher.mount<TableStatus>("host/status", Atlas::MountMode::reader);
+   EXPECT_EQ(pubStatus->entry(0x10), EntryStatus(0x10, 1));
+
+   // A later change travels through the segment and the loop.
+   config->entryIs(matEntry(0x11, 1, 6, 8));
+   w.settle([&] { return agentStatus->entry(0x11) == EntryStatus(0x11, 1); });
+   ASSERT_NE(chip->entry(6), nullptr);
+   EXPECT_EQ(pubStatus->entry(0x11), EntryStatus(0x11, 1));
+   w.publisher.unmount("host/status");
+
+   w.mgr->allowUnmountIs(true);
+   w.pubInfo->entryDel(key);
+   w.settle([&] { return w.mgr->mbbEngineSm(key) == nullptr; });
+   EXPECT_EQ(w.mgr->mbbEngineSm(key), nullptr);
+   EXPECT_TRUE(w.capture.contains("unmounting table " + key.name()));
+   EXPECT_EQ(w.agent->entity("host/config"), nullptr);
+   EXPECT_EQ(w.agent->entity("host/status"), nullptr);
+   EXPECT_EQ(w.mgr->mountInfo(key), TableConfigMountEntry());
+   EXPECT_EQ(w.mgr->debug(key), nullptr);
+   EXPECT_FALSE(w.mgr->tableScopeHas(hostHdl));
+   EXPECT_THAT(audit->calls, ElementsAre("add " + key.name(), "del " + key.name()));
+   // The engine took its entries out of hardware as it went.
+   EXPECT_EQ(chip->entry(5), nullptr);
+   EXPECT_EQ(chip->entry(6), nullptr);
+
+   // Published again, it is mounted afresh.
+   w.pubInfo->entryIs(key, published("host"));
+   w.settle([&] { return w.mgr->mbbEngineSm(key) != nullptr; });
+   ASSERT_NE(w.mgr->mbbEngineSm(key), nullptr);
+   EXPECT_NE(chip->entry(6), nullptr);
+}
+
+// Mount entries that cannot be mounted are left out with a trace; the others are served.
+TEST(ChipSliceTableMgrMountTest, UnmountableEntriesAreSkipped) {
+   ChipSdk::chipModelReset();
+   MountedWorld w("bad");
+   w.pubConfig("good/config");
+   w.pubConfig("nostatus/config");
+   w.pubConfig("clash/config");
+   w.publisher.mount<TableStatus>("clash/status", Atlas::MountMode::writer, 16);
+   w.publisher.mount<TableStatus>("wrongtype/config", Atlas::MountMode::writer, 16);
+
+   w.pubInfo->entryIs(mountKey("missing", hostHdl, 0, 0), published("missing"));
+   w.pubInfo->entryIs(mountKey("wrongtype", hostHdl, 0, 1), published("wrongtype"));
+   w.pubInfo->entryIs(mountKey("clash", hostHdl, 0, 2), published("clash"));
+   w.pubInfo->entryIs(mountKey("good", hostHdl, 0, 3), published("good"));
+   w.pubInfo->entryIs(mountKey("nostatus", aclHdl), published("nostatus", false));
+   w.mgrNew(w.agent);
+
+   EXPECT_EQ(w.running(), (std::vector<std::string>{namePrefix + "good", namePrefix + "nostatus"}));
+   for (const char* name : {"missing", "wrongtype", "clash"}) {
+      const std::string skipped = "skipping " + namePrefix + name + ": ";
+      bool traced = false;
+      for (const std::string& text : w.capture.texts()) traced |= text.starts_with(skipped);
+      EXPECT_TRUE(traced) << name;
+      EXPECT_TRUE(hasRecord("0:skipping unmountable:" + std::string(name))) << name;
+   }
+   // A refused status leaves no configuration mount behind.
+   EXPECT_EQ(w.agent->entity("clash/config"), nullptr);
+   EXPECT_EQ(w.agent->entity("nostatus/status"), nullptr);
+   EXPECT_NE(w.agent->entity("nostatus/config"), nullptr);
+   EXPECT_EQ(w.agent->numMounts(), 4u);
+}
+
+}  // namespace
+}  // namespace ChipMbbSlice::test

@@ -1,0 +1,429 @@
+#include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ChipMbbSlice/ChipMbbEngineHelper.h"
+#include "ChipMbbSliceTableMgr/test/TableMgrWorld.h"
+#include "MbbEngine/FastMbbEngineAtcamImpl.h"
+
+namespace ChipMbbSlice::test {
+namespace {
+
+using ::testing::ElementsAre;
+
+// One decision of the manager: what happens, and what it must leave behind.
+struct DecisionCase {
+   std::string name;
+   std::function<void(World&)> run;
+   // The failed assertion's expression, empty when none may fail.
+   std::string assertion;
+   // Text traces that must have been written, exactly, and texts that must not have been.
+   std::vector<std::string> traces;
+   std::vector<std::string> absentTraces;
+   // Ring-buffer records that must have been written, as the decoder prints them.
+   std::vector<std::string> records;
+   // Tables running at the end.
+   std::vector<std::string> running;
+   std::function<void(World&)> check;
+};
+
+std::string p(const std::string& name) {
+   return namePrefix + name;
+}
+
+const std::vector<DecisionCase>& decisionCases() {
+   static const std::vector<DecisionCase> cases = {
+       {.name = "a current table is mounted and its steps traced",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("plain", hostHdl), published("plain"));
+               w.mgrNew();
+            },
+        .traces = {"ChipSliceTableMgrSm::handleTableMount",
+                   "ChipSliceTableMgrSm::handleTableMount " + p("plain") +
+                       " dev:0 pipe:0xffff id:0x01000001",
+                   "mounting table for read " + p("plain"), "mounting vault in test mode",
+                   "starting mbbenginesm for " + p("plain"),
+                   "no audit manager, skipping audit for table with hdl:0x1000001"},
+        .running = {p("plain")},
+        .check =
+            [](World& w) {
+               const auto key = mountKey("plain", hostHdl);
+               EXPECT_EQ(w.mgr->mountInfo(key), published("plain"));
+               ASSERT_NE(w.mgr->debug(key), nullptr);
+               EXPECT_EQ(w.mgr->debug(key)->debugConfig(), w.mgr->mbbEngineSm(key)->debugConfig());
+               EXPECT_EQ(w.mgr->debug(key)->debugStatus()->name(), p("plain"));
+               EXPECT_FALSE(w.mgr->debug(key)->hasBackupSupport());
+               EXPECT_EQ(w.mgr->tableScopes().size(), 1u);
+               EXPECT_EQ(w.mgr->tableScope(hostHdl), PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
+               EXPECT_EQ(ChipSdk::chipModel().table(0, hostHdl)->entryScope(),
+                         PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
+               EXPECT_EQ(w.mgr->maxPublishedInstanceId(), 1u);
+               auto helper = std::dynamic_pointer_cast<ChipMbbEngineHelper>(
+                   w.mgr->mbbEngineSm(key)->mbbEngineImpl()->helper());
+               ASSERT_NE(helper, nullptr);
+               EXPECT_EQ(helper->devTgt(), key.devTgt());
+               EXPECT_EQ(helper->matTableHandle(), hostHdl);
+               EXPECT_EQ(helper->sessionHandle(), sessHdl);
+               EXPECT_FALSE(helper->testmode());
+            }},
+       {.name = "a device outside the supported mask is skipped",
+        .run =
+            [](World& w) {
+               w.supportedDevices = 0x1;
+               w.publish(mountKey("foreign", hostHdl, 1), published("foreign"));
+               w.mgrNew();
+            },
+        .traces = {"unsupported devId: 1"},
+        .absentTraces = {"mounting table for read " + p("foreign")}},
+       {.name = "a device id of 32 or more is fatal",
+        .run =
+            [](World& w) {
+               w.supportedDevices = 0xFFFFFFFF;
+               w.publish(mountKey("dev40", hostHdl, 40), published("dev40"));
+               w.mgrNew();
+            },
+        .assertion = "key.devTgt().devId() < 32"},
+       {.name = "an older instance is stale, an equal one is current",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("inst2", hostHdl), published("inst2", true, 1024, 2));
+               w.mgrNew();
+               w.publish(mountKey("inst1", aclHdl), published("inst1", true, 1024, 1));
+               w.publish(mountKey("inst2b", lpmHdl), published("inst2b", true, 1024, 2));
+            },
+        .absentTraces = {"mounting table for read " + p("inst1")},
+        .records = {"0:skipping stale instanceId:inst1 id:1 maxId:2"},
+        .running = {p("inst2"), p("inst2b")}},
+       {.name = "a newer instance deletes every engine and keeps the rest",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("old1", hostHdl), published("old1", true, 1024, 1));
+               w.publish(mountKey("old2", aclHdl), published("old2", true, 1024, 1));
+               w.mgrNew();
+               w.publish(mountKey("new3", lpmHdl), published("new3", true, 1024, 3));
+            },
+        .running = {p("new3")},
+        .check =
+            [](World& w) {
+               EXPECT_EQ(w.mgr->maxPublishedInstanceId(), 3u);
+               EXPECT_EQ(w.mgr->mountInfos().size(), 3u);
+               EXPECT_EQ(w.mgr->tableScopes().size(), 3u);
+               // The old tables come back only when republished by the new instance.
+               w.publish(mountKey("old1", hostHdl), published("old1", true, 1024, 3));
+               EXPECT_EQ(w.running(), (std::vector<std::string>{p("new3"), p("old1")}));
+            }},
+       {.name = "a stale status is reported before a stale configuration",
+        .run =
+            [](World& w) {
+               auto entry = published("stale");
+               entry.statusGenTimeIs(99);
+               entry.configGenTimeIs(98);
+               w.publish(mountKey("stale", hostHdl), entry);
+               w.mgrNew();
+            },
+        .traces = {"ignoring " + p("stale") + " syncGenTime: 1234.5 statusGenTime: 99"},
+        .absentTraces = {"ignoring " + p("stale") +
+                         " global: 0 syncGenTime: 1234.5 configGenTime: 98"},
+        .records = {"0:skipping stale status:stale statusGenTime:99 syncGenTime:1234.5"}},
+       {.name = "a stale configuration is skipped",
+        .run =
+            [](World& w) {
+               auto entry = published("oldcfg");
+               entry.configGenTimeIs(98);
+               entry.globalIs(true);
+               w.publish(mountKey("oldcfg", hostHdl), entry);
+               w.mgrNew();
+            },
+        .traces = {"ignoring " + p("oldcfg") + " global: 1 syncGenTime: 1234.5 configGenTime: 98"},
+        .records = {"0:skipping: oldcfg global: true configGenTime:98 syncGenTime:1234.5"}},
+       {.name = "a changed entry for a running table changes nothing",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("exists", hostHdl), published("exists"));
+               w.mgrNew();
+               w.publish(mountKey("exists", hostHdl), published("exists", true, 4096));
+            },
+        .traces = {"handleTableMount ignoring existing " + p("exists")},
+        .records = {"0:skipping existing:exists"},
+        .running = {p("exists")},
+        .check =
+            [](World& w) {
+               EXPECT_EQ(w.mgr->mountInfo(mountKey("exists", hostHdl)).tableSize(), 1024u);
+            }},
+       {.name = "mode 0 leaves tables without status until the mode changes",
+        .run =
+            [](World& w) {
+               w.mountConfig->modeIs(MountMode::mountStatusTablesOnly);
+               w.publish(mountKey("nostatus", hostHdl), published("nostatus", false));
+               w.publish(mountKey("status", aclHdl), published("status", true));
+               w.mgrNew();
+               EXPECT_EQ(w.running(), std::vector<std::string>{p("status")});
+               w.mountConfig->modeIs(MountMode::mountAllTables);
+            },
+        .traces = {"handleTableMount ignoring disabled: " + p("nostatus"),
+                   "handleMountConfig mountConfig()->mode() = mountAllTables",
+                   "handleTableMount ignoring existing " + p("status")},
+        .records = {"0:skipping disabled:nostatus"},
+        .running = {p("nostatus"), p("status")},
+        .check =
+            [](World& w) {
+               EXPECT_EQ(w.mgr->mbbEngineSm(mountKey("nostatus", hostHdl))->tableStatus(), nullptr);
+            }},
+       {.name = "two pipes of one table agree on its scope",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("pipe0", aclHdl, 0, 0), published("pipe0"));
+               w.publish(mountKey("pipe1", aclHdl, 0, 1), published("pipe1"));
+               w.mgrNew();
+            },
+        .running = {p("pipe0"), p("pipe1")},
+        .check =
+            [](World& w) {
+               EXPECT_EQ(w.mgr->tableScope(aclHdl), PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
+               EXPECT_EQ(ChipSdk::chipModel().table(0, aclHdl)->entryScope(),
+                         PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
+            }},
+       {.name = "all pipes and one pipe of one table conflict",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("allpipes", aclHdl, 0, 0xFFFF), published("allpipes"));
+               w.publish(mountKey("onepipe", aclHdl, 0, 2), published("onepipe"));
+               w.mgrNew();
+            },
+        .assertion = "tableScope( key.tableId() ) == propVal.scope"},
+       {.name = "an SDK refusal of the scope is fatal",
+        .run =
+            [](World& w) {
+               ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+               profile.devices = {0};
+               ChipSdk::chipModelIs(profile);
+               w.publish(mountKey("nodev", hostHdl, 1), published("nodev"));
+               w.mgrNew();
+            },
+        .assertion = "ps == 0"},
+       {.name = "ATCAM partition bits follow the partition count",
+        .run =
+            [](World& w) {
+               // One pipe each, so that the four share the table.
+               std::uint16_t pipe = 0;
+               for (auto [name, partitions] :
+                    {std::pair{"atcam1", 1u}, {"atcam3", 3u}, {"atcam4", 4u}, {"atcam16", 16u}}) {
+                  auto entry = published(name);
+                  entry.maxPartitionsIs(partitions);
+                  w.publish(mountKey(name, lpmHdl, 0, pipe++), entry);
+               }
+               w.mgrNew();
+            },
+        .traces = {"starting atcam partitionBits:0 maxPartitions:1",
+                   "starting atcam partitionBits:2 maxPartitions:3",
+                   "starting atcam partitionBits:2 maxPartitions:4",
+                   "starting atcam partitionBits:4 maxPartitions:16"},
+        .running = {p("atcam1"), p("atcam3"), p("atcam4"), p("atcam16")},
+        .check =
+            [](World& w) {
+               for (const auto& [key, engine] : w.mgr->mbbEngineSms()) {
+                  EXPECT_NE(std::dynamic_pointer_cast<MbbEngine::FastMbbEngineAtcamImpl>(
+                                engine->mbbEngineImpl()),
+                            nullptr)
+                      << key.name();
+               }
+            }},
+       {.name = "more than 65536 partitions is fatal",
+        .run =
+            [](World& w) {
+               auto entry = published("atcamhuge");
+               entry.maxPartitionsIs(65537);
+               w.publish(mountKey("atcamhuge", lpmHdl), entry);
+               w.mgrNew();
+            },
+        .assertion = "partitionBits <= 16"},
+       {.name = "unpublishing a running table is fatal unless allowed",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("refused", hostHdl), published("refused"));
+               w.mgrNew();
+               w.info->entryDel(mountKey("refused", hostHdl));
+            },
+        .assertion = "allowUnmount() && \"unmount is not supported\"",
+        .traces = {"unmounting table " + p("refused")},
+        .records = {"1:unmounting refused"}},
+       {.name = "test mode keeps an unpublished table running",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("kept", hostHdl), published("kept"));
+               w.mgrNew();
+               w.mgr->allowUnmountIs(true);
+               w.info->entryDel(mountKey("kept", hostHdl));
+            },
+        .traces = {"unmounting table " + p("kept"), "No unmounting support in testmode"},
+        .running = {p("kept")},
+        .check =
+            [](World& w) {
+               EXPECT_EQ(w.mgr->mountInfo(mountKey("kept", hostHdl)), published("kept"));
+            }},
+       {.name = "an unpublished table that is not running is left alone",
+        .run =
+            [](World& w) {
+               w.mountConfig->modeIs(MountMode::mountStatusTablesOnly);
+               w.mgrNew();
+               w.publish(mountKey("never", hostHdl), published("never", false));
+               w.info->entryDel(mountKey("never", hostHdl));
+            },
+        .traces = {"handleTableMount ignoring disabled: " + p("never")},
+        .absentTraces = {"unmounting table " + p("never")}},
+   };
+   return cases;
+}
+
+// The records of a case carry trace id 1 where a table's id shows: each case starts the count
+// from where the process is, so ids are compared by their offset.
+TEST(ChipSliceTableMgrSmTest, DecisionSteps) {
+   for (const DecisionCase& c : decisionCases()) {
+      SCOPED_TRACE(c.name);
+      ChipSdk::chipModelReset();
+      World w;
+      const std::uint32_t firstQtId = getNextQtId() + 1;
+      std::string failed;
+      try {
+         c.run(w);
+      } catch (const Brio::AssertionFailure& e) {
+         failed = e.expression();
+      }
+      EXPECT_EQ(failed, c.assertion);
+      for (const std::string& text : c.traces) EXPECT_TRUE(w.capture.contains(text)) << text;
+      for (const std::string& text : c.absentTraces) EXPECT_FALSE(w.capture.contains(text)) << text;
+      for (std::string text : c.records) {
+         if (text.starts_with("1:")) text = std::to_string(firstQtId) + text.substr(1);
+         EXPECT_TRUE(hasRecord(text)) << text;
+      }
+      if (c.assertion.empty()) EXPECT_EQ(w.running(), c.running);
+      if (c.check && c.assertion.empty()) c.check(w);
+   }
+}
+
+TEST(ChipSliceTableMgrSmTest, TablesDrawConsecutiveTraceIds) {
+   ChipSdk::chipModelReset();
+   World w;
+   w.publish(mountKey("first", hostHdl), published("first"));
+   w.mgrNew();
+   const std::uint32_t first =
+       w.mgr->mbbEngineSm(mountKey("first", hostHdl))->mbbEngineImpl()->qtId();
+   w.publish(mountKey("second", aclHdl), published("second"));
+   const auto second = w.mgr->mbbEngineSm(mountKey("second", aclHdl));
+   EXPECT_EQ(second->mbbEngineImpl()->qtId(), first + 1);
+   EXPECT_EQ(
+       std::dynamic_pointer_cast<ChipMbbEngineHelper>(second->mbbEngineImpl()->helper())->qtId(),
+       first + 1);
+   EXPECT_TRUE(hasRecord(std::to_string(first + 1) + ":mounting table:second"));
+}
+
+TEST(ChipSliceTableMgrSmTest, AuditManagerHearsOfEveryRunningTable) {
+   ChipSdk::chipModelReset();
+   World w;
+   w.publish(mountKey("a1", hostHdl), published("a1"));
+   w.publish(mountKey("a2", aclHdl), published("a2"));
+   w.mgrNew();
+   auto audit = Orb::ptrNew<RecordingAuditMgr>();
+   w.mgr->tableAuditMgrSmIs(audit);
+   EXPECT_THAT(audit->calls, ElementsAre("add " + p("a1"), "add " + p("a2")));
+
+   w.publish(mountKey("a3", lpmHdl), published("a3"));
+   EXPECT_THAT(audit->calls, ElementsAre("add " + p("a1"), "add " + p("a2"), "add " + p("a3")));
+   EXPECT_EQ(audit->engines.back().lock(), w.mgr->mbbEngineSm(mountKey("a3", lpmHdl)));
+   EXPECT_TRUE(w.capture.contains("adding table to audit manager for table hdl:0x1000002"));
+
+   w.mgr->tableAuditMgrSmIs(nullptr);
+   w.publish(mountKey("a4", hostHdl, 1), published("a4"));
+   EXPECT_EQ(audit->calls.size(), 3u);
+}
+
+TEST(ChipSliceTableMgrSmTest, CollectionsRefuseNullAndNotifyChanges) {
+   ChipSdk::chipModelReset();
+   World w;
+   w.mgrNew();
+   try {
+      w.mgr->mbbEngineSmIs(mountKey("x", hostHdl), nullptr);
+      ADD_FAILURE() << "a null engine was accepted";
+   } catch (const Brio::RangeException& e) {
+      EXPECT_STREQ(e.what(),
+                   "null _mbbEngineSm parameter to mutator for "
+                   "ChipMbbSlice::ChipSliceTableMgrSm::mbbEngineSm not allowed");
+   }
+
+   struct Watcher : ChipSliceTableMgrSm::Notifiee {
+      void onMbbEngineSm(const TableConfigMountKey& key) override { seen.push_back(key.name()); }
+      void onAllowUnmount() override { seen.push_back("allowUnmount"); }
+      std::vector<std::string> seen;
+   } watcher;
+   watcher.notifierIs(w.mgr.get());
+   w.mgr->allowUnmountIs(true);
+   w.mgr->allowUnmountIs(true);
+   w.publish(mountKey("n1", hostHdl), published("n1"));
+   EXPECT_THAT(watcher.seen, ElementsAre("allowUnmount", p("n1")));
+   EXPECT_EQ(w.mgr->debugIs(mountKey("n1", hostHdl)), w.mgr->debug(mountKey("n1", hostHdl)));
+   watcher.notifierIs(nullptr);
+}
+
+// Entries published into a test-mode table reach the chip and come back as status.
+TEST(ChipSliceTableMgrSmTest, TestModeTableIsServedEndToEnd) {
+   ChipSdk::chipModelReset();
+   World w;
+   const auto key = mountKey("e2e", aclHdl, 0, 1);
+   w.publish(key, published("e2e"));
+   w.mgrNew();
+   const auto engine = w.mgr->mbbEngineSm(key);
+   ASSERT_NE(engine, nullptr);
+   EXPECT_EQ(w.flushStatus->tableCounter(), 1u);
+   EXPECT_TRUE(w.flushStatus->allFlushed());
+   const auto& config = engine->tableConfig();
+   const auto& status = engine->tableStatus();
+   EXPECT_EQ(status->name(), "e2e/status");
+   EXPECT_EQ(status->capacity(), 1024u);
+
+   config->entryIs(matEntry(0x10, 1, 5, 7));
+   const ChipSdk::MatTable* chip = ChipSdk::chipModel().matTable(0, aclHdl);
+   ASSERT_NE(chip->entry(5), nullptr);
+   EXPECT_EQ(chip->entry(5)->index, 7u);
+   EXPECT_EQ(chip->entry(5)->instance, 1u);
+   EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus(0x10, 1));
+
+   config->entryIs(matEntry(0x10, 2, 5, 9));
+   EXPECT_EQ(chip->entry(5)->index, 9u);
+   EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus(0x10, 2));
+
+   config->entryDel(0x10);
+   EXPECT_EQ(chip->entry(5), nullptr);
+   EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus());
+   EXPECT_EQ(ChipSdk::chipModel().numViolations(), 0u);
+}
+
+TEST(ChipSliceTableMgrSmTest, ChipMismatchesAreSkippedAndOthersGoOn) {
+   ChipSdk::chipModelReset();
+   World w;
+   w.publish(mountKey("size0", hostHdl), published("size0", true, 0));
+   w.publish(mountKey("toobig", hostHdl, 1), published("toobig", true, hostSize + 1));
+   w.publish(mountKey("notmat", adtHdl), published("notmat"));
+   w.publish(mountKey("nochip", 0x0badbad0), published("nochip"));
+   w.publish(mountKey("fits", hostHdl, 0, 3), published("fits", true, hostSize));
+   w.mgrNew();
+   EXPECT_EQ(w.running(), std::vector<std::string>{p("fits")});
+   EXPECT_TRUE(w.capture.contains("skipping " + p("size0") +
+                                  ": tableSize 0 does not fit the chip's 65536"));
+   EXPECT_TRUE(w.capture.contains("skipping " + p("toobig") +
+                                  ": tableSize 65537 does not fit the chip's 65536"));
+   EXPECT_TRUE(w.capture.contains("skipping " + p("notmat") +
+                                  ": no match table with hdl:0x2000010 on the chip"));
+   EXPECT_TRUE(w.capture.contains("skipping " + p("nochip") +
+                                  ": no match table with hdl:0xbadbad0 on the chip"));
+   EXPECT_TRUE(hasRecord("0:skipping bad size:toobig tableSize:65537 chipSize:65536"));
+   EXPECT_THAT(w.mgr->tableScopes(), ::testing::SizeIs(1));
+}
+
+}  // namespace
+}  // namespace ChipMbbSlice::test

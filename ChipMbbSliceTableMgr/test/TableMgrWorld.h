@@ -1,0 +1,147 @@
+#pragma once
+
+// What the table-manager tests share: published entries, an audit manager that records what
+// it is told, and a world of mount-info collection, mount configuration, timer wheel and
+// flush status around one manager, with its trace lines and records captured.
+
+#include <cstdint>
+#include <cstdlib>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "Brio/Brio.h"
+#include "ChipMbbSliceTableMgr/ChipMbbSliceTableMgr.h"
+#include "ChipSdk/ChipModel.h"
+#include "ChipSdk/PlcmtData.h"
+#include "FlashLog/CaptureSink.h"
+#include "FlashLog/Decoder.h"
+#include "FlashLog/FlashLog.h"
+#include "Keel/TimerWheel.h"
+#include "Orb/Time.h"
+#include "Vault/LocalTable.h"
+#include "Vault/MbbEngine/EntryConfig.h"
+
+namespace ChipMbbSlice::test {
+
+using ChipMbbShared::TableConfigMountEntry;
+using ChipMbbShared::TableConfigMountInfo;
+using ChipMbbShared::TableConfigMountKey;
+
+// Tables of the chip model's default profile.
+constexpr std::uint32_t hostHdl = 0x01000001;  // 65536 entries
+constexpr std::uint32_t lpmHdl = 0x01000002;   // 16384 entries, ATCAM
+constexpr std::uint32_t aclHdl = 0x01000003;   // 2048 entries
+constexpr std::uint32_t adtHdl = 0x02000010;   // an action data table
+constexpr std::uint32_t hostSize = 65536;
+
+constexpr double syncGenTime = 1234.5;
+constexpr std::uint32_t sessHdl = 7;
+
+// Published names share an 11-character prefix that trace records leave out.
+inline const std::string namePrefix = "ChipMbbSlc_";
+
+inline TableConfigMountKey mountKey(const std::string& name, std::uint32_t tableId,
+                                    std::uint8_t devId = 0, std::uint16_t pipeId = 0xFFFF) {
+   return TableConfigMountKey(ChipDriver::ChipDevTgt{devId, pipeId}, namePrefix + name, tableId);
+}
+
+inline TableConfigMountEntry published(const std::string& name, bool needStatus = true,
+                                       std::uint32_t tableSize = 1024,
+                                       std::uint16_t instanceId = 1) {
+   TableConfigMountEntry entry;
+   entry.configPathIs(name + "/config");
+   entry.statusPathIs(name + "/status");
+   entry.needStatusIs(needStatus);
+   entry.tableSizeIs(tableSize);
+   entry.configGenTimeIs(syncGenTime);
+   entry.statusGenTimeIs(syncGenTime);
+   entry.instanceIdIs(instanceId);
+   return entry;
+}
+
+inline Vault::MbbEngine::EntryConfig matEntry(std::uint64_t key, std::uint64_t opId,
+                                              std::uint32_t handle, std::uint32_t index) {
+   const std::uint8_t payload[8] = {1, 2, 3, 4, 5, 6, 7, static_cast<std::uint8_t>(key)};
+   const auto block = ChipSdk::PlcmtDataBuilder().payload(payload, sizeof payload).block();
+   return Vault::MbbEngine::EntryConfig(key, opId, handle, 0, 0, 1, index, 0, 0, block);
+}
+
+// Refers to the engines without keeping them, as the manager expects of an audit.
+class RecordingAuditMgr : public TableAuditRegistry {
+ public:
+   void addTable(const TableConfigMountKey& key,
+                 const Orb::Ptr<MbbEngine::MbbEngineSm>& engine) override {
+      calls.push_back("add " + key.name());
+      engines.push_back(engine);
+   }
+   void delTable(const TableConfigMountKey& key) override { calls.push_back("del " + key.name()); }
+
+   std::vector<std::string> calls;
+   std::vector<std::weak_ptr<MbbEngine::MbbEngineSm>> engines;
+};
+
+// The trace file of this test process, opened in a directory of its own.
+inline const FlashLog::Handle& traceFile() {
+   static const bool opened = [] {
+      unsetenv("FLASHLOG_DISABLE");
+      if (!FlashLog::defaultHandle().isOpen()) {
+         static std::string dir = [] {
+            char pattern[] = "/tmp/tablemgr-test-XXXXXX";
+            return std::string(mkdtemp(pattern));
+         }();
+         setenv("FLASHLOGDIR", dir.c_str(), 1);
+         initQt();
+      }
+      return FlashLog::defaultHandle().isOpen();
+   }();
+   (void)opened;
+   return FlashLog::defaultHandle();
+}
+
+// Whether the trace file holds a record whose text is exactly `text`.
+inline bool hasRecord(const std::string& text) {
+   for (const auto& record : FlashLog::decodeFile(traceFile().path()).records) {
+      if (record.text == text) return true;
+   }
+   return false;
+}
+
+struct World {
+   World() {
+      traceFile();
+      capture.levelIs("ChipMbbSlice", 9);
+      info->mountedIs(true);
+   }
+
+   Orb::Ptr<ChipSliceTableMgrSm> mgrNew(Orb::Ptr<Atlas::EntityManager> entityManager = nullptr) {
+      mgr = Orb::ptrNew<ChipSliceTableMgrSm>(info, std::move(entityManager), supportedDevices,
+                                             sessHdl, syncGenTime, wheel, flushStatus, mountConfig);
+      return mgr;
+   }
+   void publish(const TableConfigMountKey& key, const TableConfigMountEntry& entry) {
+      info->entryIs(key, entry);
+   }
+   // Names of the tables with a running engine.
+   std::vector<std::string> running() const {
+      std::vector<std::string> names;
+      if (mgr) {
+         for (const auto& [key, engine] : mgr->mbbEngineSms()) names.push_back(key.name());
+      }
+      return names;
+   }
+
+   DualLog::CaptureSink capture;
+   Brio::ScopedThrowingAsserts asserts;
+   std::uint32_t supportedDevices = 0x3;
+   Orb::Ptr<TableConfigMountInfo> info =
+       Vault::localTableNew<TableConfigMountInfo>("ChipMbbSlc_info");
+   Orb::Ptr<MountConfig> mountConfig = Orb::ptrNew<MountConfig>(MountMode::mountAllTables);
+   Orb::Ptr<Orb::ManualTimeSource> clock = Orb::ptrNew<Orb::ManualTimeSource>();
+   Orb::Ptr<Keel::TimerWheel> wheel = Orb::ptrNew<Keel::TimerWheel>(clock, 1, 1024, true, 16);
+   Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus =
+       Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flushStatus");
+   Orb::Ptr<ChipSliceTableMgrSm> mgr;
+};
+
+}  // namespace ChipMbbSlice::test
