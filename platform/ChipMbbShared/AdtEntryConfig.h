@@ -7,6 +7,7 @@
 #include "ChipSdk/PlcmtData.h"
 #include "Orb/Value.h"
 #include "Vault/MbbEngine/EntryKey.h"
+#include "Vault/MbbEngine/Tombstone.h"
 #include "Vault/PlcmtDataValue.h"
 
 namespace ChipMbbShared {
@@ -35,9 +36,7 @@ class AdtEntryConfig : public Orb::ValueBase {
    void mbrHdlIs(std::uint32_t v) { mbrHdl_ = v; }
    void plcmtDataIs(const ChipSdk::PlcmtDataBlock& v) { plcmtData_ = v; }
 
-   bool isDel() const {
-      return opId_ != Vault::MbbEngine::OpId() && *this == deletion(key_, opId_);
-   }
+   bool isDel() const { return Vault::MbbEngine::isTombstone(*this); }
    bool operator==(const AdtEntryConfig&) const = default;
 
    static constexpr auto orbFields() {

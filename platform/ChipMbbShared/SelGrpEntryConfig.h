@@ -6,6 +6,7 @@
 
 #include "Orb/Value.h"
 #include "Vault/MbbEngine/EntryKey.h"
+#include "Vault/MbbEngine/Tombstone.h"
 
 namespace ChipMbbShared {
 
@@ -43,9 +44,7 @@ class SelGrpEntryConfig : public Orb::ValueBase {
    void baseIndexIs(std::uint32_t v) { baseIndex_ = v; }
    void maxMbrsPerVectorIs(std::uint32_t v) { maxMbrsPerVector_ = v; }
 
-   bool isDel() const {
-      return opId_ != Vault::MbbEngine::OpId() && *this == deletion(key_, opId_);
-   }
+   bool isDel() const { return Vault::MbbEngine::isTombstone(*this); }
    bool operator==(const SelGrpEntryConfig&) const = default;
 
    static constexpr auto orbFields() {

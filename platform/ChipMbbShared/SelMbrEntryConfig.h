@@ -7,6 +7,7 @@
 #include "ChipSdk/PlcmtData.h"
 #include "Orb/Value.h"
 #include "Vault/MbbEngine/EntryKey.h"
+#include "Vault/MbbEngine/Tombstone.h"
 #include "Vault/PlcmtDataValue.h"
 
 namespace ChipMbbShared {
@@ -37,9 +38,7 @@ class SelMbrEntryConfig : public Orb::ValueBase {
    void activeIs(bool v) { active_ = v; }
    void plcmtDataIs(const ChipSdk::PlcmtDataBlock& v) { plcmtData_ = v; }
 
-   bool isDel() const {
-      return opId_ != Vault::MbbEngine::OpId() && *this == deletion(key_, opId_);
-   }
+   bool isDel() const { return Vault::MbbEngine::isTombstone(*this); }
    bool operator==(const SelMbrEntryConfig&) const = default;
 
    static constexpr auto orbFields() {

@@ -9,6 +9,7 @@
 #include "Vault/MbbEngine/EntryKey.h"
 #include "Vault/MbbEngine/EntryStatus.h"
 #include "Vault/MbbEngine/Tables.h"
+#include "Vault/MbbEngine/Tombstone.h"
 #include "Vault/PlcmtDataValue.h"
 #include "Vault/ShmTable.h"
 #include "Vault/Table.h"

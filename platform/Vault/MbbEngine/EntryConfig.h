@@ -7,6 +7,7 @@
 #include "ChipSdk/PlcmtData.h"
 #include "Orb/Value.h"
 #include "Vault/MbbEngine/EntryKey.h"
+#include "Vault/MbbEngine/Tombstone.h"
 #include "Vault/PlcmtDataValue.h"
 
 namespace Vault::MbbEngine {
@@ -67,7 +68,7 @@ class EntryConfig : public Orb::ValueBase {
    void plcmtDataIs(const ChipSdk::PlcmtDataBlock& v) { plcmtData_ = v; }
 
    // A tombstone: a version (op id) that carries nothing to place.
-   bool isDel() const { return opId_ != OpId() && *this == deletion(key_, opId_); }
+   bool isDel() const { return Vault::MbbEngine::isTombstone(*this); }
    bool isDefaultEntry() const { return index_ == defaultEntryIndex; }
    // The selector group that the entry's action points at; 0 when its action is direct
    // action data or its placement data is not a valid block.
