@@ -78,7 +78,7 @@ void FastMbbEngineImpl::processPending() {
 
 std::uint64_t FastMbbEngineImpl::tiFor(const EntryKey& key, OpId opId) {
    if (const PendingEntry* pending = pending_.find(key)) {
-      if (pending->config.opId() == opId) return pending->ti;
+      if (pending->opId == opId) return pending->ti;
       pending_.erase(key);
    }
    return pti_++;
@@ -116,13 +116,13 @@ bool FastMbbEngineImpl::processEntry(const EntryKey& key, const EntryConfig& con
    }
    if (!current || current->index != config.index()) {
       if (const CurrentEntry* holder = current_.byIndex(config.index())) {
-         waitFor(key, config, ti, indexResource(config.index()), *holder);
+         waitFor(key, current, config, ti, indexResource(config.index()), *holder);
          return false;
       }
    }
    if (!current || current->handle != config.entryHandle()) {
       if (const CurrentEntry* holder = current_.byHandle(config.entryHandle())) {
-         waitFor(key, config, ti, handleResource(config.entryHandle()), *holder);
+         waitFor(key, current, config, ti, handleResource(config.entryHandle()), *holder);
          return false;
       }
    }
@@ -145,8 +145,9 @@ void FastMbbEngineImpl::park(const EntryKey& key, const EntryConfig& config, std
    pending_.reasonIs(key, reason);
 }
 
-void FastMbbEngineImpl::waitFor(const EntryKey& key, const EntryConfig& config, std::uint64_t ti,
-                                std::uint64_t resource, const CurrentEntry& holder) {
+void FastMbbEngineImpl::waitFor(const EntryKey& key, const std::optional<CurrentEntry>& current,
+                                const EntryConfig& config, std::uint64_t ti, std::uint64_t resource,
+                                const CurrentEntry& holder) {
    DUALLOG(mbbEngineLog, 7,
            name_ << ": key " << key << " waits for " << resourceKind(resource) << " 0x" << std::hex
                  << static_cast<std::uint32_t>(resource) << std::dec << " held by key "
@@ -155,18 +156,16 @@ void FastMbbEngineImpl::waitFor(const EntryKey& key, const EntryConfig& config, 
    pending_.waitFor(key, resource,
                     (resource >> 32) == 1 ? PendingReason::index : PendingReason::handle,
                     holder.key);
-   checkDeadlock(key);
+   // Only a key that others wait for can be in a cycle, which spares most walks.
+   if (current && (pending_.waitedFor(indexResource(current->index)) ||
+                   pending_.waitedFor(handleResource(current->handle)))) {
+      checkDeadlock(key);
+   }
 }
 
 bool FastMbbEngineImpl::checkDeadlock(const EntryKey& key) {
    // A cycle of waits resolves only when one of its keys gives way; each wait is checked as it
-   // is made, so every cycle runs through its newest waiter. A key that nobody waits for is in
-   // no cycle, which spares most walks.
-   const CurrentEntry* current = current_.find(key);
-   if (!current || (!pending_.waitedFor(indexResource(current->index)) &&
-                    !pending_.waitedFor(handleResource(current->handle)))) {
-      return false;
-   }
+   // is made, so every cycle runs through its newest waiter.
    if (!pending_.waitsOnItself(key)) return false;
    breakDeadlock(key);
    return true;
@@ -376,7 +375,7 @@ void FastMbbEngineImpl::dumpPending(std::ostream& os) const {
    for (const PendingEntry& entry : pending) {
       std::snprintf(line, sizeof line,
                     "key: 0x%08" PRIx64 " ti: %8" PRIu64 " opId: 0x%016" PRIx64 " reason: %s",
-                    entry.key.value(), entry.ti, entry.config.opId().value(),
+                    entry.key.value(), entry.ti, entry.opId.value(),
                     pendingReasonName(entry.reason));
       os << line;
       if (entry.resource != 0) {

@@ -89,8 +89,9 @@ class FastMbbEngineImpl : public MbbEngineImpl {
    // Keeps the key pending with `reason`; `ti` is its change's transaction index.
    void park(const Vault::MbbEngine::EntryKey& key, const Vault::MbbEngine::EntryConfig& config,
              std::uint64_t ti, PendingReason reason);
-   void waitFor(const Vault::MbbEngine::EntryKey& key, const Vault::MbbEngine::EntryConfig& config,
-                std::uint64_t ti, std::uint64_t resource, const CurrentEntry& holder);
+   void waitFor(const Vault::MbbEngine::EntryKey& key, const std::optional<CurrentEntry>& current,
+                const Vault::MbbEngine::EntryConfig& config, std::uint64_t ti,
+                std::uint64_t resource, const CurrentEntry& holder);
    void issue(const Vault::MbbEngine::EntryKey& key, const std::optional<CurrentEntry>& current,
               const Vault::MbbEngine::EntryConfig& config);
    void breakDeadlock(const Vault::MbbEngine::EntryKey& key);

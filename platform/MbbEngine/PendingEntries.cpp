@@ -31,7 +31,7 @@ void PendingEntries::add(Vault::MbbEngine::EntryKey key,
    PendingEntry entry;
    entry.key = key;
    entry.ti = ti;
-   entry.config = config;
+   entry.opId = config.opId();
    std::uint32_t record;
    if (!freeRecords_.empty()) {
       record = freeRecords_.back();
@@ -41,7 +41,9 @@ void PendingEntries::add(Vault::MbbEngine::EntryKey key,
       record = static_cast<std::uint32_t>(records_.size());
       records_.push_back(entry);
       links_.emplace_back();
+      configs_.emplace_back();
    }
+   configs_[record] = config;
    links_[record] = WaitLink{key, {}, noRecord, true, false};
    byKey_.insert(record);
 }
@@ -148,7 +150,7 @@ bool PendingEntries::readyPop(Vault::MbbEngine::EntryKey& key,
       const PendingEntry& entry = records_[record];
       if (entry.ti != ti || entry.reason != PendingReason::ready) continue;
       key = entry.key;
-      config = entry.config;
+      config = configs_[record];
       return true;
    }
    return false;
@@ -156,6 +158,7 @@ bool PendingEntries::readyPop(Vault::MbbEngine::EntryKey& key,
 
 std::size_t PendingEntries::memoryBytes() const {
    return records_.capacity() * sizeof(PendingEntry) + links_.capacity() * sizeof(WaitLink) +
+          configs_.capacity() * sizeof(Vault::MbbEngine::EntryConfig) +
           freeRecords_.capacity() * sizeof(std::uint32_t) + byKey_.memoryBytes() +
           waiters_.memoryBytes() + ready_.size() * sizeof(Ready);
 }

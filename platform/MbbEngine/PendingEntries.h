@@ -33,9 +33,8 @@ inline std::uint64_t handleResource(std::uint32_t handle) {
 
 struct PendingEntry {
    Vault::MbbEngine::EntryKey key;
-   std::uint64_t ti = 0;  // transaction index; 0 marks a free record
-   // The configuration that waits, as the engine read it: a newer one comes with a notification.
-   Vault::MbbEngine::EntryConfig config;
+   std::uint64_t ti = 0;                   // transaction index; 0 marks a free record
+   Vault::MbbEngine::OpId opId;            // of the configuration that waits
    std::uint64_t resource = 0;             // what it waits for, 0 when not waiting for a resource
    Vault::MbbEngine::EntryKey holder;      // the key holding the resource
    std::uint32_t holderRecord = noRecord;  // where the holder was last found waiting itself
@@ -120,6 +119,9 @@ class PendingEntries {
 
    Records records_;
    std::vector<WaitLink> links_;
+   // The configuration that waits, as the engine read it (a newer one comes with a
+   // notification); apart from the records, which lookups touch far more often.
+   std::vector<Vault::MbbEngine::EntryConfig> configs_;
    std::vector<std::uint32_t> freeRecords_;
    SlotIndex<ByKey> byKey_;
    SlotIndex<ByResource> waiters_;
