@@ -313,8 +313,9 @@ class ShmStore : public Store<K, V> {
    }
 
    // Waits out a writer in the middle of a change, within limits: a writer that died there,
-   // or one that never finishes, leaves a record that will never be whole. Kept out of line,
-   // since lookups almost never come here.
+   // or one that never finishes, leaves a record that will never be whole. The limit for a
+   // live writer is generous, since an index rebuild of a large table takes a while. Kept out of
+   // line, since lookups almost never come here.
    [[gnu::cold, gnu::noinline]] void writerWait(const char* what, std::uint64_t which,
                                                 unsigned attempt, Clock::time_point& since) const {
       if (attempt < 64) return;
@@ -325,7 +326,7 @@ class ShmStore : public Store<K, V> {
       if (!segment_->writerAlive()) {
          throw StoreCorruption(where + ": the writer died in the middle of a write");
       }
-      if (Clock::now() - since > std::chrono::milliseconds(200)) {
+      if (Clock::now() - since > std::chrono::seconds(2)) {
          throw StoreCorruption(where + ": a write never completed");
       }
    }
