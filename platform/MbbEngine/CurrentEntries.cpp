@@ -72,11 +72,10 @@ void CurrentEntries::update(const CurrentEntry& entry) {
 }
 
 void CurrentEntries::erase(Vault::MbbEngine::EntryKey key) {
-   const std::uint32_t record = byKey_.find(key);
+   const std::uint32_t record = byKey_.erase(key);
    if (record == SlotIndex<ByKey>::none) return;
    byHandle_.erase(records_[record].handle);
    indexErase(records_[record].index);
-   byKey_.erase(key);
    records_[record] = CurrentEntry{};
    freeRecords_.push_back(record);
 }

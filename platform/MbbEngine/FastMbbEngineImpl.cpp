@@ -89,6 +89,7 @@ bool FastMbbEngineImpl::processEntry(const EntryKey& key, const EntryConfig& con
    if (const std::uint32_t maxEntries = helper()->maxEntries();
        maxEntries != current_.denseIndices() && maxEntries <= maxDenseIndices) {
       current_.denseIndicesIs(maxEntries);
+      pending_.denseIndicesIs(maxEntries);
    }
    const CurrentEntry* found = current_.find(key);
    const std::optional<CurrentEntry> current =
@@ -141,8 +142,7 @@ bool FastMbbEngineImpl::processEntry(const EntryKey& key, const EntryConfig& con
 
 void FastMbbEngineImpl::park(const EntryKey& key, const EntryConfig& config, std::uint64_t ti,
                              PendingReason reason) {
-   pending_.add(key, config, ti);
-   pending_.reasonIs(key, reason);
+   pending_.reasonIs(pending_.add(key, config, ti), reason);
 }
 
 void FastMbbEngineImpl::waitFor(const EntryKey& key, const std::optional<CurrentEntry>& current,
@@ -152,8 +152,7 @@ void FastMbbEngineImpl::waitFor(const EntryKey& key, const std::optional<Current
            name_ << ": key " << key << " waits for " << resourceKind(resource) << " 0x" << std::hex
                  << static_cast<std::uint32_t>(resource) << std::dec << " held by key "
                  << holder.key);
-   pending_.add(key, config, ti);
-   pending_.waitFor(key, resource,
+   pending_.waitFor(pending_.add(key, config, ti), resource,
                     (resource >> 32) == 1 ? PendingReason::index : PendingReason::handle,
                     holder.key);
    // Only a key that others wait for can be in a cycle, which spares most walks.

@@ -24,10 +24,10 @@ const char* pendingReasonName(PendingReason reason) {
 
 PendingEntries::PendingEntries() : byKey_(ByKey{&records_}), waiters_(ByResource{&records_}) {}
 
-void PendingEntries::add(Vault::MbbEngine::EntryKey key,
-                         const Vault::MbbEngine::EntryConfig& config, std::uint64_t ti) {
+std::uint32_t PendingEntries::add(Vault::MbbEngine::EntryKey key,
+                                  const Vault::MbbEngine::EntryConfig& config, std::uint64_t ti) {
    BRIO_ASSERT(ti != 0);
-   if (byKey_.find(key) != noRecord) return;
+   if (const std::uint32_t existing = byKey_.find(key); existing != noRecord) return existing;
    PendingEntry entry;
    entry.key = key;
    entry.ti = ti;
@@ -46,13 +46,13 @@ void PendingEntries::add(Vault::MbbEngine::EntryKey key,
    configs_[record] = config;
    links_[record] = WaitLink{key, {}, noRecord, true, false};
    byKey_.insert(record);
+   return record;
 }
 
 void PendingEntries::erase(Vault::MbbEngine::EntryKey key) {
-   const std::uint32_t record = byKey_.find(key);
+   const std::uint32_t record = byKey_.erase(key);
    if (record == noRecord) return;
    unlink(record);
-   byKey_.erase(key);
    records_[record] = PendingEntry{};
    links_[record] = WaitLink{};
    freeRecords_.push_back(record);
@@ -64,8 +64,7 @@ void PendingEntries::unlink(std::uint32_t record) {
    if (entry.prevWaiter != noRecord) {
       records_[entry.prevWaiter].nextWaiter = entry.nextWaiter;
    } else {
-      waiters_.erase(entry.resource);
-      if (entry.nextWaiter != noRecord) waiters_.insert(entry.nextWaiter);
+      headIs(entry.resource, entry.nextWaiter);
    }
    if (entry.nextWaiter != noRecord) records_[entry.nextWaiter].prevWaiter = entry.prevWaiter;
    entry.prevWaiter = entry.nextWaiter = noRecord;
@@ -73,22 +72,38 @@ void PendingEntries::unlink(std::uint32_t record) {
    links_[record].waiting = false;
 }
 
-void PendingEntries::waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resource,
-                             PendingReason reason, Vault::MbbEngine::EntryKey holder) {
-   const std::uint32_t record = byKey_.find(key);
-   BRIO_ASSERT(record != noRecord && resource != 0);
-   unlink(record);
-   const std::uint32_t head = waiters_.find(resource);
-   if (head != noRecord) {
-      waiters_.erase(resource);
-      records_[head].prevWaiter = record;
+void PendingEntries::headIs(std::uint64_t resource, std::uint32_t record) {
+   if (dense(resource)) {
+      denseHeads_[static_cast<std::uint32_t>(resource)] = record + 1;
+      return;
    }
+   waiters_.erase(resource);
+   if (record != noRecord) waiters_.insert(record);
+}
+
+void PendingEntries::denseIndicesIs(std::uint32_t limit) {
+   std::vector<std::uint32_t> heads;
+   for (std::uint32_t head : denseHeads_) {
+      if (head != 0) heads.push_back(head - 1);
+   }
+   waiters_.forEach([&](std::uint32_t record) { heads.push_back(record); });
+   waiters_.clear();
+   std::vector<std::uint32_t>(limit, 0).swap(denseHeads_);
+   for (std::uint32_t head : heads) headIs(records_[head].resource, head);
+}
+
+void PendingEntries::waitFor(std::uint32_t record, std::uint64_t resource, PendingReason reason,
+                             Vault::MbbEngine::EntryKey holder) {
+   BRIO_ASSERT(record < records_.size() && records_[record].ti != 0 && resource != 0);
+   unlink(record);
+   const std::uint32_t head = headOf(resource);
+   if (head != noRecord) records_[head].prevWaiter = record;
    PendingEntry& entry = records_[record];
    entry.nextWaiter = head;
    entry.resource = resource;
    entry.reason = reason;
-   links_[record] = WaitLink{key, holder, noRecord, true, true};
-   waiters_.insert(record);
+   links_[record] = WaitLink{entry.key, holder, noRecord, true, true};
+   headIs(resource, record);
 }
 
 bool PendingEntries::waitsOnItself(Vault::MbbEngine::EntryKey key) {
@@ -109,9 +124,8 @@ bool PendingEntries::waitsOnItself(Vault::MbbEngine::EntryKey key) {
    return false;
 }
 
-void PendingEntries::reasonIs(Vault::MbbEngine::EntryKey key, PendingReason reason) {
-   const std::uint32_t record = byKey_.find(key);
-   BRIO_ASSERT(record != noRecord);
+void PendingEntries::reasonIs(std::uint32_t record, PendingReason reason) {
+   BRIO_ASSERT(record < records_.size() && records_[record].ti != 0);
    unlink(record);
    records_[record].reason = reason;
 }
@@ -122,7 +136,8 @@ void PendingEntries::readyPush(std::uint32_t record) {
 }
 
 void PendingEntries::release(std::uint64_t resource) {
-   std::uint32_t record = waiters_.erase(resource);
+   std::uint32_t record = headOf(resource);
+   headIs(resource, noRecord);
    while (record != noRecord) {
       PendingEntry& entry = records_[record];
       const std::uint32_t next = entry.nextWaiter;
@@ -160,7 +175,8 @@ std::size_t PendingEntries::memoryBytes() const {
    return records_.capacity() * sizeof(PendingEntry) + links_.capacity() * sizeof(WaitLink) +
           configs_.capacity() * sizeof(Vault::MbbEngine::EntryConfig) +
           freeRecords_.capacity() * sizeof(std::uint32_t) + byKey_.memoryBytes() +
-          waiters_.memoryBytes() + ready_.size() * sizeof(Ready);
+          waiters_.memoryBytes() + denseHeads_.capacity() * sizeof(std::uint32_t) +
+          ready_.size() * sizeof(Ready);
 }
 
 std::vector<PendingEntry> PendingEntries::byTi() const {

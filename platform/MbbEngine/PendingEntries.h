@@ -61,20 +61,20 @@ class PendingEntries {
    }
 
    // Records that the key waits with `config`, as change `ti`; a key already waiting keeps its
-   // place.
-   void add(Vault::MbbEngine::EntryKey key, const Vault::MbbEngine::EntryConfig& config,
-            std::uint64_t ti);
+   // place. Returns the key's record, which the calls below take, good until the next erase.
+   std::uint32_t add(Vault::MbbEngine::EntryKey key, const Vault::MbbEngine::EntryConfig& config,
+                     std::uint64_t ti);
    void erase(Vault::MbbEngine::EntryKey key);
    // The key waits for `resource` (reason index or handle) that `holder` holds.
-   void waitFor(Vault::MbbEngine::EntryKey key, std::uint64_t resource, PendingReason reason,
+   void waitFor(std::uint32_t record, std::uint64_t resource, PendingReason reason,
                 Vault::MbbEngine::EntryKey holder);
    // The key waits for nothing in particular.
-   void reasonIs(Vault::MbbEngine::EntryKey key, PendingReason reason);
+   void reasonIs(std::uint32_t record, PendingReason reason);
    // Whether following the holders of what each key waits for leads from `key` back to it.
    // The holder of a waited-for resource stays the same until the resource is released, which
    // readies the waiter, so the recorded holders are current.
    bool waitsOnItself(Vault::MbbEngine::EntryKey key);
-   bool waitedFor(std::uint64_t resource) const { return waiters_.find(resource) != noRecord; }
+   bool waitedFor(std::uint64_t resource) const { return headOf(resource) != noRecord; }
    // Readies every key that waits for `resource`.
    void release(std::uint64_t resource);
    // Readies one key, whatever it waits for.
@@ -83,6 +83,9 @@ class PendingEntries {
    // ready list; false when none is ready.
    bool readyPop(Vault::MbbEngine::EntryKey& key, Vault::MbbEngine::EntryConfig& config);
    bool readyEmpty() const { return ready_.empty(); }
+
+   // Waiters for indices below `limit` are found through a plain array from now on.
+   void denseIndicesIs(std::uint32_t limit);
 
    std::size_t size() const { return byKey_.size(); }
    std::size_t memoryBytes() const;
@@ -114,6 +117,16 @@ class PendingEntries {
       bool waiting = false;
    };
 
+   bool dense(std::uint64_t resource) const {
+      return (resource >> 32) == 1 && static_cast<std::uint32_t>(resource) < denseHeads_.size();
+   }
+   // The first waiter for a resource, or noRecord.
+   std::uint32_t headOf(std::uint64_t resource) const {
+      return dense(resource) ? denseHeads_[static_cast<std::uint32_t>(resource)] - 1
+                             : waiters_.find(resource);
+   }
+   // Makes `record` (waiting for `resource`, or noRecord) the first waiter for it.
+   void headIs(std::uint64_t resource, std::uint32_t record);
    void unlink(std::uint32_t record);
    void readyPush(std::uint32_t record);
 
@@ -125,6 +138,7 @@ class PendingEntries {
    std::vector<std::uint32_t> freeRecords_;
    SlotIndex<ByKey> byKey_;
    SlotIndex<ByResource> waiters_;
+   std::vector<std::uint32_t> denseHeads_;  // first waiter + 1 by index, 0 when none
    std::priority_queue<Ready, std::vector<Ready>, std::greater<Ready>> ready_;
 };
 

@@ -232,10 +232,21 @@ TEST(FastMbbEngineImpl, TableSizeLearnedLateKeepsTrackOfHeldIndices) {
    f.publish(1, 2, 0x100, 7);
    EXPECT_EQ(f.helper->take(),
              (Ops{{"del", 3, 0x300, 5000, 1}, {"mov", 1, 0x100, 7, 2}, {"add", 4, 0x400, 5, 1}}));
-   // Unknown again: every index is hashed, and still found.
+   // Unknown again: every index is hashed, and still found; waits carry over both ways.
+   f.publish(8, 1, 0x800, 5);
    f.helper->maxEntriesIs(0);
    f.publish(7, 1, 0x700, 7);
    EXPECT_EQ(f.impl->pendingEntry(7)->reason, PendingReason::index);
+   f.config->entryDel(4);
+   f.config->entryDel(1);
+   EXPECT_EQ(f.helper->take(), (Ops{{"del", 4, 0x400, 5, 1},
+                                    {"add", 8, 0x800, 5, 1},
+                                    {"del", 1, 0x100, 7, 2},
+                                    {"add", 7, 0x700, 7, 1}}));
+   f.helper->maxEntriesIs(64);
+   f.publish(9, 1, 0x900, 5);
+   f.config->entryDel(8);
+   EXPECT_EQ(f.helper->take(), (Ops{{"del", 8, 0x800, 5, 1}, {"add", 9, 0x900, 5, 1}}));
 }
 
 TEST(FastMbbEngineImpl, DebugStatusAnswersWithThePendingKeys) {
