@@ -267,6 +267,19 @@ const std::vector<DecisionCase>& decisionCases() {
             [](World& w) {
                EXPECT_EQ(w.mgr->mountInfo(mountKey("kept", hostHdl)), published("kept"));
             }},
+       {.name = "a resync of the mount information decides running tables again",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("resync", hostHdl), published("resync"));
+               w.mgrNew();
+               w.mgr->allowUnmountIs(true);
+               // Gone without a notification of its own, as after a reader fell behind.
+               w.info->store().erase(mountKey("resync", hostHdl));
+               w.info->mountedIs(false);
+               w.info->mountedIs(true);
+            },
+        .traces = {"unmounting table " + p("resync"), "No unmounting support in testmode"},
+        .running = {p("resync")}},
        {.name = "an unpublished table that is not running is left alone",
         .run =
             [](World& w) {

@@ -6,6 +6,7 @@
 
 #include <cstdint>
 #include <cstdlib>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -81,21 +82,20 @@ class RecordingAuditMgr : public TableAuditRegistry {
    std::vector<std::weak_ptr<MbbEngine::MbbEngineSm>> engines;
 };
 
-// The trace file of this test process, opened in a directory of its own.
+// The trace file of this test process, in a directory of its own that goes with the process.
 inline const FlashLog::Handle& traceFile() {
-   static const bool opened = [] {
-      unsetenv("FLASHLOG_DISABLE");
-      if (!FlashLog::defaultHandle().isOpen()) {
-         static std::string dir = [] {
-            char pattern[] = "/tmp/tablemgr-test-XXXXXX";
-            return std::string(mkdtemp(pattern));
-         }();
-         setenv("FLASHLOGDIR", dir.c_str(), 1);
+   struct TraceDirectory {
+      TraceDirectory() {
+         char pattern[] = "/tmp/tablemgr-test-XXXXXX";
+         path = mkdtemp(pattern);
+         unsetenv("FLASHLOG_DISABLE");
+         setenv("FLASHLOGDIR", path.c_str(), 1);
          initQt();
       }
-      return FlashLog::defaultHandle().isOpen();
-   }();
-   (void)opened;
+      ~TraceDirectory() { std::filesystem::remove_all(path); }
+      std::string path;
+   };
+   static const TraceDirectory directory;
    return FlashLog::defaultHandle();
 }
 
