@@ -263,8 +263,14 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
 #undef CHIP_MBB_HELPER_QUEUE
 
  private:
+   // Every operation changes several attributes, and mostly nobody listens.
    template <class... Params, class... Args>
-   void notify(void (Notifiee::*reactor)(Params...), const Args&... args);
+   void notify(void (Notifiee::*reactor)(Params...), const Args&... args) {
+      if (!notifieeList().empty()) [[unlikely]]
+         notifyAll(reactor, args...);
+   }
+   template <class... Params, class... Args>
+   void notifyAll(void (Notifiee::*reactor)(Params...), const Args&... args);
    template <class T>
    void attrIs(T& member, const T& value, void (Notifiee::*reactor)()) {
       if (member == value) return;
@@ -326,7 +332,7 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
 };
 
 template <class... Params, class... Args>
-void ChipMbbEngineHelper::notify(void (Notifiee::*reactor)(Params...), const Args&... args) {
+void ChipMbbEngineHelper::notifyAll(void (Notifiee::*reactor)(Params...), const Args&... args) {
    notifieeList().forEach([&](MbbEngine::MbbEngineHelper::Notifiee& notifiee) {
       if (auto* own = dynamic_cast<Notifiee*>(&notifiee)) (own->*reactor)(args...);
    });
