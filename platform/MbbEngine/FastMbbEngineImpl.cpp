@@ -7,6 +7,7 @@
 
 #include "Brio/Brio.h"
 #include "MbbEngine/Trace.h"
+#include "Vault/Errors.h"
 
 namespace MbbEngine {
 
@@ -40,6 +41,18 @@ FastMbbEngineImpl::FastMbbEngineImpl(std::string name,
 
 FastMbbEngineImpl::~FastMbbEngineImpl() = default;
 
+template <class Op>
+void FastMbbEngineImpl::place(const EntryKey& key, Op&& op) {
+   try {
+      op();
+   } catch (const Vault::TableFullException& e) {
+      // The operation is in hardware; only the key's status could not be written. The audit
+      // finds the key, and offering it again writes the status once there is room.
+      DUALLOG(mbbEngineLog, 0, name_ << ": key " << key << " without status: " << e.what());
+      FLASHLOG(0, qtId(), ":mbb status full key:", FlashLog::hex(key.value()));
+   }
+}
+
 void FastMbbEngineImpl::nameIsFromBackup(const std::string& name) {
    DUALLOG(mbbEngineLog, 7, name_ << ": name from backup " << name);
    name_ = name;
@@ -52,7 +65,16 @@ void FastMbbEngineImpl::handleInitialized() {
 
 void FastMbbEngineImpl::handleEntry(const EntryKey& key) {
    DUALLOG(mbbEngineLog, 8, name_ << ": handleEntry key:" << key);
-   handleEntryHelper(key, tableConfig()->entry(key));
+   EntryConfig config;
+   try {
+      config = tableConfig()->entry(key);
+   } catch (const Brio::CorruptionDetectedException& e) {
+      // The table has run its corruption handling; the key keeps what it has until a good
+      // record comes.
+      DUALLOG(mbbEngineLog, 0, name_ << ": key " << key << " skipped: " << e.what());
+      return;
+   }
+   handleEntryHelper(key, config);
    processPending();
 }
 
@@ -180,7 +202,7 @@ void FastMbbEngineImpl::breakDeadlock(const EntryKey& key) {
                  << " index 0x" << old.index << std::dec << " until its turn comes");
    FLASHLOG(5, qtId(), ":mbb deadlock key:", FlashLog::hex(key.value()),
             " hdl:", FlashLog::hex(old.handle), " index:", FlashLog::hex(old.index));
-   helper()->deleteEntryDeadlock(deletion(old, old.opId));
+   place(key, [&] { helper()->deleteEntryDeadlock(deletion(old, old.opId)); });
    current_.erase(key);
    released(old, nullptr);
 }
@@ -191,28 +213,28 @@ void FastMbbEngineImpl::issue(const EntryKey& key, const std::optional<CurrentEn
                            partitionOf(config)};
    if (!current) {
       DUALLOG(mbbEngineLog, 9, name_ << ": add key " << key << " opId " << config.opId());
-      helper()->addEntry(config);
+      place(key, [&] { helper()->addEntry(config); });
       current_.insert(next);
       return;
    }
    const bool sameHandle = current->handle == next.handle;
    if (sameHandle && current->index == next.index) {
       DUALLOG(mbbEngineLog, 9, name_ << ": update key " << key << " opId " << config.opId());
-      helper()->updateEntry(config);
+      place(key, [&] { helper()->updateEntry(config); });
       current_.update(next);
       return;
    }
    if (sameHandle && movable(*current, config)) {
       DUALLOG(mbbEngineLog, 9, name_ << ": move key " << key << " opId " << config.opId());
-      helper()->moveEntry(config);
+      place(key, [&] { helper()->moveEntry(config); });
       current_.update(next);
       released(*current, &next);
       return;
    }
    if (!sameHandle && current->index != next.index) {
       DUALLOG(mbbEngineLog, 9, name_ << ": replace key " << key << " opId " << config.opId());
-      helper()->addEntry(config);
-      helper()->deleteEntry(deletion(*current, current->opId));
+      place(key, [&] { helper()->addEntry(config); });
+      place(key, [&] { helper()->deleteEntry(deletion(*current, current->opId)); });
       current_.update(next);
       released(*current, &next);
       // The delete of the replaced entry took the key's status with it.
@@ -228,9 +250,9 @@ void FastMbbEngineImpl::issue(const EntryKey& key, const std::optional<CurrentEn
                  << " before adding opId " << config.opId());
    FLASHLOG(5, qtId(), ":mbb self deadlock key:", FlashLog::hex(key.value()),
             " hdl:", FlashLog::hex(current->handle), " index:", FlashLog::hex(current->index));
-   helper()->deleteEntryDeadlock(deletion(*current, current->opId));
+   place(key, [&] { helper()->deleteEntryDeadlock(deletion(*current, current->opId)); });
    current_.erase(key);
-   helper()->addEntry(config);
+   place(key, [&] { helper()->addEntry(config); });
    current_.insert(next);
    released(*current, &next);
 }
@@ -253,7 +275,8 @@ void FastMbbEngineImpl::processDelete(const EntryKey& key, const EntryConfig& co
    }
    const CurrentEntry old = *found;
    DUALLOG(mbbEngineLog, 9, name_ << ": delete key " << key);
-   helper()->deleteEntry(deletion(old, config.isDel() ? config.opId() : old.opId));
+   place(key,
+         [&] { helper()->deleteEntry(deletion(old, config.isDel() ? config.opId() : old.opId)); });
    current_.erase(key);
    released(old, nullptr);
    if (config.isDel()) helper()->noopAck(key, config.opId());

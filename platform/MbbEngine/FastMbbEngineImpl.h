@@ -95,6 +95,9 @@ class FastMbbEngineImpl : public MbbEngineImpl {
    void issue(const Vault::MbbEngine::EntryKey& key, const std::optional<CurrentEntry>& current,
               const Vault::MbbEngine::EntryConfig& config);
    void breakDeadlock(const Vault::MbbEngine::EntryKey& key);
+   // Runs one helper operation for the key, which survives a full status table.
+   template <class Op>
+   void place(const Vault::MbbEngine::EntryKey& key, Op&& op);
    // Readies the keys that wait for what `old` held and `now` does not.
    void released(const CurrentEntry& old, const CurrentEntry* now);
    void statusRepair(const Vault::MbbEngine::EntryKey& key, Vault::MbbEngine::OpId opId);

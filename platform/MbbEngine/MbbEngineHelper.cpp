@@ -1,6 +1,7 @@
 #include "MbbEngine/MbbEngineHelper.h"
 
 #include "MbbEngine/Trace.h"
+#include "Vault/Errors.h"
 
 namespace MbbEngine {
 
@@ -24,7 +25,19 @@ void MbbEngineHelper::tableStatusIs(Orb::Ptr<Vault::MbbEngine::TableStatus> tabl
 void MbbEngineHelper::delAck(EntryKey key) {
    DUALLOG(mbbEngineLog, 9, "MbbEngineHelper::delAck key:" << key);
    ++numDelAckOps_;
-   if (tableStatus_) tableStatus_->entryIs(EntryStatus(key, Vault::MbbEngine::delAckOpId));
+   statusIs(EntryStatus(key, Vault::MbbEngine::delAckOpId));
+}
+
+void MbbEngineHelper::statusIs(const EntryStatus& status) {
+   if (!tableStatus_) return;
+   try {
+      tableStatus_->entryIs(status);
+   } catch (const Vault::TableFullException& e) {
+      // More keys than the status table holds is the publisher's doing: the key goes without
+      // status, which the audit reports.
+      DUALLOG(mbbEngineLog, 0,
+              name() << ": key " << status.key() << " without status: " << e.what());
+   }
 }
 
 void MbbEngineHelper::delStatus(EntryKey key) {
@@ -36,7 +49,7 @@ void MbbEngineHelper::delStatus(EntryKey key) {
 void MbbEngineHelper::noopAck(EntryKey key, OpId opId) {
    DUALLOG(mbbEngineLog, 9, "MbbEngineHelper::noopAck key:" << key << " opId:" << opId);
    ++numNoopAckOps_;
-   if (tableStatus_) tableStatus_->entryIs(EntryStatus(key, opId));
+   statusIs(EntryStatus(key, opId));
 }
 
 }  // namespace MbbEngine

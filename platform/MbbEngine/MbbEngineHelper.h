@@ -64,6 +64,8 @@ class MbbEngineHelper : public Orb::Entity<MbbEngineHelper> {
    std::uint64_t numNoopAckOps() const { return numNoopAckOps_; }
 
  private:
+   void statusIs(const Vault::MbbEngine::EntryStatus& status);
+
    Orb::Ptr<Vault::MbbEngine::TableStatus> tableStatus_;
    std::uint32_t maxEntries_;
    bool hasDefaultEntry_ = true;

@@ -95,19 +95,29 @@ void MbbEngineSm::handleEntryCollNotify() {
            "MbbEngineSm::handleEntryCollNotify " << tableConfig_->name()
                                                  << " keys:" << tableConfig_->size());
    MbbEngineImpl& impl = *mbbEngineImpl_;
-   for (const auto& [key, config] : *tableConfig_) {
-      failedKey_.erase(key);
-      impl.handleEntryHelper(key, config);
-   }
-   // Keys the pass did not meet have lost their configuration while nobody was told.
-   for (const std::vector<EntryKey>& keys : {impl.currentKeys(), impl.pendingKeys()}) {
-      for (const EntryKey& key : keys) {
-         if (!tableConfig_->present(key)) impl.handleEntryHelper(key, EntryConfig());
+   bool complete = true;
+   try {
+      for (const auto& [key, config] : *tableConfig_) {
+         failedKey_.erase(key);
+         impl.handleEntryHelper(key, config);
       }
+      // Keys the pass did not meet have lost their configuration while nobody was told.
+      for (const std::vector<EntryKey>& keys : {impl.currentKeys(), impl.pendingKeys()}) {
+         for (const EntryKey& key : keys) {
+            if (!tableConfig_->present(key)) impl.handleEntryHelper(key, EntryConfig());
+         }
+      }
+   } catch (const Brio::CorruptionDetectedException& e) {
+      // The table has run its corruption handling and will announce itself again once it has
+      // recovered; until then no key is taken out for not having been read.
+      complete = false;
+      DUALLOG(mbbEngineLog, 0,
+              "MbbEngineSm::handleEntryCollNotify " << tableConfig_->name()
+                                                    << " cut short: " << e.what());
    }
    impl.processPending();
    impl.helper()->flush();
-   if (!initialFlushed_) {
+   if (complete && !initialFlushed_) {
       if (flushStatus_) flushStatus_->flushCounterInc(1);
       initialFlushedIs(true);
    }

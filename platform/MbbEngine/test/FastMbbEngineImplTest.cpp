@@ -276,6 +276,29 @@ TEST(FastMbbEngineImpl, LostStatusIsWrittenAgainWhenTheKeyIsOffered) {
    EXPECT_EQ(f.statusOf(1), 4u);
 }
 
+TEST(FastMbbEngineImpl, AFullStatusTableCostsTheStatusOnly) {
+   EngineFixture<> f;
+   auto small = Vault::MbbEngine::tableStatusFactory("small", Vault::MapDescriptor{2});
+   small->mountedIs(true);
+   f.helper->tableStatusIs(small);
+   f.publish(1, 1, 0x100, 1);
+   f.publish(2, 1, 0x200, 2);
+   f.publish(3, 1, 0x300, 3);
+   f.publish(3, 2, 0x301, 4);
+   EXPECT_EQ(f.helper->take(), (Ops{{"add", 1, 0x100, 1, 1},
+                                    {"add", 2, 0x200, 2, 1},
+                                    {"add", 3, 0x300, 3, 1},
+                                    {"add", 3, 0x301, 4, 2},
+                                    {"del", 3, 0x300, 3, 1}}));
+   EXPECT_EQ(f.impl->currentOpId(3).value(), 2u);
+   EXPECT_FALSE(small->present(3));
+   // Once there is room, offering the key again writes its status.
+   f.config->entryDel(1);
+   f.sm->handleEntry(3);
+   EXPECT_EQ(small->entry(3).opId().value(), 2u);
+   EXPECT_TRUE(f.helper->take() == (Ops{{"del", 1, 0x100, 1, 1}}));
+}
+
 TEST(FastMbbEngineAtcamImpl, EntriesStayInTheirPartition) {
    // 64 indices in 4 partitions of 16.
    EngineFixture<MbbEngine::FastMbbEngineAtcamImpl> f(64, 4u);

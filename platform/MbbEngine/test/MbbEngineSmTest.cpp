@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <memory>
 #include <set>
 
 #include "MbbEngine/test/RecordingHelper.h"
@@ -125,6 +126,63 @@ TEST(MbbEngineSm, WholeTablePassFlushesOnceAndCountsTheTableOnce) {
    sm.reset();
    EXPECT_EQ(helper->take().size(), 5u);
    EXPECT_EQ(status->size(), 0u);
+}
+
+// A store whose record of one key cannot be read, as a damaged shared segment would be.
+class DamagedStore
+    : public Vault::HeapStore<Vault::MbbEngine::EntryKey, Vault::MbbEngine::EntryConfig> {
+ public:
+   bool find(const Vault::MbbEngine::EntryKey& key,
+             Vault::MbbEngine::EntryConfig& value) const override {
+      if (key == damaged) throw Vault::StoreCorruption("bad checksum");
+      return HeapStore::find(key, value);
+   }
+   std::optional<std::pair<Vault::MbbEngine::EntryKey, Vault::MbbEngine::EntryConfig>> next(
+       const Vault::MbbEngine::EntryKey* from, bool inclusive) const override {
+      auto entry = HeapStore::next(from, inclusive);
+      if (entry && entry->first == damaged) throw Vault::StoreCorruption("bad checksum");
+      return entry;
+   }
+   Vault::MbbEngine::EntryKey damaged = ~std::uint64_t{0};
+};
+
+TEST(MbbEngineSm, ADamagedRecordIsSkippedAndTakesNothingOut) {
+   auto store = std::make_unique<DamagedStore>();
+   DamagedStore* damage = store.get();
+   auto config = Orb::ptrNew<Vault::MbbEngine::TableConfig>("damaged", std::move(store));
+   int reports = 0;
+   config->corruptionHandlerIs([&](const std::string&) { ++reports; });
+   for (std::uint64_t k = 1; k <= 3; ++k) {
+      config->entryIs(EngineFixture<>::entry(k, 1, 0x100 + k, k));
+   }
+   auto helper = Orb::ptrNew<MbbEngine::Test::RecordingHelper>("helper", nullptr, 64);
+   auto impl =
+       Orb::ptrNew<MbbEngine::FastMbbEngineImpl>("damaged", config, nullptr, nullptr, helper, 5);
+   auto flushStatus = Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>();
+   Keel::TimerWheel wheel(Orb::ptrNew<Orb::ManualTimeSource>(), 1, 100, true, 16);
+   MbbEngine::MbbEngineSm sm(config, nullptr, nullptr, nullptr, impl, flushStatus, &wheel);
+
+   // A first pass that cannot read every record does not count as the table's first pass.
+   damage->damaged = 3;
+   config->mountedIs(true);
+   EXPECT_EQ(helper->take().size(), 2u);
+   EXPECT_EQ(reports, 1);
+   EXPECT_FALSE(sm.initialFlushed());
+   EXPECT_EQ(flushStatus->flushCounter(), 0u);
+   damage->damaged = ~std::uint64_t{0};
+   sm.handleEntryCollNotify();
+   EXPECT_EQ(helper->take(), (Ops{{"add", 3, 0x103, 3, 1}}));
+   EXPECT_EQ(flushStatus->flushCounter(), 1u);
+
+   // A damaged key is skipped; a pass cut short by it takes no unread key out.
+   damage->damaged = 2;
+   config->entryIs(EngineFixture<>::entry(2, 2, 0x102, 9));
+   EXPECT_TRUE(helper->take().empty());
+   EXPECT_EQ(impl->currentOpId(2).value(), 1u);
+   sm.handleEntryCollNotify();
+   EXPECT_TRUE(helper->take().empty());
+   EXPECT_EQ(impl->numCurrent(), 3u);
+   EXPECT_EQ(reports, 3);
 }
 
 TEST(MbbEngineSm, StatusIsWrittenThroughTheHelpersTableOnly) {
