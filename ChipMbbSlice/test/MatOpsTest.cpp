@@ -29,6 +29,14 @@ void abandonMatBatch(ChipMbbEngineHelper& helper) {
    helper.matPlcmtInfoSizeIs(0);
 }
 
+void expectPlaced(const ChipSdk::MatEntry& entry, std::uint32_t index, std::uint32_t selIndex,
+                  std::uint32_t adtIndex, std::uint8_t dataTag) {
+   EXPECT_EQ(entry.index, index);
+   EXPECT_EQ(entry.selIndex, selIndex);
+   EXPECT_EQ(entry.adtIndex, adtIndex);
+   EXPECT_EQ(entry.data, plainBlock(dataTag));
+}
+
 using MatOps = HelperTest;
 
 TEST_F(MatOps, EachOperationReachesTheChipIsCountedAndWritesStatus) {
@@ -38,28 +46,19 @@ TEST_F(MatOps, EachOperationReachesTheChipIsCountedAndWritesStatus) {
    helper->addEntry(matEntry(0x1, 0x10, 0x11, 3, plainBlock(1), 1, 2, 4));
    const ChipSdk::MatEntry* entry = table.entry(0x11);
    ASSERT_NE(entry, nullptr);
-   EXPECT_EQ(entry->index, 3u);
-   EXPECT_EQ(entry->selIndex, 2u);
-   EXPECT_EQ(entry->adtIndex, 4u);
    EXPECT_EQ(entry->instance, 0);
    EXPECT_FALSE(entry->isDefault);
-   EXPECT_EQ(entry->data, plainBlock(1));
+   expectPlaced(*entry, 3, 2, 4, 1);
    EXPECT_EQ(matStatus->entry(0x1), EntryStatus(0x1, 0x10));
    EXPECT_EQ(helper->numMatAddOps(), 1u);
 
    helper->moveEntry(matEntry(0x1, 0x11, 0x11, 5, plainBlock(2), 1, 6, 7));
-   EXPECT_EQ(entry->index, 5u);
-   EXPECT_EQ(entry->selIndex, 6u);
-   EXPECT_EQ(entry->adtIndex, 7u);
-   EXPECT_EQ(entry->data, plainBlock(2));
+   expectPlaced(*entry, 5, 6, 7, 2);
    EXPECT_EQ(matStatus->entry(0x1), EntryStatus(0x1, 0x11));
    EXPECT_EQ(helper->numMatMovOps(), 1u);
 
    helper->updateEntry(matEntry(0x1, 0x12, 0x11, 5, plainBlock(3), 1, 8, 9));
-   EXPECT_EQ(entry->index, 5u);
-   EXPECT_EQ(entry->selIndex, 8u);
-   EXPECT_EQ(entry->adtIndex, 9u);
-   EXPECT_EQ(entry->data, plainBlock(3));
+   expectPlaced(*entry, 5, 8, 9, 3);
    EXPECT_EQ(matStatus->entry(0x1), EntryStatus(0x1, 0x12));
    EXPECT_EQ(helper->numMatModOps(), 1u);
 
