@@ -1,0 +1,193 @@
+#include "SliceSystem/AgentHost.h"
+
+#include <unistd.h>
+
+#include <iostream>
+#include <set>
+
+#include "Brio/Brio.h"
+#include "ChipMbbSlice/ChipMbbEngineHelper.h"
+#include "ChipSdk/ChipModel.h"
+#include "Vault/Errors.h"
+
+namespace SliceSystem {
+
+namespace {
+
+// The timer wheel of the slice: 1 ms ticks, ten minutes ahead, timers of a tick in order.
+Orb::Ptr<Keel::TimerWheel> sliceTimerWheelNew() {
+   return Orb::ptrNew<Keel::TimerWheel>(Orb::activityTimeSource(), 1, 600000, true, 1024);
+}
+
+void countHelperOps(const ChipMbbSlice::ChipMbbEngineHelper& helper, HostCounters& c) {
+   c.numMatAddOps += helper.numMatAddOps();
+   c.numMatModOps += helper.numMatModOps();
+   c.numMatMovOps += helper.numMatMovOps();
+   c.numMatDelOps += helper.numMatDelOps();
+   c.numMatDelDeadlockOps += helper.numMatDelDeadlockOps();
+   c.numMatSetDfltOps += helper.numMatSetDfltOps();
+   c.numMatClrDfltOps += helper.numMatClrDfltOps();
+}
+
+std::uint64_t chipEntries(std::uint8_t devId, std::uint32_t tableId) {
+   const ChipSdk::MatTable* table = ChipSdk::chipModel().matTable(devId, tableId);
+   if (!table) return 0;
+   std::uint64_t n = 0;
+   for (std::uint16_t i = 0; i < table->numInstances(); ++i) n += table->numEntries(i);
+   return n;
+}
+
+}  // namespace
+
+AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
+    : loop_(loop),
+      options_(std::move(options)),
+      timerWheel_(sliceTimerWheelNew()),
+      mountConfig_(Orb::ptrNew<ChipMbbSlice::MountConfig>(options_.mountMode)),
+      flushStatus_(Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flushStatus")),
+      countersTimer_(timerWheel_.get(), options_.countersPeriod, [this] { countersWrite(); }),
+      probeTimer_(timerWheel_.get(), options_.probePeriod, [this] { handlePublicationProbe(); }) {
+   ChipSdk::chipModelIs(options_.profile);
+   loop_.timerWheelAdd(timerWheel_.get());
+   if (options_.root.empty()) {
+      countersTable_ = Vault::localTableNew<HostCountersTable>(options_.countersPath);
+      countersTable_->mountedIs(true);
+      tableMountInfo_ =
+          Vault::localTableNew<ChipMbbShared::TableConfigMountInfo>(options_.tableInfoPath);
+      tableMountInfo_->mountedIs(true);
+      tableMgrNew();
+   } else {
+      entityManager_ = Orb::ptrNew<Atlas::EntityManager>(options_.root, &loop_);
+      countersTable_ = entityManager_->mount<HostCountersTable>(options_.countersPath,
+                                                                Atlas::MountMode::writer, 4);
+      handlePublicationProbe();
+      probeTimer_.start();
+   }
+   countersWrite();
+   countersTimer_.start();
+}
+
+AgentHost::~AgentHost() {
+   tableMgr_.reset();
+   loop_.timerWheelDel(timerWheel_.get());
+}
+
+void AgentHost::log(const std::string& line) const {
+   if (options_.log) {
+      options_.log(line);
+   } else {
+      std::cout << "slicehost: " << line << std::endl;
+   }
+}
+
+void AgentHost::tableMgrNew() {
+   tableMgr_ = Orb::ptrNew<ChipMbbSlice::ChipSliceTableMgrSm>(
+       tableMountInfo_, entityManager_, options_.supportedDevices, options_.sessHdl,
+       options_.syncGenTime, timerWheel_, flushStatus_, mountConfig_);
+   // A publisher may withdraw a table; the host then takes it down instead of stopping.
+   tableMgr_->allowUnmountIs(true);
+   ++publications_;
+}
+
+void AgentHost::handlePublicationProbe() {
+   if (testmode()) return;
+   SegmentId segment = segmentId(entityManager_->shmName(options_.tableInfoPath));
+   if (tableMountInfo_ && segment == tableInfoSegment_) return;
+   if (tableMountInfo_ && !segment) {
+      if (!publisherGoneLogged_) {
+         log("publication " + options_.tableInfoPath + " withdrawn; keeping " +
+             std::to_string(tableMgr_->mbbEngineSms().size()) + " tables as they are");
+         publisherGoneLogged_ = true;
+      }
+      return;
+   }
+   if (!segment) return;
+   if (tableMountInfo_) {
+      log("publication " + options_.tableInfoPath + " replaced; restarting its tables");
+      publicationRelease();
+   }
+   publicationMount(segment);
+}
+
+void AgentHost::publicationMount(const SegmentId& segment) {
+   try {
+      tableMountInfo_ = entityManager_->mount<ChipMbbShared::TableConfigMountInfo>(
+          options_.tableInfoPath, Atlas::MountMode::reader);
+   } catch (const Vault::MountException& e) {
+      return;  // not all there yet; the next probe tries again
+   } catch (const Brio::CorruptionDetectedException& e) {
+      log(std::string("cannot read publication: ") + e.what());
+      return;
+   }
+   // Replaced again while it was being mounted: start over at the next probe.
+   if (segmentId(entityManager_->shmName(options_.tableInfoPath)) != segment) {
+      entityManager_->unmount(options_.tableInfoPath);
+      tableMountInfo_.reset();
+      return;
+   }
+   tableInfoSegment_ = segment;
+   publisherGoneLogged_ = false;
+   tableMgrNew();
+   log("serving publication " + options_.tableInfoPath + ": " +
+       std::to_string(tableMgr_->mbbEngineSms().size()) + " of " +
+       std::to_string(tableMountInfo_->size()) + " tables running");
+}
+
+void AgentHost::publicationRelease() {
+   std::set<std::string> paths;
+   for (const auto& [key, entry] : tableMgr_->mountInfos()) {
+      paths.insert(entry.configPath());
+      if (entry.needStatus()) paths.insert(entry.statusPath());
+   }
+   tableMgr_.reset();
+   for (const std::string& path : paths) entityManager_->unmount(path);
+   entityManager_->unmount(options_.tableInfoPath);
+   tableMountInfo_.reset();
+   tableInfoSegment_.reset();
+}
+
+HostCounters AgentHost::counters() const {
+   HostCounters c;
+   c.seq = seq_;
+   c.pid = static_cast<std::uint32_t>(::getpid());
+   c.publications = publications_;
+   c.numHandlerFailures = numHandlerFailures_;
+   c.numViolations = ChipSdk::chipModel().numViolations();
+   if (tableMountInfo_) c.tablesPublished = static_cast<std::uint32_t>(tableMountInfo_->size());
+   if (!tableMgr_) return c;
+   std::set<std::pair<std::uint8_t, std::uint32_t>> chipTables;
+   for (const auto& [key, engine] : tableMgr_->mbbEngineSms()) {
+      ++c.tablesRunning;
+      c.statuses += engine->tableStatus() ? engine->tableStatus()->size() : 0;
+      c.pending += engine->mbbEngineImpl()->numPending();
+      auto helper = std::dynamic_pointer_cast<ChipMbbSlice::ChipMbbEngineHelper>(
+          engine->mbbEngineImpl()->helper());
+      if (helper) countHelperOps(*helper, c);
+      chipTables.insert({key.devTgt().devId, key.tableId()});
+   }
+   for (const auto& [devId, tableId] : chipTables) c.entries += chipEntries(devId, tableId);
+   return c;
+}
+
+void AgentHost::countersWrite() {
+   ++seq_;
+   countersTable_->entryIs(hostCountersKey, counters());
+}
+
+void AgentHost::handlerFailure(const std::string& what) {
+   ++numHandlerFailures_;
+   log("handler failed: " + what);
+}
+
+void AgentHost::serve() {
+   for (;;) {
+      try {
+         loop_.run();
+         return;
+      } catch (const std::exception& e) {
+         handlerFailure(e.what());
+      }
+   }
+}
+
+}  // namespace SliceSystem

@@ -1,0 +1,122 @@
+#pragma once
+
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <string>
+#include <utility>
+
+#include "Atlas/EntityManager.h"
+#include "ChipMbbShared/MountInfo.h"
+#include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
+#include "ChipMbbSliceTableMgr/MountConfig.h"
+#include "ChipSdk/ChipProfile.h"
+#include "Keel/EventLoop.h"
+#include "Keel/TimerWheel.h"
+#include "MbbEngine/MbbEngineFlushStatus.h"
+#include "Orb/Ptr.h"
+#include "Orb/Time.h"
+#include "SliceSystem/HostCounters.h"
+#include "SliceSystem/SegmentId.h"
+
+namespace SliceSystem {
+
+struct AgentHostOptions {
+   // Root of the shared tables. Empty runs in test mode: no entity manager, and the
+   // mount-info collection, the tables and the counters live in this process.
+   std::string root;
+   std::string tableInfoPath = "mbb/tableInfo";
+   std::string countersPath = "mbb/hostCounters";
+   ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+   Orb::Seconds syncGenTime = 1.0;
+   std::uint32_t supportedDevices = 0xFFFFFFFF;
+   std::uint32_t sessHdl = 1;
+   ChipMbbSlice::MountMode mountMode = ChipMbbSlice::MountMode::mountAllTables;
+   // How often the counters are written for publishers, and how often the host looks for a
+   // new or replaced publication.
+   Orb::Seconds countersPeriod = 0.05;
+   Orb::Seconds probePeriod = 0.1;
+   // Where the host says what happens to its publications; stdout when empty.
+   std::function<void(const std::string&)> log;
+};
+
+// The agent process's slice: the chip model, the mount configuration, the engines' flush
+// status and timer wheel, and one single-table manager over a feature agent's mount-info
+// collection, all on the caller's event loop.
+//
+// With shared tables the host mounts the collection for reading once the publisher has
+// created it. A publisher that dies leaves its collections behind; the host keeps its tables
+// as they are in hardware. When a new publisher replaces the collection, the host lets the old
+// manager go (its engines take their entries out of hardware), unmounts what it had mounted
+// for it, and serves the new one from scratch.
+class AgentHost {
+ public:
+   AgentHost(Keel::EventLoop& loop, AgentHostOptions options);
+   AgentHost(const AgentHost&) = delete;
+   AgentHost& operator=(const AgentHost&) = delete;
+   ~AgentHost();
+
+   const AgentHostOptions& options() const { return options_; }
+   Keel::EventLoop& loop() const { return loop_; }
+   bool testmode() const { return !entityManager_; }
+   // Null until a publication has been found (always set in test mode).
+   const Orb::Ptr<ChipMbbShared::TableConfigMountInfo>& tableMountInfo() const {
+      return tableMountInfo_;
+   }
+   const Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm>& tableMgr() const { return tableMgr_; }
+   const Orb::Ptr<HostCountersTable>& countersTable() const { return countersTable_; }
+   const Orb::Ptr<ChipMbbSlice::MountConfig>& mountConfig() const { return mountConfig_; }
+   const Orb::Ptr<MbbEngine::MbbEngineFlushStatus>& flushStatus() const { return flushStatus_; }
+
+   // The counters as they are now, and their publication.
+   HostCounters counters() const;
+   void countersWrite();
+   // Runs the loop until it is stopped; an exception that a handler lets out is counted and
+   // logged, and the loop goes on.
+   void serve();
+   void handlerFailure(const std::string& what);
+   std::string statusLine() const { return counters().text(); }
+
+   // Looks for a new or replaced publication now rather than at the next probe.
+   void handlePublicationProbe();
+
+ private:
+   class PeriodicTimer : public Keel::TimerWheel::Timer {
+    public:
+      PeriodicTimer(Keel::TimerWheel* wheel, Orb::Seconds period, std::function<void()> fn)
+          : Timer(wheel), period_(period), fn_(std::move(fn)) {}
+      void start() { timeMinIs(timerWheel()->now() + period_); }
+      void onTime() override {
+         start();
+         fn_();
+      }
+
+    private:
+      Orb::Seconds period_;
+      std::function<void()> fn_;
+   };
+
+   void log(const std::string& line) const;
+   void publicationMount(const SegmentId& segment);
+   void publicationRelease();
+   void tableMgrNew();
+
+   Keel::EventLoop& loop_;
+   AgentHostOptions options_;
+   Orb::Ptr<Keel::TimerWheel> timerWheel_;
+   Orb::Ptr<Atlas::EntityManager> entityManager_;
+   Orb::Ptr<ChipMbbSlice::MountConfig> mountConfig_;
+   Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus_;
+   Orb::Ptr<HostCountersTable> countersTable_;
+   Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
+   SegmentId tableInfoSegment_;
+   bool publisherGoneLogged_ = false;
+   Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm> tableMgr_;
+   std::uint32_t publications_ = 0;
+   std::uint64_t seq_ = 0;
+   std::uint64_t numHandlerFailures_ = 0;
+   PeriodicTimer countersTimer_;
+   PeriodicTimer probeTimer_;
+};
+
+}  // namespace SliceSystem

@@ -1,0 +1,33 @@
+#include "SliceSystem/HostCounters.h"
+
+namespace SliceSystem {
+
+std::string HostCounters::opsText() const {
+   std::string out;
+   auto add = [&out](const char* name, std::uint64_t n) {
+      if (n == 0) return;
+      if (!out.empty()) out += ", ";
+      out += std::string(name) + " " + std::to_string(n);
+   };
+   add("mat_add", numMatAddOps);
+   add("mat_mod", numMatModOps);
+   add("mat_mov", numMatMovOps);
+   add("mat_del", numMatDelOps);
+   if (numMatDelDeadlockOps != 0) {
+      out += " (" + std::to_string(numMatDelDeadlockOps) + " breaking deadlocks)";
+   }
+   add("mat_set_dflt", numMatSetDfltOps);
+   add("mat_clr_dflt", numMatClrDfltOps);
+   return out.empty() ? "none" : out;
+}
+
+std::string HostCounters::text() const {
+   return "tables " + std::to_string(tablesRunning) + "/" + std::to_string(tablesPublished) +
+          " running, entries " + std::to_string(entries) + ", statuses " +
+          std::to_string(statuses) + ", pending " + std::to_string(pending) + ", ops " +
+          std::to_string(numOps()) + " (" + opsText() + "), violations " +
+          std::to_string(numViolations) + ", handler failures " +
+          std::to_string(numHandlerFailures);
+}
+
+}  // namespace SliceSystem

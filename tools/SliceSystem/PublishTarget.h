@@ -1,0 +1,96 @@
+#pragma once
+
+#include <map>
+#include <string>
+
+#include "Atlas/EntityManager.h"
+#include "ChipMbbShared/MountInfo.h"
+#include "Keel/EventLoop.h"
+#include "Orb/Ptr.h"
+#include "SliceSystem/HostCounters.h"
+#include "SliceSystem/SegmentId.h"
+#include "Vault/MbbEngine/Tables.h"
+
+namespace SliceSystem {
+
+class AgentHost;
+
+// Where a publisher's tables go: the mount-info collection it announces them in, their
+// configuration collections, which it writes, and the status collections and host counters,
+// which it reads.
+class PublishTarget {
+ public:
+   using Key = ChipMbbShared::TableConfigMountKey;
+   using MountEntry = ChipMbbShared::TableConfigMountEntry;
+
+   virtual ~PublishTarget() = default;
+
+   virtual Keel::EventLoop& loop() = 0;
+   // Whether the collections are shared tables found by path (an announcement can then name a
+   // path that is not there).
+   virtual bool shared() const = 0;
+   virtual ChipMbbShared::TableConfigMountInfo& tableMountInfo() = 0;
+   // The configuration collection of a table about to be announced, ready for writing; null
+   // when it cannot be had. The announcement itself is the publisher's, except in test mode,
+   // where the manager makes the collection when it sees the announcement.
+   virtual Orb::Ptr<Vault::MbbEngine::TableConfig> configTable(const Key& key,
+                                                               const MountEntry& entry) = 0;
+   // The status collection, null while the host has not made it. A different pointer than
+   // before means that the host made it afresh.
+   virtual Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable(const Key& key,
+                                                               const MountEntry& entry) = 0;
+   virtual Orb::Ptr<HostCountersTable> hostCounters() = 0;
+   // Puts a collection of another type than a table configuration at `path`, for an
+   // announcement that names the wrong type. Only shared targets have paths.
+   virtual void decoyIs(const std::string& path) {}
+};
+
+// Shared tables under a root, through this process's own entity manager.
+class ShmPublishTarget : public PublishTarget {
+ public:
+   ShmPublishTarget(Keel::EventLoop& loop, const std::string& root,
+                    const std::string& tableInfoPath = "mbb/tableInfo",
+                    const std::string& countersPath = "mbb/hostCounters");
+
+   Keel::EventLoop& loop() override { return loop_; }
+   bool shared() const override { return true; }
+   ChipMbbShared::TableConfigMountInfo& tableMountInfo() override { return *tableMountInfo_; }
+   Orb::Ptr<Vault::MbbEngine::TableConfig> configTable(const Key& key,
+                                                       const MountEntry& entry) override;
+   Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable(const Key& key,
+                                                       const MountEntry& entry) override;
+   Orb::Ptr<HostCountersTable> hostCounters() override;
+   void decoyIs(const std::string& path) override;
+   Atlas::EntityManager& entityManager() { return entityManager_; }
+
+ private:
+   // Mounts `path` for reading, again when its segment was replaced; null when it is not there.
+   template <class T>
+   Orb::Ptr<T> readerMount(const std::string& path);
+
+   Keel::EventLoop& loop_;
+   Atlas::EntityManager entityManager_;
+   std::string countersPath_;
+   Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
+   std::map<std::string, SegmentId> readers_;
+};
+
+// The tables of an agent host in this same process, in test mode.
+class LocalPublishTarget : public PublishTarget {
+ public:
+   explicit LocalPublishTarget(AgentHost& host);
+
+   Keel::EventLoop& loop() override;
+   bool shared() const override { return false; }
+   ChipMbbShared::TableConfigMountInfo& tableMountInfo() override;
+   Orb::Ptr<Vault::MbbEngine::TableConfig> configTable(const Key& key,
+                                                       const MountEntry& entry) override;
+   Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable(const Key& key,
+                                                       const MountEntry& entry) override;
+   Orb::Ptr<HostCountersTable> hostCounters() override;
+
+ private:
+   AgentHost& host_;
+};
+
+}  // namespace SliceSystem

@@ -1,0 +1,64 @@
+#include "SliceSystem/TableSpecs.h"
+
+#include <algorithm>
+#include <cstdlib>
+
+namespace SliceSystem {
+
+namespace {
+
+const ChipSdk::TableProfile* singleTable(const ChipSdk::ChipProfile& profile,
+                                         const std::string& name) {
+   for (const ChipSdk::TableProfile& table : profile.tables) {
+      if (table.name == name && table.kind == ChipSdk::TableKind::mat && !table.isTriple()) {
+         return &table;
+      }
+   }
+   return nullptr;
+}
+
+TableSpec specOf(const ChipSdk::TableProfile& table, std::uint32_t entries) {
+   return TableSpec{table.name, table.handle, table.size, table.atcamPartitions, entries};
+}
+
+}  // namespace
+
+bool tableSpecsFor(const ChipSdk::ChipProfile& profile, const std::vector<std::string>& requests,
+                   std::uint32_t defaultEntries, std::vector<TableSpec>& specs,
+                   std::string& error) {
+   auto defaultFor = [&](const ChipSdk::TableProfile& table) {
+      return std::min<std::uint32_t>(defaultEntries, table.size / 4 * 3);
+   };
+   specs.clear();
+   if (requests.empty()) {
+      for (const ChipSdk::TableProfile& table : profile.tables) {
+         if (table.kind == ChipSdk::TableKind::mat && !table.isTriple()) {
+            specs.push_back(specOf(table, defaultFor(table)));
+         }
+      }
+      return true;
+   }
+   for (const std::string& request : requests) {
+      std::string name = request.substr(0, request.find(':'));
+      const ChipSdk::TableProfile* table = singleTable(profile, name);
+      if (!table) {
+         error = "no single match table '" + name + "' in chip profile '" + profile.name + "'";
+         return false;
+      }
+      std::uint32_t entries = defaultFor(*table);
+      if (name.size() < request.size()) {
+         char* end = nullptr;
+         entries =
+             static_cast<std::uint32_t>(std::strtoul(request.c_str() + name.size() + 1, &end, 0));
+         if (*end != '\0' || entries > table->size) {
+            error = "bad entry count in '" + request + "' (table size " +
+                    std::to_string(table->size) + ")";
+            return false;
+         }
+      }
+      specs.push_back(specOf(*table, entries));
+   }
+   return true;
+}
+
+}  // namespace SliceSystem

@@ -1,0 +1,166 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/mman.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+#include <thread>
+
+#include "Atlas/EntityManager.h"
+#include "ChipSdk/ChipProfile.h"
+#include "Keel/EventLoop.h"
+#include "SliceSystem/PublishTarget.h"
+#include "SliceSystem/Publisher.h"
+#include "SliceSystem/SegmentId.h"
+#include "SliceSystem/TableSpecs.h"
+
+namespace {
+
+std::vector<std::string> segmentsUnder(const std::string& root) {
+   std::vector<std::string> names;
+   for (const auto& file : std::filesystem::directory_iterator("/dev/shm")) {
+      std::string name = file.path().filename();
+      if (name.rfind(root + ".", 0) == 0) names.push_back(name);
+   }
+   return names;
+}
+
+// The agent host binary on its own root, its output kept in a file.
+class HostProcess {
+ public:
+   HostProcess() {
+      static int serial = 0;
+      root_ = "e2e-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
+      logPath_ = (std::filesystem::temp_directory_path() / (root_ + ".log")).string();
+      pid_ = ::fork();
+      if (pid_ == 0) {
+         int fd = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+         ::dup2(fd, 1);
+         ::dup2(fd, 2);
+         ::execl(SLICEHOST_PATH, SLICEHOST_PATH, "--root", root_.c_str(), "--status-interval", "0",
+                 nullptr);
+         std::_Exit(127);
+      }
+   }
+   ~HostProcess() {
+      if (running()) {
+         ::kill(pid_, SIGKILL);
+         ::waitpid(pid_, nullptr, 0);
+      }
+      for (const std::string& name : segmentsUnder(root_)) ::shm_unlink(("/" + name).c_str());
+      std::filesystem::remove(logPath_);
+   }
+
+   const std::string& root() const { return root_; }
+   bool running() {
+      if (exited_) return false;
+      if (::waitpid(pid_, &status_, WNOHANG) == 0) return true;
+      exited_ = true;
+      return false;
+   }
+   // Exit status after SIGTERM, -1 when it did not exit normally.
+   int stop() {
+      ::kill(pid_, SIGTERM);
+      ::waitpid(pid_, &status_, 0);
+      exited_ = true;
+      return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+   }
+   std::string log() const {
+      std::ifstream in(logPath_);
+      std::stringstream text;
+      text << in.rdbuf();
+      return text.str();
+   }
+
+ private:
+   std::string root_;
+   std::string logPath_;
+   pid_t pid_ = -1;
+   int status_ = 0;
+   bool exited_ = false;
+};
+
+SliceSystem::PublisherOptions smallRun() {
+   SliceSystem::PublisherOptions options;
+   std::string error;
+   EXPECT_TRUE(SliceSystem::tableSpecsFor(ChipSdk::ChipProfile::defaultProfile(),
+                                          {"ipv4_host:1500", "ipv4_lpm:1200", "acl_ingress:300"}, 0,
+                                          options.tables, error));
+   options.prefixesPath = "synthetic";
+   options.churnFraction = 0.2;
+   options.timeout = 30;
+   return options;
+}
+
+TEST(EndToEnd, TwoProcessesConvergeThroughChurnAndSkipBadAnnouncements) {
+   HostProcess host;
+   {
+      Keel::EventLoop loop;
+      SliceSystem::ShmPublishTarget target(loop, host.root());
+      SliceSystem::PublisherOptions options = smallRun();
+      options.badAnnouncements = true;
+      SliceSystem::Publisher publisher(target, options);
+      SliceSystem::PublisherReport report = publisher.run();
+
+      EXPECT_TRUE(report.ok()) << report.text() << host.log();
+      ASSERT_EQ(report.phases.size(), 3u) << host.log();
+      EXPECT_GT(report.phases[1].changes.total(), 500u);
+      EXPECT_EQ(report.keysChecked, 3000u);
+      EXPECT_EQ(report.mismatches, 0u);
+      EXPECT_EQ(report.strayStatuses, 0u);
+      ASSERT_TRUE(report.host) << host.log();
+      EXPECT_EQ(report.host->tablesPublished, 5u);
+      EXPECT_EQ(report.host->tablesRunning, 3u);
+      EXPECT_EQ(report.host->entries, 3000u);
+      EXPECT_EQ(report.host->statuses, 3000u);
+      EXPECT_EQ(report.host->numViolations, 0u);
+      EXPECT_EQ(report.host->numHandlerFailures, 0u);
+      EXPECT_EQ(report.host->numMatModOps,
+                report.phases[1].changes.count[std::size_t(SliceSystem::ChangeKind::modify)]);
+      EXPECT_TRUE(host.running());
+   }
+   EXPECT_EQ(host.stop(), 0) << host.log();
+   EXPECT_NE(host.log().find("slicehost: stopped"), std::string::npos) << host.log();
+   // Both sides removed what they created.
+   EXPECT_EQ(segmentsUnder(host.root()), std::vector<std::string>());
+}
+
+TEST(EndToEnd, PublisherDyingMidWayLeavesTheHostServingAndItsSuccessorConverges) {
+   HostProcess host;
+   pid_t child = ::fork();
+   if (child == 0) {
+      Keel::EventLoop loop;
+      SliceSystem::ShmPublishTarget target(loop, host.root());
+      SliceSystem::PublisherOptions options = smallRun();
+      // Past the publish phase, in the middle of the churn.
+      options.crashAfterWrites = 3000 + 200;
+      SliceSystem::Publisher(target, options).run();
+      std::_Exit(0);
+   }
+   int status = 0;
+   ::waitpid(child, &status, 0);
+   ASSERT_TRUE(WIFEXITED(status));
+   EXPECT_EQ(WEXITSTATUS(status), 3);
+   EXPECT_TRUE(host.running()) << host.log();
+
+   Keel::EventLoop loop;
+   SliceSystem::ShmPublishTarget target(loop, host.root());
+   SliceSystem::Publisher successor(target, smallRun());
+   SliceSystem::PublisherReport report = successor.run();
+   EXPECT_TRUE(report.ok()) << report.text() << host.log();
+   ASSERT_TRUE(report.host);
+   EXPECT_EQ(report.host->publications, 2u);
+   EXPECT_EQ(report.host->tablesRunning, 3u);
+   // The dead publisher's entries were taken out; only the successor's are in hardware.
+   EXPECT_EQ(report.host->entries, 3000u);
+   EXPECT_EQ(report.host->numViolations, 0u);
+   EXPECT_EQ(host.stop(), 0) << host.log();
+   EXPECT_NE(host.log().find("replaced"), std::string::npos) << host.log();
+}
+
+}  // namespace

@@ -1,0 +1,87 @@
+// The agent host: serves the single match tables that a feature agent publishes under a root,
+// programming them into the chip model, until SIGINT or SIGTERM. SIGUSR1 prints the status.
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <iostream>
+
+#include "ChipSdk/ChipProfile.h"
+#include "Keel/EventLoop.h"
+#include "SliceSystem/AgentHost.h"
+#include "SliceSystem/Args.h"
+#include "SliceSystem/SignalWatch.h"
+
+namespace {
+
+const char* usage =
+    "usage: slicehost --root NAME [--profile chip.json] [--table-info PATH]\n"
+    "                 [--sync-gen-time T] [--status-interval SECONDS]\n"
+    "  Serves the tables announced in the mount-info collection PATH (default mbb/tableInfo)\n"
+    "  of the shared tables under NAME, and writes its counters to mbb/hostCounters.\n"
+    "  Prints a status line every SECONDS (default 1) when something changed, on SIGUSR1,\n"
+    "  and when it stops on SIGINT or SIGTERM.\n";
+
+// Prints the status line when it says something new, and always when asked.
+class StatusPrinter : public Keel::TimerWheel::Timer {
+ public:
+   StatusPrinter(Keel::EventLoop& loop, SliceSystem::AgentHost& host, Orb::Seconds period)
+       : Timer(&loop.timerWheel()), host_(host), period_(period) {
+      if (period_ > 0) timeMinIs(timerWheel()->now() + period_);
+   }
+   void print(bool always) {
+      std::string line = host_.statusLine();
+      if (!always && line == last_) return;
+      last_ = line;
+      std::cout << "slicehost: " << line << std::endl;
+   }
+   void onTime() override {
+      print(false);
+      timeMinIs(timerWheel()->now() + period_);
+   }
+
+ private:
+   SliceSystem::AgentHost& host_;
+   Orb::Seconds period_;
+   std::string last_;
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+   SliceSystem::Args args(argc, argv);
+   SliceSystem::AgentHostOptions options;
+   options.root = args.text("root");
+   options.tableInfoPath = args.text("table-info", options.tableInfoPath);
+   options.syncGenTime = args.number("sync-gen-time", options.syncGenTime);
+   std::string profilePath = args.text("profile");
+   Orb::Seconds statusInterval = args.number("status-interval", 1.0);
+   std::string error = args.error();
+   if (!error.empty() || options.root.empty()) {
+      std::cerr << (error.empty() ? "--root is required" : error) << "\n" << usage;
+      return 2;
+   }
+   if (!profilePath.empty() && !ChipSdk::chipProfileLoad(profilePath, options.profile, error)) {
+      std::cerr << "slicehost: " << error << "\n";
+      return 2;
+   }
+
+   Keel::EventLoop loop;
+   StatusPrinter* printer = nullptr;
+   SliceSystem::SignalWatch signals(loop, {SIGINT, SIGTERM, SIGUSR1}, [&](int signo) {
+      if (signo == SIGUSR1) {
+         printer->print(true);
+      } else {
+         loop.stop();
+      }
+   });
+   SliceSystem::AgentHost host(loop, options);
+   StatusPrinter statusPrinter(loop, host, statusInterval);
+   printer = &statusPrinter;
+   std::cout << "slicehost: pid " << ::getpid() << ", root " << options.root << ", chip profile '"
+             << options.profile.name << "', serving " << options.tableInfoPath << std::endl;
+   host.serve();
+   statusPrinter.print(true);
+   std::cout << "slicehost: stopped" << std::endl;
+   return 0;
+}

@@ -1,0 +1,46 @@
+// The publisher: announces single match tables under a root, fills them with routes, churns
+// them, waits each time until the agent host has every change in hardware, and reports.
+
+#include <iostream>
+
+#include "ChipSdk/ChipProfile.h"
+#include "Keel/EventLoop.h"
+#include "SliceSystem/Args.h"
+#include "SliceSystem/PublishTarget.h"
+#include "SliceSystem/Publisher.h"
+#include "SliceSystem/PublisherArgs.h"
+
+int main(int argc, char** argv) {
+   SliceSystem::Args args(argc, argv);
+   std::string root = args.text("root");
+   std::string profilePath = args.text("profile");
+   std::string tableInfoPath = args.text("table-info", "mbb/tableInfo");
+   bool quiet = args.flag("quiet");
+   ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+   std::string error;
+   if (!profilePath.empty() && !ChipSdk::chipProfileLoad(profilePath, profile, error)) {
+      std::cerr << "slicepub: " << error << "\n";
+      return 2;
+   }
+   SliceSystem::PublisherOptions options;
+   bool parsed = SliceSystem::publisherOptionsParse(args, profile, options, error);
+   if (!parsed || !args.error().empty() || root.empty()) {
+      std::cerr << "slicepub: "
+                << (!parsed        ? error
+                    : root.empty() ? "--root is required"
+                                   : args.error())
+                << "\nusage: slicepub --root NAME [--profile chip.json] [--table-info PATH] "
+                   "[--quiet] [options]\n"
+                << SliceSystem::publisherArgsUsage;
+      return 2;
+   }
+   if (!quiet)
+      options.log = [](const std::string& line) { std::cout << "slicepub: " << line << std::endl; };
+
+   Keel::EventLoop loop;
+   SliceSystem::ShmPublishTarget target(loop, root, tableInfoPath);
+   SliceSystem::Publisher publisher(target, options);
+   SliceSystem::PublisherReport report = publisher.run();
+   std::cout << "slicepub report (root " << root << "):\n" << report.text() << std::flush;
+   return report.ok() ? 0 : 1;
+}
