@@ -90,6 +90,17 @@ void figure(const char* name, double value, const char* unit, const char* target
                met ? "met" : "MISSED");
 }
 
+// An end-to-end rate, the bare baseline of the same run beside it, and their ratio.
+void againstBaseline(const char* what, const char* unit, double engineRate, double baselineRate,
+                     double target, bool complete) {
+   std::printf("figure: MbbEngine %s end to end = %.0f %s (target >= %.0f) %s\n", what, engineRate,
+               unit, target, engineRate >= target && complete ? "met" : "MISSED");
+   std::printf("figure: MbbEngine %s baseline (chip commit + status write, no engine) = %.0f %s\n",
+               what, baselineRate, unit);
+   std::printf("figure: MbbEngine %s engine/baseline time ratio = %.2f\n", what,
+               baselineRate / engineRate);
+}
+
 void millionAdds() {
    // Baseline: commit and status write only.
    chipIs(addTableHdl, addTableSize);
@@ -124,14 +135,8 @@ void millionAdds() {
    const bool complete = table.impl->numCurrent() == numAdds && table.status->size() == numAdds &&
                          table.impl->numPending() == 0;
 
-   const double engineRate = numAdds / engineSeconds;
-   const double baselineRate = numAdds / baselineSeconds;
-   figure("MbbEngine 1M adds end to end", engineRate, "ops/s", ">= 500000",
-          engineRate >= 500'000 && complete);
-   figure("MbbEngine 1M adds baseline (chip commit + status write, no engine)", baselineRate,
-          "ops/s", "reference", true);
-   std::printf("figure: MbbEngine 1M adds engine/baseline time ratio = %.2f\n",
-               baselineRate / engineRate);
+   againstBaseline("1M adds", "ops/s", numAdds / engineSeconds, numAdds / baselineSeconds, 500'000,
+                   complete);
    const double perKey = static_cast<double>(table.impl->memoryBytes()) / numAdds;
    figure("MbbEngine memory per key (engine's own structures)", perKey, "bytes", "<= 150",
           perKey <= 150);
@@ -310,12 +315,8 @@ void reindex() {
        static_cast<unsigned long long>(run.deadlocks), plan.size());
    std::printf("figure: MbbEngine re-index: configuration writes alone = %.0f keys/s\n",
                numReindexed / median(writes));
-   figure("MbbEngine random re-index of 100k keys end to end", engineRate, "keys/s", ">= 200000",
-          engineRate >= 200'000 && complete);
-   figure("MbbEngine re-index baseline (chip commit + status write, no engine)", baselineRate,
-          "keys/s", "reference", true);
-   std::printf("figure: MbbEngine re-index engine/baseline time ratio = %.2f\n",
-               baselineRate / engineRate);
+   againstBaseline("random re-index of 100k keys", "keys/s", engineRate, baselineRate, 200'000,
+                   complete);
 }
 
 // Steady state: one configured key modified again and again.

@@ -11,15 +11,7 @@ CurrentEntries::CurrentEntries()
 
 void CurrentEntries::insert(const CurrentEntry& entry) {
    BRIO_ASSERT(entry.handle != 0);
-   std::uint32_t record;
-   if (!freeRecords_.empty()) {
-      record = freeRecords_.back();
-      freeRecords_.pop_back();
-      records_[record] = entry;
-   } else {
-      record = static_cast<std::uint32_t>(records_.size());
-      records_.push_back(entry);
-   }
+   const std::uint32_t record = recordNew(records_, freeRecords_, entry);
    byKey_.insert(record);
    byHandle_.insert(record);
    indexInsert(record);

@@ -32,16 +32,10 @@ std::uint32_t PendingEntries::add(Vault::MbbEngine::EntryKey key,
    entry.key = key;
    entry.ti = ti;
    entry.opId = config.opId();
-   std::uint32_t record;
-   if (!freeRecords_.empty()) {
-      record = freeRecords_.back();
-      freeRecords_.pop_back();
-      records_[record] = entry;
-   } else {
-      record = static_cast<std::uint32_t>(records_.size());
-      records_.push_back(entry);
-      links_.emplace_back();
-      configs_.emplace_back();
+   const std::uint32_t record = recordNew(records_, freeRecords_, entry);
+   if (links_.size() < records_.size()) {
+      links_.resize(records_.size());
+      configs_.resize(records_.size());
    }
    configs_[record] = config;
    links_[record] = WaitLink{key, {}, noRecord, true, false};

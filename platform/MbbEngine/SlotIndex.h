@@ -15,6 +15,20 @@ inline std::uint32_t mixHash(std::uint64_t x) {
    return static_cast<std::uint32_t>(x >> 32) ^ static_cast<std::uint32_t>(x);
 }
 
+// Stores `value` in a freed record if there is one, else in a new one; returns its number.
+template <class T>
+std::uint32_t recordNew(std::vector<T>& records, std::vector<std::uint32_t>& freeRecords,
+                        const T& value) {
+   if (freeRecords.empty()) {
+      records.push_back(value);
+      return static_cast<std::uint32_t>(records.size() - 1);
+   }
+   const std::uint32_t record = freeRecords.back();
+   freeRecords.pop_back();
+   records[record] = value;
+   return record;
+}
+
 // A hash index over records that live elsewhere, in a vector: each slot holds a record number
 // and the record's hash, so an index costs eight bytes a slot, and a probe reads a record only
 // when the hashes already agree. Linear probing, deletion by shifting back (no tombstones), so
