@@ -16,8 +16,10 @@ namespace MbbEngine {
 //
 // Status rules the engine relies on, per operation: add, move and update write
 // (key, config op id); a delete removes the key's status, unless the configuration handed in
-// is itself a deletion, in which case it writes (key, op id). The status writers below are for
-// keys that need no hardware operation.
+// is itself a deletion. The engine hands a delete the configuration of the entry that goes, so
+// its status goes with it; where more is due (the key's replacement is in, or its deletion is
+// to be acknowledged) the engine writes it afterwards with the writers below, which are also
+// for keys that need no hardware operation at all.
 class MbbEngineHelper : public Orb::Entity<MbbEngineHelper> {
  public:
    class Notifiee : public Orb::BaseNotifiee<MbbEngineHelper> {
