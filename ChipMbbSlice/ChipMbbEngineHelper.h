@@ -292,8 +292,8 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
    void queueDelAll(Orb::LinkQueue<T>& queue, void (Notifiee::*reactor)(std::uint32_t));
 
    static p4_pd_plcmt_info_t* plcmtInfoNew();
-   // Commits a batch to the SDK unless in test mode; the number of operations applied, or
-   // nothing when the commit was skipped.
+   // Commits a batch to the SDK unless in test mode; false when the commit was skipped, else
+   // `processed` is the number of operations the SDK applied.
    bool sdkCommit(std::uint32_t tblHdl, p4_pd_plcmt_info_t* info, std::uint32_t& processed);
    void deferFreeDrain(Orb::LinkQueue<std::uint64_t>& queue,
                        void (Notifiee::*reactor)(std::uint32_t));
