@@ -143,13 +143,6 @@ void PendingEntries::release(std::uint64_t resource) {
    }
 }
 
-void PendingEntries::ready(Vault::MbbEngine::EntryKey key) {
-   const std::uint32_t record = byKey_.find(key);
-   if (record == noRecord) return;
-   unlink(record);
-   readyPush(record);
-}
-
 bool PendingEntries::readyPop(Vault::MbbEngine::EntryKey& key,
                               Vault::MbbEngine::EntryConfig& config) {
    while (!ready_.empty()) {

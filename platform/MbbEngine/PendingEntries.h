@@ -77,12 +77,9 @@ class PendingEntries {
    bool waitedFor(std::uint64_t resource) const { return headOf(resource) != noRecord; }
    // Readies every key that waits for `resource`.
    void release(std::uint64_t resource);
-   // Readies one key, whatever it waits for.
-   void ready(Vault::MbbEngine::EntryKey key);
    // The readied key with the lowest transaction index and its configuration, taken off the
    // ready list; false when none is ready.
    bool readyPop(Vault::MbbEngine::EntryKey& key, Vault::MbbEngine::EntryConfig& config);
-   bool readyEmpty() const { return ready_.empty(); }
 
    // Waiters for indices below `limit` are found through a plain array from now on.
    void denseIndicesIs(std::uint32_t limit);

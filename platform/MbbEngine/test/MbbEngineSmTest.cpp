@@ -42,6 +42,7 @@ TEST(MbbEngineSm, KeysHeldBackByDependantTablesAreRetriedUntilReady) {
    // Due, still not ready: offered again, nothing issued, its change keeps its place.
    f.advance(f.sm->retryPeriod());
    EXPECT_EQ(f.impl->asked[1], 2);
+   EXPECT_EQ(f.sm->numRetryOps(), 1u);
    EXPECT_TRUE(f.helper->take().empty());
    EXPECT_EQ(f.impl->pendingEntry(1)->ti, ti1);
    EXPECT_TRUE(f.sm->retryTimerSet());
