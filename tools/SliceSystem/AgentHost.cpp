@@ -128,9 +128,8 @@ void AgentHost::publicationMount(const SegmentId& segment) {
    tableInfoSegment_ = segment;
    publisherGoneLogged_ = false;
    tableMgrNew();
-   log("serving publication " + options_.tableInfoPath + ": " +
-       std::to_string(tableMgr_->mbbEngineSms().size()) + " of " +
-       std::to_string(tableMountInfo_->size()) + " tables running");
+   log("serving publication " + options_.tableInfoPath + " (" +
+       std::to_string(tableMountInfo_->size()) + " tables announced so far)");
 }
 
 void AgentHost::publicationRelease() {

@@ -155,8 +155,9 @@ PhaseResult Publisher::phase(
       if (announce) target_.tableMountInfo().entryIs(table->key, table->entry);
    }
    if (announce && options_.badAnnouncements) badAnnouncementsWrite();
+   log("phase " + name + ": " + std::to_string(result.changes.total()) +
+       " changes written, waiting for their statuses");
    converge(result, start);
-   log("phase " + result.text());
    return result;
 }
 
@@ -272,7 +273,6 @@ std::optional<HostCounters> Publisher::hostCountersFresh(Orb::Seconds timeout) {
 PublisherReport Publisher::run() {
    PublisherReport report;
    report.tables = tableLines();
-   for (const std::string& line : report.tables) log(line);
    report.phases.push_back(publish());
    if (report.phases.back().converged()) report.phases.push_back(churn());
    if (report.phases.back().converged()) report.phases.push_back(readd());
