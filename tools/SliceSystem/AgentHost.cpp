@@ -95,8 +95,9 @@ void AgentHost::handlePublicationProbe() {
    if (tableMountInfo_ && segment == tableInfoSegment_) return;
    if (tableMountInfo_ && !segment) {
       if (!publisherGoneLogged_) {
+         std::size_t running = tableMgr_ ? tableMgr_->mbbEngineSms().size() : 0;
          log("publication " + options_.tableInfoPath + " withdrawn; keeping " +
-             std::to_string(tableMgr_->mbbEngineSms().size()) + " tables as they are");
+             std::to_string(running) + " tables as they are");
          publisherGoneLogged_ = true;
       }
       return;
@@ -127,16 +128,25 @@ void AgentHost::publicationMount(const SegmentId& segment) {
    }
    tableInfoSegment_ = segment;
    publisherGoneLogged_ = false;
-   tableMgrNew();
+   try {
+      tableMgrNew();
+   } catch (const std::exception& e) {
+      // Served again only when a publisher replaces it.
+      tableMgr_.reset();
+      log("cannot serve publication " + options_.tableInfoPath + ": " + e.what());
+      return;
+   }
    log("serving publication " + options_.tableInfoPath + " (" +
        std::to_string(tableMountInfo_->size()) + " tables announced so far)");
 }
 
 void AgentHost::publicationRelease() {
    std::set<std::string> paths;
-   for (const auto& [key, entry] : tableMgr_->mountInfos()) {
-      paths.insert(entry.configPath());
-      if (entry.needStatus()) paths.insert(entry.statusPath());
+   if (tableMgr_) {
+      for (const auto& [key, entry] : tableMgr_->mountInfos()) {
+         paths.insert(entry.configPath());
+         if (entry.needStatus()) paths.insert(entry.statusPath());
+      }
    }
    tableMgr_.reset();
    for (const std::string& path : paths) entityManager_->unmount(path);

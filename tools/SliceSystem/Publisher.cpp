@@ -148,7 +148,9 @@ PhaseResult Publisher::phase(
          log("no configuration collection for " + table->key.name() + "; left out");
          continue;
       }
-      for (const TablePlan::Change& change : changes(table->plan)) {
+      std::vector<TablePlan::Change> planned = changes(table->plan);
+      table->watch.expectReserve(planned.size());
+      for (const TablePlan::Change& change : planned) {
          write(*table, change);
          result.changes.add(change.kind);
       }

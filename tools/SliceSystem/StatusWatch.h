@@ -16,6 +16,7 @@ namespace SliceSystem {
 class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
  public:
    void expect(std::uint64_t key, std::uint64_t opId) { outstanding_[key] = opId; }
+   void expectReserve(std::size_t n) { outstanding_.reserve(outstanding_.size() + n); }
    std::size_t numOutstanding() const { return outstanding_.size(); }
    const std::unordered_map<std::uint64_t, std::uint64_t>& outstanding() const {
       return outstanding_;

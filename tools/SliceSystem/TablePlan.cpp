@@ -55,8 +55,10 @@ TablePlan::TablePlan(TableSpec spec, const std::vector<Route>& routes, std::uint
    freeIndices_.resize(partitions);
    for (std::uint32_t p = 0; p < partitions; ++p) {
       std::vector<std::uint32_t>& pool = freeIndices_[p];
-      for (std::uint32_t i = p * per; i < std::min(spec_.size, (p + 1) * per); ++i)
-         pool.push_back(i);
+      for (std::uint32_t i = p * per; i < std::min(spec_.size, (p + 1) * per); ++i) {
+         // That index names the default entry, whatever the table's size.
+         if (i != Vault::MbbEngine::EntryConfig::defaultEntryIndex) pool.push_back(i);
+      }
       std::shuffle(pool.begin(), pool.end(), random_);
    }
    std::size_t n = std::min<std::size_t>({spec_.numEntries, routes.size(), spec_.size});

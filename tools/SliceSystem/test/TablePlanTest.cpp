@@ -84,6 +84,16 @@ TEST(TablePlan, ChurnKeepsIndicesHandlesAndPartitionsSound) {
    }
 }
 
+TEST(TablePlan, NeverPlacesAnEntryOnTheDefaultEntryIndex) {
+   constexpr std::uint32_t size = Vault::MbbEngine::EntryConfig::defaultEntryIndex + 1;
+   TablePlan plan({"big", 0x01000001, size, 0, size}, SliceSystem::syntheticRoutes(size, 5), 1);
+   SliceSystem::OpIdSource opIds;
+   EXPECT_EQ(plan.initial(opIds).size(), size - 1);
+   for (const auto& e : plan.entries()) {
+      if (e.live) EXPECT_NE(e.index, Vault::MbbEngine::EntryConfig::defaultEntryIndex);
+   }
+}
+
 TEST(TablePlan, RoutesAndTableSpecs) {
    auto routes = SliceSystem::syntheticRoutes(500, 3);
    std::set<std::uint64_t> keys;
