@@ -1,7 +1,9 @@
 // Convergence of the whole system: a publisher announces tables and writes every entry, and
 // the time runs until the last status shows its entry in hardware. Two processes (the
-// slicehost binary serving shared tables, the publisher here) against the same work in one
-// process (host in test mode, in-memory tables, no event loop between them), in the same run.
+// slicehost binary serving shared tables, the publisher here) against, in the same run, the
+// same work in one process (host in test mode, in-memory tables, no event loop between them)
+// and the engine alone (in-memory tables, the slice's helper and the engine, configurations
+// written one after the other, as the engine's own benchmark does).
 //
 //   EndToEndBench [--quick]     --quick: a tenth of the entries
 
@@ -20,12 +22,18 @@
 #include <thread>
 
 #include "Atlas/EntityManager.h"
+#include "ChipMbbSlice/ChipMbbEngineHelper.h"
+#include "ChipSdk/ChipModel.h"
 #include "ChipSdk/ChipProfile.h"
 #include "Keel/EventLoop.h"
+#include "MbbEngine/FastMbbEngineImpl.h"
+#include "MbbEngine/MbbEngineSm.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/Publisher.h"
+#include "SliceSystem/Routes.h"
 #include "SliceSystem/SegmentId.h"
+#include "SliceSystem/TablePlan.h"
 
 namespace {
 
@@ -106,6 +114,60 @@ Run inProcess(const ChipSdk::ChipProfile& profile, const Scenario& s) {
    return runOf(publisher, std::uint64_t(s.numTables) * s.entriesPerTable);
 }
 
+// One table served by the engine alone.
+struct EngineTable {
+   EngineTable(const SliceSystem::TableSpec& spec, Keel::TimerWheel* wheel, std::uint32_t qtId)
+       : config(Vault::MbbEngine::tableConfigFactory(spec.name)),
+         status(Vault::MbbEngine::tableStatusFactory(spec.name + "-status")) {
+      config->mountedIs(true);
+      status->mountedIs(true);
+      auto helper = Orb::ptrNew<ChipMbbSlice::ChipMbbEngineHelper>(
+          "", status, nullptr, nullptr, nullptr, 1, spec.tableId, 0, 0, spec.size, false, qtId);
+      helper->devTgtIs(ChipDriver::ChipDevTgt{0, 0xFFFF});
+      auto impl = Orb::ptrNew<MbbEngine::FastMbbEngineImpl>(spec.name, config, nullptr, nullptr,
+                                                            helper, qtId);
+      sm = Orb::ptrNew<MbbEngine::MbbEngineSm>(config, status, nullptr, nullptr, impl, nullptr,
+                                               wheel);
+   }
+   Orb::Ptr<Vault::MbbEngine::TableConfig> config;
+   Orb::Ptr<Vault::MbbEngine::TableStatus> status;
+   Orb::Ptr<MbbEngine::MbbEngineSm> sm;
+};
+
+Run engineOnly(const ChipSdk::ChipProfile& profile, const Scenario& s) {
+   ChipSdk::chipModelIs(profile);
+   SliceSystem::PublisherOptions options = optionsFor(profile, s);
+   std::string source;
+   std::vector<SliceSystem::Route> routes =
+       SliceSystem::routesLoad("", std::size_t(s.numTables) * s.entriesPerTable, source);
+   Keel::TimerWheel wheel(Orb::ptrNew<Orb::ManualTimeSource>(), 1, 1000, true, 16);
+   std::vector<std::unique_ptr<EngineTable>> tables;
+   std::vector<SliceSystem::TablePlan> plans;
+   std::vector<std::vector<SliceSystem::TablePlan::Change>> changes;
+   SliceSystem::OpIdSource opIds;
+   for (std::size_t t = 0; t < options.tables.size(); ++t) {
+      auto first = routes.begin() + t * s.entriesPerTable;
+      plans.emplace_back(options.tables[t],
+                         std::vector<SliceSystem::Route>(first, first + s.entriesPerTable), t + 1);
+      changes.push_back(plans.back().initial(opIds));
+      tables.push_back(std::make_unique<EngineTable>(options.tables[t], &wheel, t + 1));
+   }
+   auto start = std::chrono::steady_clock::now();
+   for (std::size_t t = 0; t < tables.size(); ++t) {
+      for (const auto& change : changes[t])
+         tables[t]->config->entryIs(plans[t].config(change.entry));
+   }
+   Run run;
+   run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+   run.sound = ChipSdk::chipModel().numViolations() == 0;
+   for (std::size_t t = 0; t < tables.size(); ++t) {
+      run.entries += changes[t].size();
+      run.sound = run.sound && tables[t]->status->size() == changes[t].size();
+   }
+   if (!run.sound) run.why = "statuses missing or hitless violations\n";
+   return run;
+}
+
 Run twoProcesses(const ChipSdk::ChipProfile& profile, const Scenario& s) {
    std::string root = "e2ebench-" + std::to_string(::getpid());
    std::string profilePath =
@@ -142,19 +204,27 @@ void scenario(const Scenario& s) {
    std::printf("== %s: %u table(s) of %u entries, publish to last status\n", s.name, s.numTables,
                s.entriesPerTable);
    std::fflush(stdout);
+   Run engine = engineOnly(profile, s);
    Run local = inProcess(profile, s);
    Run shared = twoProcesses(profile, s);
-   for (const Run* run : {&local, &shared}) {
+   for (const Run* run : {&engine, &local, &shared}) {
       if (!run->sound) std::printf("NOT SOUND:\n%s", run->why.c_str());
    }
+   double engineRate = engine.entries / engine.seconds;
    double localRate = local.entries / local.seconds;
    double sharedRate = shared.entries / shared.seconds;
+   std::printf(
+       "figure: %s engine alone (in-memory tables, helper, engine) = %.0f entries/s "
+       "(%.3f s)%s\n",
+       s.name, engineRate, engine.seconds, engine.sound ? "" : " UNSOUND");
    std::printf("figure: %s in one process = %.0f entries/s (%.3f s)%s\n", s.name, localRate,
                local.seconds, local.sound ? "" : " UNSOUND");
    std::printf("figure: %s across two processes = %.0f entries/s (%.3f s)%s\n", s.name, sharedRate,
                shared.seconds, shared.sound ? "" : " UNSOUND");
    std::printf("figure: %s two processes / one process rate = %.2f\n", s.name,
                sharedRate / localRate);
+   std::printf("figure: %s two processes / engine alone rate = %.2f\n", s.name,
+               sharedRate / engineRate);
    std::fflush(stdout);
 }
 
