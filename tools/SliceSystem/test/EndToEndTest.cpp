@@ -17,9 +17,11 @@
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/SegmentId.h"
-#include "SliceSystem/TableSpecs.h"
+#include "SliceSystem/test/SmallRun.h"
 
 namespace {
+
+using SliceSystem::Test::smallRun;
 
 std::vector<std::string> segmentsUnder(const std::string& root) {
    std::vector<std::string> names;
@@ -42,6 +44,8 @@ class HostProcess {
          int fd = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
          ::dup2(fd, 1);
          ::dup2(fd, 2);
+         // The host's trace file is not what these tests look at.
+         ::setenv("FLASHLOG_DISABLE", "1", 1);
          ::execl(SLICEHOST_PATH, SLICEHOST_PATH, "--root", root_.c_str(), "--status-interval", "0",
                  nullptr);
          std::_Exit(127);
@@ -84,18 +88,6 @@ class HostProcess {
    int status_ = 0;
    bool exited_ = false;
 };
-
-SliceSystem::PublisherOptions smallRun() {
-   SliceSystem::PublisherOptions options;
-   std::string error;
-   EXPECT_TRUE(SliceSystem::tableSpecsFor(ChipSdk::ChipProfile::defaultProfile(),
-                                          {"ipv4_host:1500", "ipv4_lpm:1200", "acl_ingress:300"}, 0,
-                                          options.tables, error));
-   options.prefixesPath = "synthetic";
-   options.churnFraction = 0.2;
-   options.timeout = 30;
-   return options;
-}
 
 TEST(EndToEnd, TwoProcessesConvergeThroughChurnAndSkipBadAnnouncements) {
    HostProcess host;

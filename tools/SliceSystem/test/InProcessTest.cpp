@@ -5,22 +5,11 @@
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/Publisher.h"
-#include "SliceSystem/TableSpecs.h"
+#include "SliceSystem/test/SmallRun.h"
 
 namespace {
 
-SliceSystem::PublisherOptions smallRun() {
-   SliceSystem::PublisherOptions options;
-   std::string error;
-   EXPECT_TRUE(SliceSystem::tableSpecsFor(ChipSdk::ChipProfile::defaultProfile(),
-                                          {"ipv4_host:1500", "ipv4_lpm:1200", "acl_ingress:300"}, 0,
-                                          options.tables, error));
-   options.prefixesPath = "synthetic";
-   options.churnFraction = 0.2;
-   options.firstOpId = 1;
-   options.timeout = 10;
-   return options;
-}
+using SliceSystem::Test::smallRun;
 
 // Host and publisher in one process: the manager makes the tables, every write is in
 // hardware before it returns, and what the chip holds is what the publisher last wrote.
