@@ -14,7 +14,7 @@ std::string HostCounters::opsText() const {
    add("mat_mov", numMatMovOps);
    add("mat_del", numMatDelOps);
    if (numMatDelDeadlockOps != 0) {
-      out += " (" + std::to_string(numMatDelDeadlockOps) + " breaking deadlocks)";
+      out += " (deadlock breaks " + std::to_string(numMatDelDeadlockOps) + ")";
    }
    add("mat_set_dflt", numMatSetDfltOps);
    add("mat_clr_dflt", numMatClrDfltOps);

@@ -15,6 +15,10 @@ namespace SliceSystem {
 // once the status is gone when the expected op id is 0 (a delete).
 class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
  public:
+   StatusWatch() = default;
+   // Leaves the collection before the pointer that may be its last goes.
+   ~StatusWatch() override { notifierIs(nullptr); }
+
    void expect(std::uint64_t key, std::uint64_t opId) { outstanding_[key] = opId; }
    void expectReserve(std::size_t n) { outstanding_.reserve(outstanding_.size() + n); }
    std::size_t numOutstanding() const { return outstanding_.size(); }
