@@ -128,16 +128,15 @@ void AgentHost::publicationMount(const SegmentId& segment) {
    }
    tableInfoSegment_ = segment;
    publisherGoneLogged_ = false;
+   log("serving publication " + options_.tableInfoPath + " (" +
+       std::to_string(tableMountInfo_->size()) + " tables announced so far)");
    try {
       tableMgrNew();
    } catch (const std::exception& e) {
       // Served again only when a publisher replaces it.
       tableMgr_.reset();
       log("cannot serve publication " + options_.tableInfoPath + ": " + e.what());
-      return;
    }
-   log("serving publication " + options_.tableInfoPath + " (" +
-       std::to_string(tableMountInfo_->size()) + " tables announced so far)");
 }
 
 void AgentHost::publicationRelease() {

@@ -138,6 +138,11 @@ int twoProcesses(const std::vector<std::string>& passOn,
       bool alive = ::waitpid(host, nullptr, WNOHANG) == 0;
       say("that publisher ended with " + exitText(status) + "; the agent host is " +
           (alive ? "still running" : "GONE"));
+      if (alive) {
+         // Its status line, from what the dead publisher left.
+         ::kill(host, SIGUSR1);
+         std::this_thread::sleep_for(std::chrono::milliseconds(200));
+      }
    }
 
    say("the publisher, with two bad announcements");
