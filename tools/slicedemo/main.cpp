@@ -30,7 +30,8 @@
 namespace {
 
 const char* usage =
-    "usage: slicedemo [--in-process] [--no-crash] [--profile chip.json] [publisher options]\n"
+    "usage: slicedemo [--help] [--in-process] [--no-crash] [--profile chip.json] [publisher "
+    "options]\n"
     "  --in-process  host and publisher in this one process (test mode, in-memory tables)\n"
     "  --no-crash    leave out the publisher that dies mid-way\n"
     "publisher options, passed on to slicepub:\n";
@@ -165,6 +166,10 @@ int twoProcesses(const std::vector<std::string>& passOn,
 
 int main(int argc, char** argv) {
    SliceSystem::Args args(argc, argv);
+   if (args.flag("help")) {
+      std::cout << usage << SliceSystem::publisherArgsUsage;
+      return 0;
+   }
    bool local = args.flag("in-process");
    bool crash = !args.flag("no-crash");
    std::string profilePath = args.text("profile");

@@ -50,6 +50,10 @@ class StatusPrinter : public Keel::TimerWheel::Timer {
 
 int main(int argc, char** argv) {
    SliceSystem::Args args(argc, argv);
+   if (args.flag("help")) {
+      std::cout << usage;
+      return 0;
+   }
    SliceSystem::AgentHostOptions options;
    options.root = args.text("root");
    options.tableInfoPath = args.text("table-info", options.tableInfoPath);

@@ -10,8 +10,16 @@
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/PublisherArgs.h"
 
+namespace {
+
+const char* usage =
+    "usage: slicepub --root NAME [--profile chip.json] [--table-info PATH] [--quiet] [options]\n";
+
+}  // namespace
+
 int main(int argc, char** argv) {
    SliceSystem::Args args(argc, argv);
+   bool help = args.flag("help");
    std::string root = args.text("root");
    std::string profilePath = args.text("profile");
    std::string tableInfoPath = args.text("table-info", "mbb/tableInfo");
@@ -24,14 +32,17 @@ int main(int argc, char** argv) {
    }
    SliceSystem::PublisherOptions options;
    bool parsed = SliceSystem::publisherOptionsParse(args, profile, options, error);
+   if (help) {
+      std::cout << usage << SliceSystem::publisherArgsUsage;
+      return 0;
+   }
    if (!parsed || !args.error().empty() || root.empty()) {
       std::cerr << "slicepub: "
                 << (!parsed        ? error
                     : root.empty() ? "--root is required"
                                    : args.error())
-                << "\nusage: slicepub --root NAME [--profile chip.json] [--table-info PATH] "
-                   "[--quiet] [options]\n"
-                << SliceSystem::publisherArgsUsage;
+                << "\n"
+                << usage << SliceSystem::publisherArgsUsage;
       return 2;
    }
    if (!quiet)
