@@ -1,6 +1,6 @@
 #include "SliceSystem/PublisherArgs.h"
 
-#include "SliceSystem/TableSpecs.h"
+#include "SliceSystem/TableRequests.h"
 
 namespace SliceSystem {
 

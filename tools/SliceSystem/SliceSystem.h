@@ -13,4 +13,4 @@
 #include "SliceSystem/SignalWatch.h"
 #include "SliceSystem/StatusWatch.h"
 #include "SliceSystem/TablePlan.h"
-#include "SliceSystem/TableSpecs.h"
+#include "SliceSystem/TableRequests.h"

@@ -4,7 +4,7 @@
 
 #include "ChipSdk/ChipProfile.h"
 #include "SliceSystem/Publisher.h"
-#include "SliceSystem/TableSpecs.h"
+#include "SliceSystem/TableRequests.h"
 
 namespace SliceSystem::Test {
 

@@ -6,7 +6,7 @@
 #include "ChipSdk/ChipProfile.h"
 #include "SliceSystem/Routes.h"
 #include "SliceSystem/TablePlan.h"
-#include "SliceSystem/TableSpecs.h"
+#include "SliceSystem/TableRequests.h"
 
 namespace {
 

@@ -1,4 +1,4 @@
-#include "SliceSystem/TableSpecs.h"
+#include "SliceSystem/TableRequests.h"
 
 #include <algorithm>
 #include <cstdlib>
