@@ -199,12 +199,14 @@ bf_status_t p4_pd_plcmt_data_size(const void* data, uint32_t* size) {
       *size = 0;
       return BF_INVALID_ARG;
    }
-   ChipSdk::PlcmtDataView view = ChipSdk::plcmtDataParse(data, ChipSdk::plcmtDataMaxSize);
-   if (!view.ok()) {
+   // The size comes from the header alone, as a copy is taken before every recorded operation;
+   // the contents are checked once, when the operation is recorded.
+   std::size_t length = ChipSdk::plcmtDataHeaderLength(data);
+   if (length == 0) {
       *size = ChipSdk::plcmtDataMaxSize;
       return BF_INVALID_ARG;
    }
-   *size = view.length;
+   *size = static_cast<std::uint32_t>(length);
    return BF_SUCCESS;
 }
 

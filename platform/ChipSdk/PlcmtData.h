@@ -162,6 +162,14 @@ inline PlcmtDataView plcmtDataParse(const void* block, std::size_t capacity) {
    return view;
 }
 
+// The length a block's header gives, when its magic and length hold together; 0 otherwise.
+inline std::size_t plcmtDataHeaderLength(const void* block) {
+   const auto* bytes = static_cast<const std::uint8_t*>(block);
+   if (bytes[0] != plcmtDataMagic) return 0;
+   std::size_t length = bytes[PlcmtDataDetail::lengthAt];
+   return length < plcmtDataHeaderSize || length > plcmtDataMaxSize ? 0 : length;
+}
+
 inline PlcmtDataView plcmtDataParse(const PlcmtDataBlock& block) {
    return plcmtDataParse(block.data(), plcmtDataMaxSize);
 }

@@ -93,9 +93,15 @@ TEST(PlcmtData, BrokenBlocksAreRefusedWithoutReadingPastThem) {
    EXPECT_EQ(plcmtDataParse(nullptr, plcmtDataMaxSize).status, PlcmtDataStatus::truncated);
    EXPECT_EQ(plcmtDataParse(PlcmtDataBlock{}).status, PlcmtDataStatus::badMagic);
 
-   // The SDK reports a broken block and a size that a copy can be examined within.
+   // The size comes from the header: a torn payload still has its length, and the record
+   // call refuses it later; a header that does not hold together is reported with a size that
+   // a copy can be examined within.
    std::uint32_t size = 0;
-   EXPECT_EQ(p4_pd_plcmt_data_size(torn.data(), &size), BF_INVALID_ARG);
+   EXPECT_EQ(p4_pd_plcmt_data_size(torn.data(), &size), BF_SUCCESS);
+   EXPECT_EQ(size, block.claimedSize());
+   EXPECT_EQ(p4_pd_plcmt_data_size(lies.data(), &size), BF_INVALID_ARG);
+   EXPECT_EQ(size, plcmtDataMaxSize);
+   EXPECT_EQ(p4_pd_plcmt_data_size(other.data(), &size), BF_INVALID_ARG);
    EXPECT_EQ(size, plcmtDataMaxSize);
    EXPECT_EQ(p4_pd_plcmt_data_size(nullptr, &size), BF_INVALID_ARG);
    EXPECT_EQ(size, 0u);
