@@ -24,6 +24,13 @@ constexpr Hex hex(T v) {
    return Hex{static_cast<std::uint64_t>(v)};
 }
 
+// A moment in ticks of the record clock (see TraceClock.h); the decoder prints the nanoseconds
+// from it to the time of the record that carries it. A duration that ends with its record thus
+// costs one clock read, not two.
+struct Since {
+   std::uint64_t ticks;
+};
+
 namespace detail {
 
 inline char* putBytes(char* p, const void* src, std::size_t n) {
@@ -70,6 +77,8 @@ struct FixedCodec {
          return ArgType::f64;
       else if constexpr (std::is_same_v<Stored, Hex>)
          return ArgType::hex64;
+      else if constexpr (std::is_same_v<Stored, Since>)
+         return ArgType::since;
       else
          return integerType<Stored>();
    }
@@ -101,7 +110,8 @@ struct StringCodec {
 };
 
 template <class T>
-concept Fixed = std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_same_v<T, Hex>;
+concept Fixed = std::is_arithmetic_v<T> || std::is_enum_v<T> || std::is_same_v<T, Hex> ||
+    std::is_same_v<T, Since>;
 template <class T>
 concept Text = std::is_same_v<T, const char*> || std::is_same_v<T, char*> ||
     std::is_same_v<T, std::string> || std::is_same_v<T, std::string_view>;

@@ -10,6 +10,7 @@
 #include <map>
 #include <ostream>
 #include <sstream>
+#include <string>
 
 #include "FlashLog/FileLayout.h"
 
@@ -105,7 +106,19 @@ bool appendNumber(Cursor& c, std::string& text, const char* fmt) {
    return true;
 }
 
-bool appendValue(ArgType type, Cursor& c, std::string& text) {
+// Record times are in ticks; the file's two clock pairs convert them.
+struct RecordClock {
+   ClockPair first;
+   ClockPair last;
+   std::uint64_t recordTicks;
+   // A moment after the record (a torn or foreign value) is taken as the record's own.
+   std::uint64_t nsSince(std::uint64_t ticks) const {
+      if (ticks >= recordTicks) return 0;
+      return ticksToNs(recordTicks, first, last) - ticksToNs(ticks, first, last);
+   }
+};
+
+bool appendValue(ArgType type, Cursor& c, std::string& text, const RecordClock& clock) {
    switch (type) {
       case ArgType::label:
          return true;
@@ -141,6 +154,12 @@ bool appendValue(ArgType type, Cursor& c, std::string& text) {
          text += v;
          return true;
       }
+      case ArgType::since: {
+         std::uint64_t ticks;
+         if (!c.read(ticks)) return false;
+         text += std::to_string(clock.nsSince(ticks));
+         return true;
+      }
       case ArgType::string: {
          std::uint16_t len;
          std::string_view s;
@@ -152,12 +171,13 @@ bool appendValue(ArgType type, Cursor& c, std::string& text) {
    return false;
 }
 
-bool recordText(const Format& format, std::string_view values, std::string& text) {
+bool recordText(const Format& format, std::string_view values, std::string& text,
+                const RecordClock& clock) {
    Cursor c(values);
    for (const Item& item : format) {
       if (item.type == ArgType::label)
          text += item.label;
-      else if (!appendValue(item.type, c, text))
+      else if (!appendValue(item.type, c, text, clock))
          return false;
    }
    return true;
@@ -204,7 +224,10 @@ void readRing(unsigned level, const FileHeader& file, std::string_view bytes,
       const auto format = formats.find(h.formatId);
       if (format == formats.end()) return fail("has an unknown format");
       DecodedRecord record{h.seq, ticksToNs(h.ticks, file.clockFirst, file.clockLast), level, {}};
-      if (!recordText(format->second, values, record.text)) return fail("is cut short");
+      if (!recordText(format->second, values, record.text,
+                      {file.clockFirst, file.clockLast, h.ticks})) {
+         return fail("is cut short");
+      }
       out.records.push_back(std::move(record));
       pos += h.length;
    }

@@ -24,7 +24,7 @@ constexpr std::uint64_t sizeUnit = 1024;
 using LevelSizes = std::array<std::uint32_t, numLevels>;
 
 constexpr std::array<char, 8> fileMagic = {'F', 'L', 'S', 'H', 'L', 'O', 'G', '1'};
-constexpr std::uint32_t fileVersion = 1;
+constexpr std::uint32_t fileVersion = 2;
 constexpr std::uint64_t pageSize = 4096;
 constexpr std::uint64_t formatTableCapacity = 1024 * 1024;
 constexpr std::uint64_t recordAlign = 8;
@@ -84,7 +84,8 @@ enum class ArgType : std::uint8_t {
    boolean,
    character,
    string,  // u16 length, then the bytes
+   since,   // u64 ticks of the record clock, printed as the nanoseconds up to the record
 };
-constexpr std::uint8_t numArgTypes = static_cast<std::uint8_t>(ArgType::string) + 1;
+constexpr std::uint8_t numArgTypes = static_cast<std::uint8_t>(ArgType::since) + 1;
 
 }  // namespace FlashLog

@@ -32,8 +32,8 @@
 // elapsed nanoseconds. The arguments are evaluated when the block is left.
 #define FLASHLOG_BLOCK_TIMER_H(handle, level, ...)                                          \
    ::FlashLog::BlockTimer FLASHLOG_CONCAT(flashLogBlockTimer_, __LINE__)(                   \
-       (handle), (level), [&](::FlashLog::Handle& h, unsigned l, std::uint64_t elapsedNs) { \
-          FLASHLOG_H(h, l, __VA_ARGS__, " ns:", elapsedNs);                                 \
+       (handle), (level), [&](::FlashLog::Handle& h, unsigned l, ::FlashLog::Since start) { \
+          FLASHLOG_H(h, l, __VA_ARGS__, " ns:", start);                                     \
        })
 
 #define FLASHLOG_BLOCK_TIMER(level, ...) \

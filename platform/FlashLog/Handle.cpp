@@ -80,7 +80,7 @@ bool disabledByEnv() {
    return std::getenv("FLASHLOG_DISABLE") != nullptr;
 }
 
-bool Handle::open(std::string_view name, const LevelSizes& sizesKiB) {
+bool Handle::open(std::string_view name, const LevelSizes& sizesKiB, Writers writers) {
    close();
    FileHeader layout{};
    const std::uint64_t fileSize = layOut(layout, sizesKiB);
@@ -114,6 +114,8 @@ bool Handle::open(std::string_view name, const LevelSizes& sizesKiB) {
    numFormats_ = 0;
    nextSeq_ = 0;
    cursors_ = {};
+   locking_ = writers == Writers::anyThread;
+   writerThread_ = threadTag();
    return true;
 }
 

@@ -31,6 +31,11 @@ class FormatSite {
    std::uint32_t id_;
 };
 
+// Who writes through a handle. Records from several threads are serialised by a spin lock; a
+// handle that one thread writes, as an event-loop process's does, is spared the lock, and a write
+// from any other thread is an assertion.
+enum class Writers : std::uint8_t { anyThread, oneThread };
+
 class Handle {
  public:
    static constexpr std::uint32_t defaultMaxStringLen = 80;
@@ -43,7 +48,9 @@ class Handle {
    // Creates (or truncates) the file tracePath(name) and maps it, with one ring per level of
    // sizesKiB[level] KiB (0 disables the level). Returns false and stays closed when the file
    // cannot be created: tracing then goes nowhere. Reopening closes the current file first.
-   bool open(std::string_view name, const LevelSizes& sizesKiB);
+   // With Writers::oneThread, the thread that opens the handle is its one writer.
+   bool open(std::string_view name, const LevelSizes& sizesKiB,
+             Writers writers = Writers::anyThread);
    // Unmaps the file; no record may be in the middle of being written.
    void close();
    bool isOpen() const { return base_ != nullptr; }
@@ -74,16 +81,29 @@ class Handle {
    }
    void tailAdvance(unsigned level, std::uint64_t end);
    void lock() {
+      if (!locking_) {
+         BRIO_ASSERT(writerThread_ == threadTag());
+         return;
+      }
       while (lock_.test_and_set(std::memory_order_acquire)) {
       }
    }
-   void unlock() { lock_.clear(std::memory_order_release); }
+   void unlock() {
+      if (locking_) lock_.clear(std::memory_order_release);
+   }
+   // An address that differs between live threads, cheaper to get than a thread id.
+   static const void* threadTag() {
+      static thread_local const char tag = 0;
+      return &tag;
+   }
 
    char* base_ = nullptr;
    std::size_t mapSize_ = 0;
    std::string path_;
    std::atomic<std::uint32_t> maxStringLen_{defaultMaxStringLen};
    std::atomic_flag lock_;
+   bool locking_ = true;
+   const void* writerThread_ = nullptr;
    // Guarded by lock_.
    std::vector<std::uint32_t> siteFormats_;  // by site id; 0 unknown, noFormatRoom dropped
    std::uint32_t numFormats_ = 0;

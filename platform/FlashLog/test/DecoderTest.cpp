@@ -49,6 +49,31 @@ class DecoderTest : public ::testing::Test {
    std::string bytes = sampleFile(dir);
 };
 
+TEST_F(DecoderTest, MomentsPrintAsNanosecondsUpToTheirRecordAtTheFileClockRate) {
+   Handle h;
+   LevelSizes sizes{};
+   sizes[5] = 1;
+   ASSERT_TRUE(h.open("ticks.qt", sizes));
+   const std::uint64_t before = ticks();
+   FLASHLOG_H(h, 5, "took ns:", Since{before}, " later:", Since{~std::uint64_t{0}});
+   std::ifstream in(h.path(), std::ios::binary);
+   std::string timed(std::istreambuf_iterator<char>(in), {});
+   h.close();
+
+   // A clock that runs two nanoseconds per tick, from the moment the record was begun.
+   FileHeader header;
+   std::memcpy(&header, timed.data(), sizeof header);
+   header.clockFirst = {before, 5000000};
+   header.clockLast = {before + 1000, 5002000};
+   std::memcpy(timed.data(), &header, sizeof header);
+   const DecodedFile file = decode(timed);
+   ASSERT_EQ(file.records.size(), 1u);
+   const std::uint64_t tookNs = file.records[0].timeNs - 5000000;
+   EXPECT_GT(tookNs, 0u);
+   EXPECT_EQ(tookNs % 2, 0u);
+   EXPECT_EQ(file.records[0].text, "took ns:" + std::to_string(tookNs) + " later:0");
+}
+
 TEST_F(DecoderTest, SoundFilePrintsOneLinePerRecordNewestLast) {
    const DecodedFile file = decode(bytes);
    EXPECT_THAT(file.problems, IsEmpty());

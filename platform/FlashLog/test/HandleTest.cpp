@@ -241,6 +241,27 @@ TEST_F(HandleTest, ThreadsWritingTogetherLoseNothing) {
    }
 }
 
+TEST_F(HandleTest, OneWriterHandleRefusesOtherThreads) {
+   ASSERT_TRUE(handle.open("one.qt", productSizes, Writers::oneThread));
+   for (int i = 0; i < 3; ++i) FLASHLOG_H(handle, 1, "mine ", i);
+   Brio::ScopedThrowingAsserts throwing;
+   std::string failure;
+   std::thread([&] {
+      try {
+         FLASHLOG_H(handle, 1, "theirs");
+      } catch (const Brio::AssertionFailure& e) {
+         failure = e.what();
+      }
+   }).join();
+   EXPECT_THAT(failure, HasSubstr("writerThread_ == threadTag()"));
+   EXPECT_THAT(texts(decodeFile(handle.path())), ElementsAre("mine 0", "mine 1", "mine 2"));
+
+   // Reopened for any thread, the handle takes records from others again.
+   ASSERT_TRUE(handle.open("any.qt", productSizes));
+   std::thread([&] { FLASHLOG_H(handle, 1, "theirs"); }).join();
+   EXPECT_THAT(texts(decodeFile(handle.path())), ElementsAre("theirs"));
+}
+
 TEST_F(HandleTest, RecordsSurviveTheProcessBeingKilled) {
    const std::string path = tracePath("killed.qt");
    const pid_t child = fork();
