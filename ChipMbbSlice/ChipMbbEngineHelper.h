@@ -263,9 +263,10 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
 #undef CHIP_MBB_HELPER_QUEUE
 
  private:
-   // Every operation changes several attributes, and mostly nobody listens.
+   // Every operation changes several attributes, and mostly nobody listens: the check is inlined
+   // into each setter.
    template <class... Params, class... Args>
-   void notify(void (Notifiee::*reactor)(Params...), const Args&... args) {
+   [[gnu::always_inline]] void notify(void (Notifiee::*reactor)(Params...), const Args&... args) {
       if (!notifieeList().empty()) [[unlikely]]
          notifyAll(reactor, args...);
    }

@@ -25,7 +25,8 @@ void initQt() {
    if (FlashLog::disabledByEnv()) return;
    handle.maxStringLenIs(80);
    FlashLog::LevelSizes sizes{64, 64, 64, 64, 64, 64, 64, 64, 64, 16384};
-   handle.open(qtFileName(), sizes);
+   // Everything of the slice runs on the agent's one thread, so records need no lock.
+   handle.open(qtFileName(), sizes, FlashLog::Writers::oneThread);
 }
 
 std::uint32_t getNextQtId() {
