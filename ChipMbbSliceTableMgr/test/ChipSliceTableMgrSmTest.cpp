@@ -17,6 +17,10 @@ namespace {
 using ::testing::ElementsAre;
 
 // One decision of the manager: what happens, and what it must leave behind.
+// A case names only the fields it checks; g++ 12 warns about the others although they are
+// value-initialised as the language says.
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
 struct DecisionCase {
    std::string name;
    std::function<void(World&)> run;
@@ -315,8 +319,10 @@ TEST(ChipSliceTableMgrSmTest, DecisionSteps) {
          if (text.starts_with("1:")) text = std::to_string(firstQtId) + text.substr(1);
          EXPECT_TRUE(hasRecord(text)) << text;
       }
-      if (c.assertion.empty()) EXPECT_EQ(w.running(), c.running);
-      if (c.check && c.assertion.empty()) c.check(w);
+      if (c.assertion.empty()) {
+         EXPECT_EQ(w.running(), c.running);
+         if (c.check) c.check(w);
+      }
    }
 }
 
