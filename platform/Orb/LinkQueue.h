@@ -2,8 +2,8 @@
 
 #include <algorithm>
 #include <cstdint>
-#include <deque>
 #include <utility>
+#include <vector>
 
 #include "Brio/Brio.h"
 
@@ -26,18 +26,18 @@ class LinkQueue {
  public:
    using Element = std::pair<std::uint32_t, T>;
 
-   bool empty() const { return elements_.empty(); }
-   std::size_t size() const { return elements_.size(); }
+   bool empty() const { return head_ == elements_.size(); }
+   std::size_t size() const { return elements_.size() - head_; }
    LinkQueueMetadata metadata() const { return metadata_; }
    void metadataIs(LinkQueueMetadata metadata) { metadata_ = metadata; }
 
    // Appends and returns the element's index; throws Brio::RangeException when full.
    std::uint32_t enq(T value) {
       std::uint32_t index = metadata_.next;
-      if (!elements_.empty()) {
+      if (!empty()) {
          std::uint32_t afterTail = elements_.back().first + 1;
          if (offset(afterTail) > offset(index)) index = afterTail;
-         if (static_cast<std::uint32_t>(index + 1) == elements_.front().first) {
+         if (static_cast<std::uint32_t>(index + 1) == elements_[head_].first) {
             throw Brio::RangeException("linkqueue index space full");
          }
       } else {
@@ -49,14 +49,21 @@ class LinkQueue {
    }
 
    T deq() {
-      if (elements_.empty()) return T{};
-      T value = std::move(elements_.front().second);
-      elements_.pop_front();
+      if (empty()) return T{};
+      T value = std::move(elements_[head_].second);
+      ++head_;
+      if (empty()) {
+         elements_.clear();
+         head_ = 0;
+      } else if (head_ >= compactAfter && head_ * 2 >= elements_.size()) {
+         elements_.erase(elements_.begin(), live());
+         head_ = 0;
+      }
       refreshHead();
       return value;
    }
 
-   const T* front() const { return elements_.empty() ? nullptr : &elements_.front().second; }
+   const T* front() const { return empty() ? nullptr : &elements_[head_].second; }
 
    T at(std::uint32_t index) const {
       auto it = find(index);
@@ -69,7 +76,7 @@ class LinkQueue {
          it->second = std::move(value);
          return;
       }
-      auto pos = std::find_if(elements_.begin(), elements_.end(),
+      auto pos = std::find_if(live(), elements_.end(),
                               [&](const Element& e) { return offset(e.first) > offset(index); });
       elements_.emplace(pos, index, std::move(value));
       if (offset(index + 1) > offset(metadata_.next)) metadata_.next = index + 1;
@@ -86,33 +93,42 @@ class LinkQueue {
 
    void delAll() {
       elements_.clear();
+      head_ = 0;
       refreshHead();
    }
 
-   auto begin() const { return elements_.begin(); }
+   auto begin() const { return live(); }
    auto end() const { return elements_.end(); }
 
  private:
+   // Taken elements stay in the vector until the queue empties or they are the larger part, so
+   // that a queue which fills and drains, as a batch does, never allocates once warm.
+   static constexpr std::size_t compactAfter = 64;
+
+   using Iterator = typename std::vector<Element>::iterator;
+   using ConstIterator = typename std::vector<Element>::const_iterator;
+   Iterator live() { return elements_.begin() + static_cast<std::ptrdiff_t>(head_); }
+   ConstIterator live() const { return elements_.begin() + static_cast<std::ptrdiff_t>(head_); }
+
    // Position of an index in the queue's order, counted from the head.
    std::uint32_t offset(std::uint32_t index) const {
-      std::uint32_t head = elements_.empty() ? metadata_.head : elements_.front().first;
+      std::uint32_t head = empty() ? metadata_.head : elements_[head_].first;
       return index - head;
    }
 
-   typename std::deque<Element>::iterator find(std::uint32_t index) {
-      return std::find_if(elements_.begin(), elements_.end(),
+   Iterator find(std::uint32_t index) {
+      return std::find_if(live(), elements_.end(),
                           [&](const Element& e) { return e.first == index; });
    }
-   typename std::deque<Element>::const_iterator find(std::uint32_t index) const {
-      return std::find_if(elements_.begin(), elements_.end(),
+   ConstIterator find(std::uint32_t index) const {
+      return std::find_if(live(), elements_.end(),
                           [&](const Element& e) { return e.first == index; });
    }
 
-   void refreshHead() {
-      metadata_.head = elements_.empty() ? metadata_.next : elements_.front().first;
-   }
+   void refreshHead() { metadata_.head = empty() ? metadata_.next : elements_[head_].first; }
 
-   std::deque<Element> elements_;
+   std::vector<Element> elements_;
+   std::size_t head_ = 0;
    LinkQueueMetadata metadata_;
 };
 

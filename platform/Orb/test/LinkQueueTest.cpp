@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <vector>
+
 #include "Orb/Orb.h"
 
 namespace {
@@ -31,6 +34,35 @@ TEST(OrbLinkQueue, FifoWithGrowingIndices) {
    q.delAll();
    EXPECT_TRUE(q.empty());
    EXPECT_EQ(q.metadata(), (Orb::LinkQueueMetadata{11, 11}));
+}
+
+TEST(OrbLinkQueue, LongQueuesKeepOrderAndIndicesAcrossTakes) {
+   // Taken elements are dropped in bulk now and then; nothing seen from outside may move.
+   Orb::LinkQueue<int> q;
+   for (int i = 0; i < 300; ++i) q.enq(i);
+   for (int i = 0; i < 250; ++i) ASSERT_EQ(q.deq(), i);
+   EXPECT_EQ(q.size(), 50u);
+   EXPECT_EQ(q.metadata(), (Orb::LinkQueueMetadata{250, 300}));
+   EXPECT_EQ(q.at(249), 0);
+   EXPECT_EQ(q.at(260), 260);
+   EXPECT_EQ(*q.front(), 250);
+   EXPECT_TRUE(q.del(260));
+   q.is(260, -260);
+   q.is(400, 400);
+   for (int i = 0; i < 20; ++i) q.enq(1000 + i);
+   std::vector<std::uint32_t> indices;
+   for (const auto& [index, value] : q) indices.push_back(index);
+   ASSERT_EQ(indices.size(), 71u);
+   EXPECT_EQ(indices.front(), 250u);
+   EXPECT_EQ(indices[50], 400u);
+   EXPECT_EQ(indices.back(), 420u);
+   EXPECT_TRUE(std::is_sorted(indices.begin(), indices.end()));
+   EXPECT_EQ(q.at(260), -260);
+   int last = 0;
+   while (!q.empty()) last = q.deq();
+   EXPECT_EQ(last, 1019);
+   EXPECT_EQ(q.metadata(), (Orb::LinkQueueMetadata{421, 421}));
+   EXPECT_EQ(q.enq(7), 421u);
 }
 
 TEST(OrbLinkQueue, IndexSpaceFullRefusesAndChangesNothing) {
