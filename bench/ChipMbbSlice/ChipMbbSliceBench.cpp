@@ -20,8 +20,11 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
+#include <memory>
+#include <string>
 #include <vector>
 
+#include "Atlas/EntityManager.h"
 #include "ChipMbbSlice/ChipMbbSlice.h"
 #include "ChipSdk/ChipSdk.h"
 #include "FlashLog/FlashLog.h"
@@ -65,11 +68,24 @@ std::vector<EntryConfig> entries(std::uint32_t first) {
    return result;
 }
 
-Orb::Ptr<TableStatus> statusTableNew(const std::string& name) {
-   auto status = Vault::MbbEngine::tableStatusFactory(name);
-   status->mountedIs(true);
-   return status;
-}
+// Where the status tables live: in this process, as in test mode, or in shared memory, mounted
+// for writing as an agent mounts them.
+class StatusTables {
+ public:
+   explicit StatusTables(const std::string& shmRoot) {
+      if (!shmRoot.empty()) manager_ = std::make_unique<Atlas::EntityManager>(shmRoot);
+   }
+   const char* where() const { return manager_ ? "shared memory" : "process memory"; }
+   Orb::Ptr<TableStatus> tableNew(const std::string& name) {
+      if (manager_) return manager_->mount<TableStatus>(name, Atlas::MountMode::writer, chunk);
+      auto status = Vault::MbbEngine::tableStatusFactory(name);
+      status->mountedIs(true);
+      return status;
+   }
+
+ private:
+   std::unique_ptr<Atlas::EntityManager> manager_;
+};
 
 // Empties the chip's table and the status table between chunks, outside the measured time, so
 // that every measured add is an insert.
@@ -146,15 +162,20 @@ struct Medians {
 };
 
 struct Loops {
+   explicit Loops(StatusTables& tables)
+       : bareStatus(tables.tableNew("bare-status")),
+         floorStatus(tables.tableNew("floor-status")),
+         helper(Orb::ptrNew<ChipMbbSlice::ChipMbbEngineHelper>(
+             "bench", tables.tableNew("helper-status"), nullptr, nullptr, nullptr, 1, tblHdl, 0, 0,
+             tableSize, false, 1)) {
+      helper->devTgtIs({0, P4_PD_PIPE_ALL});
+   }
    std::vector<EntryConfig> bareEntries = entries(0);
    std::vector<EntryConfig> floorEntries = entries(chunk);
    std::vector<EntryConfig> helperEntries = entries(2 * chunk);
-   Orb::Ptr<TableStatus> bareStatus = statusTableNew("bare-status");
-   Orb::Ptr<TableStatus> floorStatus = statusTableNew("floor-status");
-   Orb::Ptr<ChipMbbSlice::ChipMbbEngineHelper> helper =
-       Orb::ptrNew<ChipMbbSlice::ChipMbbEngineHelper>("bench", statusTableNew("helper-status"),
-                                                      nullptr, nullptr, nullptr, 1, tblHdl, 0, 0,
-                                                      tableSize, false, 1);
+   Orb::Ptr<TableStatus> bareStatus;
+   Orb::Ptr<TableStatus> floorStatus;
+   Orb::Ptr<ChipMbbSlice::ChipMbbEngineHelper> helper;
 };
 
 Medians measure(Loops& loops) {
@@ -205,30 +226,35 @@ int main() {
    profile.tables = {{"bench", tblHdl, ChipSdk::TableKind::mat, tableSize, 0, 0, 0}};
    ChipSdk::chipModelIs(profile);
 
-   Loops loops;
-   loops.helper->devTgtIs({0, P4_PD_PIPE_ALL});
-
-   const Medians traced = measure(loops);
-   std::printf("figure: bare chip-model commit + status write per MAT add, median = %.0f ns\n",
-               traced.bareNs);
-   std::printf(
-       "figure: floor (bare + data copy + the three trace records) per MAT add, median = %.0f "
-       "ns\n",
-       traced.floorNs);
-   std::printf("figure: helper + chip model + status write per MAT add, median = %.0f ns\n",
-               traced.helperNs);
-   std::printf("figure: floor / bare per MAT add, median of %d rounds = %.2f\n", rounds,
-               traced.floorRatio);
-   std::printf(
-       "figure: helper / bare per MAT add, median of %d rounds = %.2f (target <= %.1f) %s\n",
-       rounds, traced.helperRatio, target, traced.helperRatio <= target ? "ok" : "NOT MET");
+   StatusTables inProcess("");
+   StatusTables inShm("slice-bench-" + std::to_string(getpid()));
+   Loops heapLoops(inProcess);
+   Loops shmLoops(inShm);
+   for (Loops* loops : {&heapLoops, &shmLoops}) {
+      const Medians traced = measure(*loops);
+      const char* where = loops == &heapLoops ? inProcess.where() : inShm.where();
+      std::printf("status tables in %s:\n", where);
+      std::printf("figure: bare chip-model commit + status write per MAT add, median = %.0f ns\n",
+                  traced.bareNs);
+      std::printf(
+          "figure: floor (bare + data copy + the three trace records) per MAT add, median = %.0f "
+          "ns\n",
+          traced.floorNs);
+      std::printf("figure: helper + chip model + status write per MAT add, median = %.0f ns\n",
+                  traced.helperNs);
+      std::printf("figure: floor / bare per MAT add, median of %d rounds = %.2f\n", rounds,
+                  traced.floorRatio);
+      std::printf(
+          "figure: helper / bare per MAT add, median of %d rounds = %.2f (target <= %.1f) %s\n",
+          rounds, traced.helperRatio, target, traced.helperRatio <= target ? "ok" : "NOT MET");
+   }
 
    // Where the difference goes: the same again with the trace file closed.
    FlashLog::defaultHandle().close();
-   const Medians untraced = measure(loops);
+   const Medians untraced = measure(heapLoops);
    std::printf(
-       "figure: without trace file, floor / bare = %.2f, helper / bare = %.2f (helper %.0f ns, "
-       "bare %.0f ns; for reference)\n",
+       "figure: status tables in process memory, without trace file, floor / bare = %.2f, "
+       "helper / bare = %.2f (helper %.0f ns, bare %.0f ns; for reference)\n",
        untraced.floorRatio, untraced.helperRatio, untraced.helperNs, untraced.bareNs);
 
    std::filesystem::remove_all(dir);
