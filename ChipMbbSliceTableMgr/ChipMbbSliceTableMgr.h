@@ -7,4 +7,3 @@
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
-#include "ChipMbbSliceTableMgr/TableAuditRegistry.h"

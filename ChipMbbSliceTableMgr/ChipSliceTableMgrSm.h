@@ -7,9 +7,9 @@
 
 #include "Atlas/EntityManager.h"
 #include "ChipMbbShared/MountInfo.h"
+#include "ChipMbbSlice/TableAuditRegistry.h"
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
-#include "ChipMbbSliceTableMgr/TableAuditRegistry.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngineFlushStatus.h"
 #include "MbbEngine/MbbEngineSm.h"

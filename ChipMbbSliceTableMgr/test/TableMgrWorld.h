@@ -72,11 +72,18 @@ inline Vault::MbbEngine::EntryConfig matEntry(std::uint64_t key, std::uint64_t o
 class RecordingAuditMgr : public TableAuditRegistry {
  public:
    void addTable(const TableConfigMountKey& key,
-                 const Orb::Ptr<MbbEngine::MbbEngineSm>& engine) override {
+                 const Orb::WeakPtr<MbbEngine::MbbEngineSm>& engine) override {
       calls.push_back("add " + key.name());
       engines.push_back(engine);
    }
    void delTable(const TableConfigMountKey& key) override { calls.push_back("del " + key.name()); }
+   void addMatAdtSelTable(const TableConfigMountKey& key,
+                          const Orb::WeakPtr<MatAdtSelSm>&) override {
+      calls.push_back("add triple " + key.name());
+   }
+   void delMatAdtSelTable(const TableConfigMountKey& key) override {
+      calls.push_back("del triple " + key.name());
+   }
 
    std::vector<std::string> calls;
    std::vector<std::weak_ptr<MbbEngine::MbbEngineSm>> engines;

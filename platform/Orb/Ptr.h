@@ -10,6 +10,10 @@ namespace Orb {
 template <class T>
 using Ptr = std::shared_ptr<T>;
 
+// A reference that does not keep its object alive; lock() it to use the object while it lasts.
+template <class T>
+using WeakPtr = std::weak_ptr<T>;
+
 template <class T, class... Args>
 Ptr<T> ptrNew(Args&&... args) {
    return std::make_shared<T>(std::forward<Args>(args)...);
