@@ -13,7 +13,7 @@
 #include "ChipSdk/ChipSdk.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngine.h"
-#include "MbbEngine/test/ChipCommitHelper.h"
+#include "MbbEngine/testing/ChipCommitHelper.h"
 
 // End to end in one process: a publisher writes heap Vault tables, the engine sequences them,
 // a helper commits each operation to the chip model and writes the status. Beside each figure,

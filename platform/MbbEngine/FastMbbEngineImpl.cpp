@@ -6,7 +6,7 @@
 #include <limits>
 
 #include "Brio/Brio.h"
-#include "MbbEngine/Trace.h"
+#include "MbbEngine/detail/Trace.h"
 #include "Vault/Errors.h"
 
 namespace MbbEngine {

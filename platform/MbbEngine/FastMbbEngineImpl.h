@@ -6,9 +6,9 @@
 #include <string>
 #include <vector>
 
-#include "MbbEngine/CurrentEntries.h"
 #include "MbbEngine/MbbEngineImpl.h"
-#include "MbbEngine/PendingEntries.h"
+#include "MbbEngine/detail/CurrentEntries.h"
+#include "MbbEngine/detail/PendingEntries.h"
 
 namespace MbbEngine {
 

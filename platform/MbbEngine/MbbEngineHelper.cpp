@@ -1,6 +1,6 @@
 #include "MbbEngine/MbbEngineHelper.h"
 
-#include "MbbEngine/Trace.h"
+#include "MbbEngine/detail/Trace.h"
 #include "Vault/Errors.h"
 
 namespace MbbEngine {

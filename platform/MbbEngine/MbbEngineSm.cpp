@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "Brio/Brio.h"
-#include "MbbEngine/Trace.h"
+#include "MbbEngine/detail/Trace.h"
 #include "Orb/TypeRegistry.h"
 
 namespace MbbEngine {

@@ -10,7 +10,7 @@
 #include "ChipSdk/ChipSdk.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngine.h"
-#include "MbbEngine/test/ChipCommitHelper.h"
+#include "MbbEngine/testing/ChipCommitHelper.h"
 
 // The engine against the chip model under random churn: adds, modifies, moves (chains and
 // cycles), index swaps, handle changes and swaps, deletes, the default entry, and changes

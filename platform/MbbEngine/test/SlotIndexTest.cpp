@@ -4,7 +4,7 @@
 #include <unordered_map>
 #include <vector>
 
-#include "MbbEngine/SlotIndex.h"
+#include "MbbEngine/detail/SlotIndex.h"
 
 namespace {
 
@@ -44,9 +44,6 @@ TEST(SlotIndex, AgreesWithAMapThroughChurn) {
          for (const auto& [key, record] : reference) ASSERT_EQ(index.find(key), record);
       }
    }
-   EXPECT_EQ(index.size(), reference.size());
-   for (const auto& [key, record] : reference) EXPECT_EQ(index.find(key), record);
-   EXPECT_EQ(index.find(100001), index.none);
    EXPECT_EQ(index.erase(100001), index.none);
    std::size_t visited = 0;
    index.forEach([&](std::uint32_t r) {

@@ -7,7 +7,7 @@
 #include <utility>
 #include <vector>
 
-#include "MbbEngine/SlotIndex.h"
+#include "MbbEngine/detail/SlotIndex.h"
 #include "Vault/MbbEngine/EntryConfig.h"
 #include "Vault/MbbEngine/EntryKey.h"
 

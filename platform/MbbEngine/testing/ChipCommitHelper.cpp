@@ -1,4 +1,4 @@
-#include "MbbEngine/test/ChipCommitHelper.h"
+#include "MbbEngine/testing/ChipCommitHelper.h"
 
 #include <cstdio>
 

@@ -4,7 +4,7 @@
 #include <cstdint>
 #include <vector>
 
-#include "MbbEngine/SlotIndex.h"
+#include "MbbEngine/detail/SlotIndex.h"
 #include "Vault/MbbEngine/EntryKey.h"
 
 namespace MbbEngine {

@@ -1,4 +1,4 @@
-#include "MbbEngine/PendingEntries.h"
+#include "MbbEngine/detail/PendingEntries.h"
 
 #include <algorithm>
 

@@ -1,4 +1,4 @@
-#include "MbbEngine/CurrentEntries.h"
+#include "MbbEngine/detail/CurrentEntries.h"
 
 #include <algorithm>
 
