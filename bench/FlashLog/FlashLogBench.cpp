@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "FlashLog/FlashLog.h"
+#include "FlashLog/TraceClock.h"
 
 namespace {
 

@@ -15,7 +15,7 @@
 #include <vector>
 
 #include "FlashLog/DualLog.h"
-#include "FlashLog/DualLogRegistry.h"
+#include "FlashLog/detail/DualLogRegistry.h"
 
 namespace DualLog {
 

@@ -12,7 +12,7 @@
 #include <sstream>
 #include <string>
 
-#include "FlashLog/FileLayout.h"
+#include "FlashLog/detail/FileLayout.h"
 
 namespace FlashLog {
 

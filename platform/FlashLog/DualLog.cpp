@@ -11,7 +11,7 @@
 #include <vector>
 
 #include "FlashLog/Decoder.h"
-#include "FlashLog/DualLogRegistry.h"
+#include "FlashLog/detail/DualLogRegistry.h"
 
 namespace DualLog {
 

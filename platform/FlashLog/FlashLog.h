@@ -9,9 +9,10 @@
 // other argument is a value whose raw bytes go into the record; the decoder (FlashLog/Decoder.h
 // and tools/flashlogdecode) turns records back into text. A closed handle costs one branch.
 
-#include "FlashLog/BlockTimer.h"
 #include "FlashLog/DualLog.h"
 #include "FlashLog/Handle.h"
+#include "FlashLog/Types.h"
+#include "FlashLog/detail/BlockTimer.h"
 
 #define FLASHLOG_H(handle, level, ...)                               \
    do {                                                              \

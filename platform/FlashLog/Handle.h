@@ -12,8 +12,9 @@
 #include <vector>
 
 #include "Brio/Brio.h"
-#include "FlashLog/ArgCodec.h"
-#include "FlashLog/FileLayout.h"
+#include "FlashLog/Types.h"
+#include "FlashLog/detail/ArgCodec.h"
+#include "FlashLog/detail/FileLayout.h"
 
 namespace FlashLog {
 

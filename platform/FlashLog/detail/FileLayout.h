@@ -14,14 +14,12 @@
 #include <cstdint>
 
 #include "FlashLog/TraceClock.h"
+#include "FlashLog/Types.h"
 
 namespace FlashLog {
 
-constexpr int numLevels = 10;
-
 // Ring sizes are given in KiB.
 constexpr std::uint64_t sizeUnit = 1024;
-using LevelSizes = std::array<std::uint32_t, numLevels>;
 
 constexpr std::array<char, 8> fileMagic = {'F', 'L', 'S', 'H', 'L', 'O', 'G', '1'};
 constexpr std::uint32_t fileVersion = 2;

@@ -6,9 +6,9 @@
 
 #include <cstdint>
 
-#include "FlashLog/ArgCodec.h"
 #include "FlashLog/Handle.h"
 #include "FlashLog/TraceClock.h"
+#include "FlashLog/detail/ArgCodec.h"
 
 namespace FlashLog {
 

@@ -10,19 +10,10 @@
 #include <string_view>
 #include <type_traits>
 
-#include "FlashLog/FileLayout.h"
+#include "FlashLog/Types.h"
+#include "FlashLog/detail/FileLayout.h"
 
 namespace FlashLog {
-
-// Wraps an integer so that the decoder prints it in hexadecimal ("0x1f").
-struct Hex {
-   std::uint64_t value;
-};
-template <class T>
-requires std::is_integral_v<T> || std::is_enum_v<T>
-constexpr Hex hex(T v) {
-   return Hex{static_cast<std::uint64_t>(v)};
-}
 
 // A moment in ticks of the record clock (see TraceClock.h); the decoder prints the nanoseconds
 // from it to the time of the record that carries it. A duration that ends with its record thus
