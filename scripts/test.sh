@@ -1,11 +1,13 @@
 #!/usr/bin/env bash
-# Installs what is missing, builds everything and runs every test: the unit tests under
-# AddressSanitizer and UndefinedBehaviorSanitizer, then a Release build of the benchmarks and
-# tools so that they keep compiling.
+# Installs what is missing, checks that no module includes another's detail/ headers, builds
+# everything and runs every test: the unit tests under AddressSanitizer and
+# UndefinedBehaviorSanitizer, then a Release build of the benchmarks and tools so that they keep
+# compiling.
 set -euo pipefail
 cd "$(dirname "$0")/.."
 scripts/install-deps.sh
 jobs="${JOBS:-2}"
+scripts/check-structure.sh
 
 cmake -S . -B build/asan -G Ninja -DCMAKE_BUILD_TYPE=RelWithDebInfo -DCHIP_SANITIZE=ON
 cmake --build build/asan -j"$jobs"
