@@ -54,20 +54,6 @@ TEST(KeelEventLoop, ReadableDescriptorsCallTheirHandlersUntilRemoved) {
    EXPECT_EQ(loop.runOnce(5.0), 1u);
    EXPECT_EQ(log, (std::vector<std::string>{"a"}));
 
-   // Replacing the handler keeps the registration; removal stops deliveries.
-   loop.fdReadHandlerIs(a.readFd(), [&] {
-      a.drain();
-      log.push_back("a2");
-      loop.fdReadHandlerDel(a.readFd());
-   });
-   a.send();
-   a.send();
-   EXPECT_EQ(loop.runOnce(5.0), 1u);
-   EXPECT_FALSE(loop.fdReadHandler(a.readFd()));
-   EXPECT_EQ(loop.runOnce(0), 0u);
-   EXPECT_EQ(log.back(), "a2");
-   a.drain();
-
    // Whichever of two readable descriptors goes first removes the other.
    int ran = 0;
    loop.fdReadHandlerIs(a.readFd(), [&] {
@@ -154,28 +140,16 @@ TEST(KeelEventLoop, RealTimerWakesTheLoopAfterItsExpiry) {
 TEST(KeelEventLoop, StopEndsRunFromACallbackOrAnotherThread) {
    auto source = Orb::ptrNew<Orb::RealTimeSource>();
    EventLoop loop(source);
-   int fires = 0;
-   LambdaTimer timer(&loop.timerWheel(), [&] {
-      if (++fires < 3) {
-         timer.timeMinIs(source->now());
-      } else {
-         loop.stop();
-      }
-   });
-   timer.timeMinIs(source->now());
+   LambdaTimer timer(&loop.timerWheel(), [&] { loop.stop(); });
+   timer.timeMinIs(source->now() + 0.001);
    loop.run();
-   EXPECT_EQ(fires, 3);
+   EXPECT_FALSE(timer.armed());
 
-   // Nothing armed: the loop sleeps until woken from elsewhere.
-   std::thread waker([&] {
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      loop.wake();
-      std::this_thread::sleep_for(std::chrono::milliseconds(20));
-      loop.stop();
-   });
+   // Nothing armed: only a wake-up or a stop from another thread ends the wait.
+   std::thread([&] { loop.wake(); }).join();
    EXPECT_EQ(loop.runOnce(kInfinity), 0u);
+   std::thread([&] { loop.stop(); }).join();
    loop.run();
-   waker.join();
 }
 
 }  // namespace
