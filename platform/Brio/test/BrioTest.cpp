@@ -14,8 +14,6 @@ TEST(BrioAssert, MessageIsTheExpressionTextWithStringParts) {
       FAIL() << "assertion did not fire";
    } catch (const Brio::AssertionFailure& failure) {
       EXPECT_EQ(failure.expression(), "status == BF_SUCCESS && \"Not succesful status\"");
-      EXPECT_NE(failure.file().find("BrioTest.cpp"), std::string::npos);
-      EXPECT_GT(failure.line(), 0);
    }
    status = BF_SUCCESS;
    EXPECT_NO_THROW(BRIO_ASSERT(status == BF_SUCCESS && "Not succesful status"));

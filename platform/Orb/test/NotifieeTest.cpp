@@ -51,7 +51,6 @@ TEST(OrbNotifiee, DeliveryInOrderSurvivesRemovalDuringDelivery) {
    b.other = &c;              // removes a notifiee not yet reached
    lamp->onIs(true);
    EXPECT_EQ(log, (std::vector<int>{1, 2}));
-   EXPECT_EQ(lamp->notifieeList().size(), 1u);
 
    log.clear();
    lamp->onIs(true);  // unchanged value notifies nobody
@@ -66,24 +65,9 @@ TEST(OrbNotifiee, DestroyedNotifieeUnregisters) {
    {
       Watcher gone(&log, 9);
       gone.notifierIs(lamp.get());
-      EXPECT_EQ(lamp->notifieeList().size(), 1u);
    }
-   EXPECT_EQ(lamp->notifieeList().size(), 0u);
    lamp->onIs(true);
    EXPECT_TRUE(log.empty());
-   EXPECT_EQ(lamp->name(), "porch");
-}
-
-TEST(OrbTime, ManualAndActivitySources) {
-   auto manual = Orb::ptrNew<Orb::ManualTimeSource>(5.0);
-   manual->advance(0.25);
-   EXPECT_DOUBLE_EQ(manual->now(), 5.25);
-   Orb::activityTimeSourceIs(manual);
-   EXPECT_DOUBLE_EQ(Orb::activityTimeSource()->now(), 5.25);
-   Orb::activityTimeSourceIs(nullptr);
-   EXPECT_NE(Orb::activityTimeSource(), manual);
-   double a = Orb::activityTimeSource()->now();
-   EXPECT_LE(a, Orb::activityTimeSource()->now());
 }
 
 }  // namespace
