@@ -8,7 +8,7 @@
 #include "Brio/Brio.h"
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
 #include "ChipMbbSlice/TraceSetup.h"
-#include "ChipSdk/ChipModel.h"
+#include "ChipSdk/OpKind.h"
 #include "ChipSdk/PlcmtApi.h"
 #include "HwPd/ChipId.h"
 #include "MbbEngine/FastMbbEngineAtcamImpl.h"
@@ -53,7 +53,8 @@ ChipSliceTableMgrSm::ChipSliceTableMgrSm(
     Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfoDir,
     Orb::Ptr<Atlas::EntityManager> entityManager, std::uint32_t supportedDevices,
     std::uint32_t sessHdl, Orb::Seconds syncGenTime, Orb::Ptr<Keel::TimerWheel> timerWheel,
-    Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus, Orb::Ptr<MountConfig> mountConfig)
+    Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus, Orb::Ptr<MountConfig> mountConfig,
+    Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf)
     : Entity(tableMountInfoDir ? tableMountInfoDir->name() : std::string()),
       tableMountInfoDir_(std::move(tableMountInfoDir)),
       entityManager_(std::move(entityManager)),
@@ -63,12 +64,14 @@ ChipSliceTableMgrSm::ChipSliceTableMgrSm(
       timerWheel_(std::move(timerWheel)),
       flushStatus_(std::move(flushStatus)),
       mountConfig_(std::move(mountConfig)),
+      resourceInfoIntf_(std::move(resourceInfoIntf)),
       mountInfoReactor_(this),
       mountConfigReactor_(this) {
    if (!tableMountInfoDir_) Orb::throwNullParameter("tableMountInfoDir", mgrType);
    if (!timerWheel_) Orb::throwNullParameter("timerWheel", mgrType);
    if (!flushStatus_) Orb::throwNullParameter("flushStatus", mgrType);
    if (!mountConfig_) Orb::throwNullParameter("mountConfig", mgrType);
+   if (!resourceInfoIntf_) Orb::throwNullParameter("resourceInfoIntf", mgrType);
    mountInfoReactor_.notifierIs(tableMountInfoDir_.get());
    mountConfigReactor_.notifierIs(mountConfig_.get());
    handleInitialized();
@@ -316,8 +319,8 @@ bool ChipSliceTableMgrSm::currentAnnouncement(const Key& key, const MountEntry& 
 // A published size the chip cannot hold, or a handle that is no match table of the chip, is
 // the publisher's mistake: the table is left out, the others go on.
 bool ChipSliceTableMgrSm::fitsChip(const Key& key, const MountEntry& entry) const {
-   const ChipSdk::TableProfile* table = ChipSdk::chipModel().tableProfile(key.tableId());
-   if (!table || table->kind != ChipSdk::TableKind::mat) {
+   const HwResourceInfo::HwResource table = resourceInfoIntf_->hwResourceByHandle(key.tableId());
+   if (!table.known() || table.kind != ChipSdk::TableKind::mat) {
       DUALLOG(sliceLog, badEntryLevel,
               "skipping " << key.name() << ": no match table with hdl:0x" << std::hex
                           << key.tableId() << " on the chip");
@@ -325,12 +328,12 @@ bool ChipSliceTableMgrSm::fitsChip(const Key& key, const MountEntry& entry) cons
                " hdl:", FlashLog::hex(key.tableId()));
       return false;
    }
-   if (entry.tableSize() == 0 || entry.tableSize() > table->size) {
+   if (entry.tableSize() == 0 || entry.tableSize() > table.size) {
       DUALLOG(sliceLog, badEntryLevel,
               "skipping " << key.name() << ": tableSize " << entry.tableSize()
-                          << " does not fit the chip's " << table->size);
+                          << " does not fit the chip's " << table.size);
       FLASHLOG(badEntryLevel, 0u, ":skipping bad size:", recordName(key.name()),
-               " tableSize:", entry.tableSize(), " chipSize:", table->size);
+               " tableSize:", entry.tableSize(), " chipSize:", table.size);
       return false;
    }
    return true;

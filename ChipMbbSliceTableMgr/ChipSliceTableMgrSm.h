@@ -10,6 +10,7 @@
 #include "ChipMbbSlice/TableAuditRegistry.h"
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
+#include "HwPd/HwResourceInfo.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngineFlushStatus.h"
 #include "MbbEngine/MbbEngineSm.h"
@@ -23,7 +24,8 @@ namespace ChipMbbSlice {
 // Serves one feature agent's published single match tables. Every announcement in the
 // mount-info collection is checked (device, publisher instance, generation times, enabled);
 // a current one gets its configuration and status collections mounted, its entry scope set in
-// the SDK, a placement helper and an engine, and is registered with the audit. A table that
+// the SDK, a placement helper and an engine, and is registered with the audit. The chip's
+// resources say which published tables the chip can hold. A table that
 // is unpublished while running is torn down again, but only when an operator allowed it.
 //
 // Without an entity manager the manager runs in test mode: collections are made in this
@@ -58,7 +60,8 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
                        std::uint32_t sessHdl, Orb::Seconds syncGenTime,
                        Orb::Ptr<Keel::TimerWheel> timerWheel,
                        Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus,
-                       Orb::Ptr<MountConfig> mountConfig);
+                       Orb::Ptr<MountConfig> mountConfig,
+                       Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf);
    ~ChipSliceTableMgrSm() override;
 
    Orb::Ptr<const ChipMbbShared::TableConfigMountInfo> tableMountInfoDir() const {
@@ -72,6 +75,9 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
    Orb::Ptr<const Keel::TimerWheel> timerWheel() const { return timerWheel_; }
    const Orb::Ptr<MbbEngine::MbbEngineFlushStatus>& flushStatus() const { return flushStatus_; }
    Orb::Ptr<const MountConfig> mountConfig() const { return mountConfig_; }
+   const Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf>& resourceInfoIntf() const {
+      return resourceInfoIntf_;
+   }
 
    // Running engines. A null engine is refused with Brio::RangeException.
    Orb::Ptr<MbbEngine::MbbEngineSm> mbbEngineSm(const Key& key) const;
@@ -183,6 +189,7 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
    Orb::Ptr<Keel::TimerWheel> timerWheel_;
    Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus_;
    Orb::Ptr<MountConfig> mountConfig_;
+   Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf_;
    std::uint16_t maxPublishedInstanceId_ = 0;
    bool allowUnmount_ = false;
    Orb::Ptr<TableAuditRegistry> tableAuditMgrSm_;

@@ -7,7 +7,7 @@
 
 #include "Brio/Brio.h"
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
-#include "ChipSdk/ChipModel.h"
+#include "ChipModel/ModelResourceInfo.h"
 #include "Vault/Errors.h"
 
 namespace SliceSystem {
@@ -29,8 +29,8 @@ void countHelperOps(const ChipMbbSlice::ChipMbbEngineHelper& helper, HostCounter
    c.numMatClrDfltOps += helper.numMatClrDfltOps();
 }
 
-std::uint64_t chipEntries(std::uint8_t devId, std::uint32_t tableId) {
-   const ChipSdk::MatTable* table = ChipSdk::chipModel().matTable(devId, tableId);
+std::uint64_t chipEntries(const ChipModel::Chip& chip, std::uint8_t devId, std::uint32_t tableId) {
+   const ChipModel::MatTable* table = chip.matTable(devId, tableId);
    if (!table) return 0;
    std::uint64_t n = 0;
    for (std::uint16_t i = 0; i < table->numInstances(); ++i) n += table->numEntries(i);
@@ -42,12 +42,12 @@ std::uint64_t chipEntries(std::uint8_t devId, std::uint32_t tableId) {
 AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
     : loop_(loop),
       options_(std::move(options)),
+      chip_(options_.profile),
       timerWheel_(sliceTimerWheelNew()),
       mountConfig_(Orb::ptrNew<ChipMbbSlice::MountConfig>(options_.mountMode)),
       flushStatus_(Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flushStatus")),
       countersTimer_(timerWheel_.get(), options_.countersPeriod, [this] { countersWrite(); }),
       probeTimer_(timerWheel_.get(), options_.probePeriod, [this] { handlePublicationProbe(); }) {
-   ChipSdk::chipModelIs(options_.profile);
    loop_.timerWheelAdd(timerWheel_.get());
    if (options_.root.empty()) {
       countersTable_ = Vault::localTableNew<HostCountersTable>(options_.countersPath);
@@ -83,7 +83,8 @@ void AgentHost::log(const std::string& line) const {
 void AgentHost::tableMgrNew() {
    tableMgr_ = Orb::ptrNew<ChipMbbSlice::ChipSliceTableMgrSm>(
        tableMountInfo_, entityManager_, options_.supportedDevices, options_.sessHdl,
-       options_.syncGenTime, timerWheel_, flushStatus_, mountConfig_);
+       options_.syncGenTime, timerWheel_, flushStatus_, mountConfig_,
+       ChipModel::modelResourceInfoNew(chip_.profile()));
    // A publisher may withdraw a table; the host then takes it down instead of stopping.
    tableMgr_->allowUnmountIs(true);
    ++publications_;
@@ -160,7 +161,7 @@ HostCounters AgentHost::counters() const {
    c.pid = static_cast<std::uint32_t>(::getpid());
    c.publications = publications_;
    c.numHandlerFailures = numHandlerFailures_;
-   c.numViolations = ChipSdk::chipModel().numViolations();
+   c.numViolations = chip_.numViolations();
    if (tableMountInfo_) c.tablesPublished = static_cast<std::uint32_t>(tableMountInfo_->size());
    if (!tableMgr_) return c;
    std::set<std::pair<std::uint8_t, std::uint32_t>> chipTables;
@@ -173,7 +174,7 @@ HostCounters AgentHost::counters() const {
       if (helper) countHelperOps(*helper, c);
       chipTables.insert({key.devTgt().devId, key.tableId()});
    }
-   for (const auto& [devId, tableId] : chipTables) c.entries += chipEntries(devId, tableId);
+   for (const auto& [devId, tableId] : chipTables) c.entries += chipEntries(chip_, devId, tableId);
    return c;
 }
 

@@ -10,7 +10,8 @@
 #include "ChipMbbShared/MountInfo.h"
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/Chip.h"
+#include "ChipModel/ChipProfile.h"
 #include "Keel/EventLoop.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngineFlushStatus.h"
@@ -27,7 +28,7 @@ struct AgentHostOptions {
    std::string root;
    std::string tableInfoPath = "mbb/tableInfo";
    std::string countersPath = "mbb/hostCounters";
-   ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+   ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    Orb::Seconds syncGenTime = 1.0;
    std::uint32_t supportedDevices = 0xFFFFFFFF;
    std::uint32_t sessHdl = 1;
@@ -57,6 +58,7 @@ class AgentHost {
    ~AgentHost();
 
    const AgentHostOptions& options() const { return options_; }
+   const ChipModel::Chip& chip() const { return chip_; }
    Keel::EventLoop& loop() const { return loop_; }
    bool testmode() const { return !entityManager_; }
    // Null until a publication has been found (always set in test mode).
@@ -103,6 +105,8 @@ class AgentHost {
 
    Keel::EventLoop& loop_;
    AgentHostOptions options_;
+   // Installed for as long as the host runs; the tables' engines clear it as they go.
+   ChipModel::InstalledChip chip_;
    Orb::Ptr<Keel::TimerWheel> timerWheel_;
    Orb::Ptr<Atlas::EntityManager> entityManager_;
    Orb::Ptr<ChipMbbSlice::MountConfig> mountConfig_;

@@ -16,7 +16,7 @@ const char* publisherArgsUsage =
     "  --timeout S             give up waiting for the statuses after S seconds (default 120)\n"
     "  --crash-after N         die after N configuration writes, as a crashing publisher\n";
 
-bool publisherOptionsParse(Args& args, const ChipSdk::ChipProfile& profile,
+bool publisherOptionsParse(Args& args, const ChipModel::ChipProfile& profile,
                            PublisherOptions& options, std::string& error) {
    auto entries = static_cast<std::uint32_t>(args.count("entries", 20000));
    options.prefixesPath = args.text("prefixes");

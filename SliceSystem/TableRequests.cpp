@@ -7,9 +7,9 @@ namespace SliceSystem {
 
 namespace {
 
-const ChipSdk::TableProfile* singleTable(const ChipSdk::ChipProfile& profile,
-                                         const std::string& name) {
-   for (const ChipSdk::TableProfile& table : profile.tables) {
+const ChipModel::TableProfile* singleTable(const ChipModel::ChipProfile& profile,
+                                           const std::string& name) {
+   for (const ChipModel::TableProfile& table : profile.tables) {
       if (table.name == name && table.kind == ChipSdk::TableKind::mat && !table.isTriple()) {
          return &table;
       }
@@ -17,21 +17,21 @@ const ChipSdk::TableProfile* singleTable(const ChipSdk::ChipProfile& profile,
    return nullptr;
 }
 
-TableSpec specOf(const ChipSdk::TableProfile& table, std::uint32_t entries) {
+TableSpec specOf(const ChipModel::TableProfile& table, std::uint32_t entries) {
    return TableSpec{table.name, table.handle, table.size, table.atcamPartitions, entries};
 }
 
 }  // namespace
 
-bool tableSpecsFor(const ChipSdk::ChipProfile& profile, const std::vector<std::string>& requests,
+bool tableSpecsFor(const ChipModel::ChipProfile& profile, const std::vector<std::string>& requests,
                    std::uint32_t defaultEntries, std::vector<TableSpec>& specs,
                    std::string& error) {
-   auto defaultFor = [&](const ChipSdk::TableProfile& table) {
+   auto defaultFor = [&](const ChipModel::TableProfile& table) {
       return std::min<std::uint32_t>(defaultEntries, table.size / 4 * 3);
    };
    specs.clear();
    if (requests.empty()) {
-      for (const ChipSdk::TableProfile& table : profile.tables) {
+      for (const ChipModel::TableProfile& table : profile.tables) {
          if (table.kind == ChipSdk::TableKind::mat && !table.isTriple()) {
             specs.push_back(specOf(table, defaultFor(table)));
          }
@@ -40,7 +40,7 @@ bool tableSpecsFor(const ChipSdk::ChipProfile& profile, const std::vector<std::s
    }
    for (const std::string& request : requests) {
       std::string name = request.substr(0, request.find(':'));
-      const ChipSdk::TableProfile* table = singleTable(profile, name);
+      const ChipModel::TableProfile* table = singleTable(profile, name);
       if (!table) {
          error = "no single match table '" + name + "' in chip profile '" + profile.name + "'";
          return false;

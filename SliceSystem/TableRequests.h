@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipProfile.h"
 #include "SliceSystem/TablePlan.h"
 
 namespace SliceSystem {
@@ -14,7 +14,7 @@ namespace SliceSystem {
 // match table of the profile. A table without a count gets `defaultEntries`, at most three
 // quarters of its size so that moves find free indices. False, saying why, for a name the
 // profile lacks, a table that heads a triple, or a bad count.
-bool tableSpecsFor(const ChipSdk::ChipProfile& profile, const std::vector<std::string>& requests,
+bool tableSpecsFor(const ChipModel::ChipProfile& profile, const std::vector<std::string>& requests,
                    std::uint32_t defaultEntries, std::vector<TableSpec>& specs, std::string& error);
 
 }  // namespace SliceSystem

@@ -18,7 +18,7 @@ constexpr EntryKey fallbackGrpKey = 0x1FFFFFA11BACC;
 // Counts how the ADT's data copies come and go, against the chip's commits.
 class CopyWatch : public ChipMbbEngineHelper::Notifiee {
  public:
-   CopyWatch(ChipMbbEngineHelper& helper, const ChipSdk::ChipModel& model)
+   CopyWatch(ChipMbbEngineHelper& helper, const ChipModel::Chip& model)
        : helper_(helper), model_(model) {
       notifierIs(&helper);
    }
@@ -30,7 +30,7 @@ class CopyWatch : public ChipMbbEngineHelper::Notifiee {
 
  private:
    ChipMbbEngineHelper& helper_;
-   const ChipSdk::ChipModel& model_;
+   const ChipModel::Chip& model_;
 };
 
 using AdtSelOps = HelperTest;
@@ -100,10 +100,10 @@ TEST_F(AdtSelOps, SelectorOperationsReachTheChipAndWriteMemberStatus) {
    helper->addAdtEntry(adtEntry(0xA2, 0x1, 2));
    engine.calls.clear();
    const SelMbrEntryKey key(grpKey, 1, 3);
-   const ChipSdk::SelTable& sel = selTable();
+   const ChipModel::SelTable& sel = selTable();
 
    helper->addSelEntry(mbrEntry(key, 0x10, 0xA1, 7), grpHdl, baseIndex, 1, false);
-   const ChipSdk::SelMember* member = sel.member(0, baseIndex + 1, 3);
+   const ChipModel::SelMember* member = sel.member(0, baseIndex + 1, 3);
    ASSERT_NE(member, nullptr);
    EXPECT_EQ(member->mbrHdl, 1u);
    EXPECT_EQ(member->grpHdl, grpHdl);

@@ -12,8 +12,8 @@
 #include <vector>
 
 #include "ChipMbbSlice/ChipMbbSlice.h"
-#include "ChipSdk/ChipSdk.h"
-#include "ChipSdk/test/ChipTestUtil.h"
+#include "ChipModel/ChipModel.h"
+#include "ChipModel/testing/ChipTestUtil.h"
 #include "Vault/MbbEngine/Tables.h"
 
 namespace ChipMbbSlice::Test {
@@ -70,7 +70,6 @@ class HelperTest : public ::testing::Test {
    void SetUp() override {
       // The helper opens the slice's trace file when it is created; these tests keep none.
       setenv("FLASHLOG_DISABLE", "", 1);
-      model = &ChipSdk::chipModelIs(ChipTestUtil::testProfile());
       model->hitlessFatalIs(true);
    }
    void TearDown() override { unsetenv("FLASHLOG_DISABLE"); }
@@ -113,17 +112,18 @@ class HelperTest : public ::testing::Test {
       return SelMbrEntryConfig(key, opId, adtKey, true, ChipTestUtil::plainBlock(tag));
    }
 
-   const ChipSdk::MatTable& matTable(std::uint32_t tblHdl = ChipTestUtil::singleHdl) const {
+   const ChipModel::MatTable& matTable(std::uint32_t tblHdl = ChipTestUtil::singleHdl) const {
       return *model->matTable(0, tblHdl);
    }
-   const ChipSdk::AdtTable& adtTable() const {
+   const ChipModel::AdtTable& adtTable() const {
       return *model->adtTable(0, ChipTestUtil::routeAdtHdl);
    }
-   const ChipSdk::SelTable& selTable() const {
+   const ChipModel::SelTable& selTable() const {
       return *model->selTable(0, ChipTestUtil::routeSelHdl);
    }
 
-   ChipSdk::ChipModel* model = nullptr;
+   ChipModel::InstalledChip chip{ChipTestUtil::testProfile()};
+   ChipModel::Chip* model = &chip;
    RecordingEngine engine;
    Orb::Ptr<TableStatus> matStatus = statusTableNew("mat-status");
    Orb::Ptr<TableStatus> adtStatus = statusTableNew("adt-status");

@@ -29,7 +29,7 @@ void abandonMatBatch(ChipMbbEngineHelper& helper) {
    helper.matPlcmtInfoSizeIs(0);
 }
 
-void expectPlaced(const ChipSdk::MatEntry& entry, std::uint32_t index, std::uint32_t selIndex,
+void expectPlaced(const ChipModel::MatEntry& entry, std::uint32_t index, std::uint32_t selIndex,
                   std::uint32_t adtIndex, std::uint8_t dataTag) {
    EXPECT_EQ(entry.index, index);
    EXPECT_EQ(entry.selIndex, selIndex);
@@ -41,10 +41,10 @@ using MatOps = HelperTest;
 
 TEST_F(MatOps, EachOperationReachesTheChipIsCountedAndWritesStatus) {
    auto helper = singleHelper();
-   const ChipSdk::MatTable& table = matTable();
+   const ChipModel::MatTable& table = matTable();
 
    helper->addEntry(matEntry(0x1, 0x10, 0x11, 3, plainBlock(1), 1, 2, 4));
-   const ChipSdk::MatEntry* entry = table.entry(0x11);
+   const ChipModel::MatEntry* entry = table.entry(0x11);
    ASSERT_NE(entry, nullptr);
    EXPECT_EQ(entry->instance, 0);
    EXPECT_FALSE(entry->isDefault);
@@ -204,7 +204,7 @@ TEST_F(MatOps, CommitStepsComeInOrder) {
    std::vector<std::string> events;
    auto log = [&](const std::string& what) {
       p4_pd_plcmt_info_t* info = helper->matPlcmtInfo();
-      events.push_back(what + " ops=" + std::to_string(info ? info->ops.size() : 0) +
+      events.push_back(what + " ops=" + std::to_string(model->plcmtInfoSize(info)) +
                        " commits=" + std::to_string(model->numCommits()) +
                        " copies=" + std::to_string(helper->matDeferFreeSize()) +
                        " statuses=" + std::to_string(matStatus->size()));

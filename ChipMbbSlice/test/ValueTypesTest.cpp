@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "ChipMbbSlice/ChipMbbSlice.h"
-#include "ChipSdk/test/ChipTestUtil.h"
+#include "ChipModel/testing/ChipTestUtil.h"
 #include "Orb/Orb.h"
 
 namespace ChipMbbSlice {

@@ -52,7 +52,6 @@ struct MountedWorld : World {
 };
 
 TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
-   ChipSdk::chipModelReset();
    MountedWorld w("serve");
    auto config = w.pubConfig("host/config");
    config->entryIs(matEntry(0x10, 1, 5, 7));
@@ -75,7 +74,7 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
    EXPECT_EQ(w.mgr->mbbEngineSm(key)->tableConfig(), agentConfig);
 
    // What was configured before the mount is in hardware, and the publisher sees it so.
-   const ChipSdk::MatTable* chip = ChipSdk::chipModel().matTable(0, hostHdl);
+   const ChipModel::MatTable* chip = w.chip->matTable(0, hostHdl);
    ASSERT_NE(chip->entry(5), nullptr);
    EXPECT_EQ(chip->entry(5)->index, 7u);
    auto pubStatus = w.publisher.mount<TableStatus>("host/status", Atlas::MountMode::reader);
@@ -112,7 +111,6 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
 
 // Mount entries that cannot be mounted are left out with a trace; the others are served.
 TEST(ChipSliceTableMgrMountTest, UnmountableEntriesAreSkipped) {
-   ChipSdk::chipModelReset();
    MountedWorld w("bad");
    w.pubConfig("good/config");
    w.pubConfig("nostatus/config");

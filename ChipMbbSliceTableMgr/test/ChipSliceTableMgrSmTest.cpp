@@ -65,7 +65,7 @@ const std::vector<DecisionCase>& decisionCases() {
                EXPECT_FALSE(w.mgr->debug(key)->hasBackupSupport());
                EXPECT_EQ(w.mgr->tableScopes().size(), 1u);
                EXPECT_EQ(w.mgr->tableScope(hostHdl), PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
-               EXPECT_EQ(ChipSdk::chipModel().table(0, hostHdl)->entryScope(),
+               EXPECT_EQ(w.chip->table(0, hostHdl)->entryScope(),
                          PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
                EXPECT_EQ(w.mgr->maxPublishedInstanceId(), 1u);
                auto helper = std::dynamic_pointer_cast<ChipMbbEngineHelper>(
@@ -190,7 +190,7 @@ const std::vector<DecisionCase>& decisionCases() {
         .check =
             [](World& w) {
                EXPECT_EQ(w.mgr->tableScope(aclHdl), PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
-               EXPECT_EQ(ChipSdk::chipModel().table(0, aclHdl)->entryScope(),
+               EXPECT_EQ(w.chip->table(0, aclHdl)->entryScope(),
                          PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
             }},
        {.name = "all pipes and one pipe of one table conflict",
@@ -204,9 +204,9 @@ const std::vector<DecisionCase>& decisionCases() {
        {.name = "an SDK refusal of the scope is fatal",
         .run =
             [](World& w) {
-               ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+               ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
                profile.devices = {0};
-               ChipSdk::chipModelIs(profile);
+               w.chipIs(profile);
                w.publish(mountKey("nodev", hostHdl, 1), published("nodev"));
                w.mgrNew();
             },
@@ -303,7 +303,6 @@ const std::vector<DecisionCase>& decisionCases() {
 TEST(ChipSliceTableMgrSmTest, DecisionSteps) {
    for (const DecisionCase& c : decisionCases()) {
       SCOPED_TRACE(c.name);
-      ChipSdk::chipModelReset();
       World w;
       const std::uint32_t firstQtId = getNextQtId() + 1;
       std::string failed;
@@ -327,7 +326,6 @@ TEST(ChipSliceTableMgrSmTest, DecisionSteps) {
 }
 
 TEST(ChipSliceTableMgrSmTest, TablesDrawConsecutiveTraceIds) {
-   ChipSdk::chipModelReset();
    World w;
    w.publish(mountKey("first", hostHdl), published("first"));
    w.mgrNew();
@@ -343,7 +341,6 @@ TEST(ChipSliceTableMgrSmTest, TablesDrawConsecutiveTraceIds) {
 }
 
 TEST(ChipSliceTableMgrSmTest, AuditManagerHearsOfEveryRunningTable) {
-   ChipSdk::chipModelReset();
    World w;
    w.publish(mountKey("a1", hostHdl), published("a1"));
    w.publish(mountKey("a2", aclHdl), published("a2"));
@@ -363,7 +360,6 @@ TEST(ChipSliceTableMgrSmTest, AuditManagerHearsOfEveryRunningTable) {
 }
 
 TEST(ChipSliceTableMgrSmTest, CollectionsRefuseNullAndNotifyChanges) {
-   ChipSdk::chipModelReset();
    World w;
    w.mgrNew();
    try {
@@ -391,7 +387,6 @@ TEST(ChipSliceTableMgrSmTest, CollectionsRefuseNullAndNotifyChanges) {
 
 // Entries published into a test-mode table reach the chip and come back as status.
 TEST(ChipSliceTableMgrSmTest, TestModeTableIsServedEndToEnd) {
-   ChipSdk::chipModelReset();
    World w;
    const auto key = mountKey("e2e", aclHdl, 0, 1);
    w.publish(key, published("e2e"));
@@ -406,7 +401,7 @@ TEST(ChipSliceTableMgrSmTest, TestModeTableIsServedEndToEnd) {
    EXPECT_EQ(status->capacity(), 1024u);
 
    config->entryIs(matEntry(0x10, 1, 5, 7));
-   const ChipSdk::MatTable* chip = ChipSdk::chipModel().matTable(0, aclHdl);
+   const ChipModel::MatTable* chip = w.chip->matTable(0, aclHdl);
    ASSERT_NE(chip->entry(5), nullptr);
    EXPECT_EQ(chip->entry(5)->index, 7u);
    EXPECT_EQ(chip->entry(5)->instance, 1u);
@@ -419,11 +414,10 @@ TEST(ChipSliceTableMgrSmTest, TestModeTableIsServedEndToEnd) {
    config->entryDel(0x10);
    EXPECT_EQ(chip->entry(5), nullptr);
    EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus());
-   EXPECT_EQ(ChipSdk::chipModel().numViolations(), 0u);
+   EXPECT_EQ(w.chip->numViolations(), 0u);
 }
 
 TEST(ChipSliceTableMgrSmTest, ChipMismatchesAreSkippedAndOthersGoOn) {
-   ChipSdk::chipModelReset();
    World w;
    w.publish(mountKey("size0", hostHdl), published("size0", true, 0));
    w.publish(mountKey("toobig", hostHdl, 1), published("toobig", true, hostSize + 1));

@@ -1,7 +1,7 @@
 #pragma once
 
 // What the table-manager tests share: published entries, an audit manager that records what
-// it is told, and a world of mount-info collection, mount configuration, timer wheel and
+// it is told, and a world of chip, mount-info collection, mount configuration, timer wheel and
 // flush status around one manager, with its trace lines and records captured.
 
 #include <cstdint>
@@ -13,7 +13,7 @@
 
 #include "Brio/Brio.h"
 #include "ChipMbbSliceTableMgr/ChipMbbSliceTableMgr.h"
-#include "ChipSdk/ChipModel.h"
+#include "ChipModel/ChipModel.h"
 #include "ChipSdk/PlcmtData.h"
 #include "FlashLog/CaptureSink.h"
 #include "FlashLog/Decoder.h"
@@ -123,8 +123,14 @@ struct World {
 
    Orb::Ptr<ChipSliceTableMgrSm> mgrNew(Orb::Ptr<Atlas::EntityManager> entityManager = nullptr) {
       mgr = Orb::ptrNew<ChipSliceTableMgrSm>(info, std::move(entityManager), supportedDevices,
-                                             sessHdl, syncGenTime, wheel, flushStatus, mountConfig);
+                                             sessHdl, syncGenTime, wheel, flushStatus, mountConfig,
+                                             ChipModel::modelResourceInfoNew(chip->profile()));
       return mgr;
+   }
+   // A chip of another profile in place of the default one; only before the manager exists.
+   void chipIs(ChipModel::ChipProfile profile) {
+      chip.reset();
+      chip = std::make_unique<ChipModel::InstalledChip>(std::move(profile));
    }
    void publish(const TableConfigMountKey& key, const TableConfigMountEntry& entry) {
       info->entryIs(key, entry);
@@ -138,6 +144,8 @@ struct World {
       return names;
    }
 
+   // Declared first, so that it outlives the manager's engines, which clear it as they go.
+   std::unique_ptr<ChipModel::InstalledChip> chip = std::make_unique<ChipModel::InstalledChip>();
    DualLog::CaptureSink capture;
    Brio::ScopedThrowingAsserts asserts;
    std::uint32_t supportedDevices = 0x3;

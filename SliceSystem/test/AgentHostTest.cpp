@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include "ChipSdk/ChipModel.h"
 #include "Keel/EventLoop.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/PublishTarget.h"
@@ -10,14 +9,14 @@
 
 namespace {
 
-std::uint64_t chipEntries(std::uint32_t tableId) {
-   return ChipSdk::chipModel().matTable(0, tableId)->numEntries(0);
+std::uint64_t chipEntries(const SliceSystem::AgentHost& host, std::uint32_t tableId) {
+   return host.chip().matTable(0, tableId)->numEntries(0);
 }
 
 SliceSystem::PublisherOptions oneTable(const std::string& request) {
    SliceSystem::PublisherOptions options = SliceSystem::Test::smallRun();
    std::string error;
-   EXPECT_TRUE(SliceSystem::tableSpecsFor(ChipSdk::ChipProfile::defaultProfile(), {request}, 0,
+   EXPECT_TRUE(SliceSystem::tableSpecsFor(ChipModel::ChipProfile::defaultProfile(), {request}, 0,
                                           options.tables, error));
    return options;
 }
@@ -44,14 +43,14 @@ TEST(AgentHost, FollowsItsPublicationThroughWithdrawalAndReplacement) {
       EXPECT_TRUE(publisher.publish().converged());
    }
    EXPECT_EQ(host.tableMgr()->mbbEngineSms().size(), 1u);
-   EXPECT_EQ(chipEntries(0x01000001), 400u);
+   EXPECT_EQ(chipEntries(host, 0x01000001), 400u);
 
    // The publisher goes and takes its collections with it; the hardware stays as it is.
    first.reset();
    host.handlePublicationProbe();
    ASSERT_EQ(logged.size(), 2u);
    EXPECT_NE(logged[1].find("withdrawn; keeping 1 tables"), std::string::npos) << logged[1];
-   EXPECT_EQ(chipEntries(0x01000001), 400u);
+   EXPECT_EQ(chipEntries(host, 0x01000001), 400u);
    host.handlePublicationProbe();
    EXPECT_EQ(logged.size(), 2u);
 
@@ -61,8 +60,8 @@ TEST(AgentHost, FollowsItsPublicationThroughWithdrawalAndReplacement) {
    EXPECT_NE(logged.back().find("serving publication"), std::string::npos);
    SliceSystem::Publisher publisher(second, oneTable("acl_ingress:100"));
    EXPECT_TRUE(publisher.publish().converged());
-   EXPECT_EQ(chipEntries(0x01000001), 0u);
-   EXPECT_EQ(chipEntries(0x01000003), 100u);
+   EXPECT_EQ(chipEntries(host, 0x01000001), 0u);
+   EXPECT_EQ(chipEntries(host, 0x01000003), 100u);
    SliceSystem::HostCounters c = host.counters();
    EXPECT_EQ(c.publications, 2u);
    EXPECT_EQ(c.tablesRunning, 1u);

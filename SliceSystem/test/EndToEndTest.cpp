@@ -12,7 +12,7 @@
 #include <thread>
 
 #include "Atlas/EntityManager.h"
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipProfile.h"
 #include "Keel/EventLoop.h"
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/Publisher.h"

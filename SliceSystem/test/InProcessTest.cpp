@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include "ChipSdk/ChipModel.h"
 #include "Keel/EventLoop.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/PublishTarget.h"
@@ -58,11 +57,11 @@ TEST(InProcess, PublishChurnReaddConvergesWithTheChipHoldingTheConfiguration) {
    const auto& engines = host.tableMgr()->mbbEngineSms();
    ASSERT_EQ(engines.size(), 3u);
    for (const auto& [key, engine] : engines) {
-      const ChipSdk::MatTable* chip = ChipSdk::chipModel().matTable(0, key.tableId());
+      const ChipModel::MatTable* chip = host.chip().matTable(0, key.tableId());
       ASSERT_NE(chip, nullptr);
       EXPECT_EQ(chip->numEntries(0), engine->tableConfig()->size()) << key.name();
       for (const auto& [k, config] : *engine->tableConfig()) {
-         const ChipSdk::MatEntry* entry = chip->entry(config.entryHandle());
+         const ChipModel::MatEntry* entry = chip->entry(config.entryHandle());
          ASSERT_NE(entry, nullptr) << key.name() << " handle " << config.entryHandle();
          EXPECT_EQ(entry->index, config.index());
          EXPECT_EQ(entry->data, config.plcmtData());

@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipProfile.h"
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/TableRequests.h"
 
@@ -13,7 +13,7 @@ namespace SliceSystem::Test {
 inline PublisherOptions smallRun() {
    PublisherOptions options;
    std::string error;
-   EXPECT_TRUE(tableSpecsFor(ChipSdk::ChipProfile::defaultProfile(),
+   EXPECT_TRUE(tableSpecsFor(ChipModel::ChipProfile::defaultProfile(),
                              {"ipv4_host:1500", "ipv4_lpm:1200", "acl_ingress:300"}, 0,
                              options.tables, error));
    options.prefixesPath = "synthetic";

@@ -3,7 +3,7 @@
 #include <map>
 #include <set>
 
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipProfile.h"
 #include "SliceSystem/Routes.h"
 #include "SliceSystem/TablePlan.h"
 #include "SliceSystem/TableRequests.h"
@@ -109,7 +109,7 @@ TEST(TablePlan, RoutesAndTableSpecs) {
    EXPECT_EQ(SliceSystem::routesLoad("synthetic", 10, source).size(), 10u);
    EXPECT_EQ(source, "generator");
 
-   ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+   ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    std::vector<SliceSystem::TableSpec> specs;
    std::string error;
    ASSERT_TRUE(SliceSystem::tableSpecsFor(profile, {}, 100000, specs, error));

@@ -26,6 +26,7 @@
 
 #include "Atlas/EntityManager.h"
 #include "ChipMbbSlice/ChipMbbSlice.h"
+#include "ChipModel/ChipModel.h"
 #include "ChipSdk/ChipSdk.h"
 #include "FlashLog/FlashLog.h"
 #include "Vault/MbbEngine/Tables.h"
@@ -50,8 +51,9 @@ double cpuSeconds() {
 
 void check(bf_status_t status) {
    if (status == BF_SUCCESS) return;
+   const auto* chip = dynamic_cast<const ChipModel::Chip*>(ChipSdk::sdkImpl());
    std::fprintf(stderr, "placement failed: %s %s\n", ChipSdk::statusName(status),
-                ChipSdk::chipModel().lastError().c_str());
+                chip ? chip->lastError().c_str() : "");
    std::abort();
 }
 
@@ -219,12 +221,12 @@ int main() {
    setenv("FLASHLOGDIR", dir.c_str(), 1);
    ChipMbbSlice::initQt();
 
-   ChipSdk::ChipProfile profile;
+   ChipModel::ChipProfile profile;
    profile.name = "bench";
    profile.numPipes = 4;
    profile.devices = {0};
    profile.tables = {{"bench", tblHdl, ChipSdk::TableKind::mat, tableSize, 0, 0, 0}};
-   ChipSdk::chipModelIs(profile);
+   ChipModel::InstalledChip chip(profile);
 
    StatusTables inProcess("");
    StatusTables inShm("slice-bench-" + std::to_string(getpid()));

@@ -23,8 +23,7 @@
 
 #include "Atlas/EntityManager.h"
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
-#include "ChipSdk/ChipModel.h"
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipModel.h"
 #include "Keel/EventLoop.h"
 #include "MbbEngine/FastMbbEngineImpl.h"
 #include "MbbEngine/MbbEngineSm.h"
@@ -44,8 +43,8 @@ struct Scenario {
    std::uint32_t entriesPerTable;
 };
 
-ChipSdk::ChipProfile profileFor(const Scenario& s) {
-   ChipSdk::ChipProfile profile;
+ChipModel::ChipProfile profileFor(const Scenario& s) {
+   ChipModel::ChipProfile profile;
    profile.name = s.name;
    profile.numPipes = 4;
    profile.devices = {0};
@@ -58,12 +57,12 @@ ChipSdk::ChipProfile profileFor(const Scenario& s) {
    return profile;
 }
 
-std::string profileJson(const ChipSdk::ChipProfile& profile) {
+std::string profileJson(const ChipModel::ChipProfile& profile) {
    std::string json = "{\"name\": \"" + profile.name +
                       "\", \"numPipes\": " + std::to_string(profile.numPipes) +
                       ", \"devices\": [0], \"tables\": [";
    for (std::size_t i = 0; i < profile.tables.size(); ++i) {
-      const ChipSdk::TableProfile& t = profile.tables[i];
+      const ChipModel::TableProfile& t = profile.tables[i];
       json += (i ? ", " : "") + std::string("{\"name\": \"") + t.name +
               "\", \"handle\": " + std::to_string(t.handle) +
               ", \"kind\": \"MAT\", \"size\": " + std::to_string(t.size) + "}";
@@ -71,9 +70,9 @@ std::string profileJson(const ChipSdk::ChipProfile& profile) {
    return json + "]}";
 }
 
-SliceSystem::PublisherOptions optionsFor(const ChipSdk::ChipProfile& profile, const Scenario& s) {
+SliceSystem::PublisherOptions optionsFor(const ChipModel::ChipProfile& profile, const Scenario& s) {
    SliceSystem::PublisherOptions options;
-   for (const ChipSdk::TableProfile& t : profile.tables) {
+   for (const ChipModel::TableProfile& t : profile.tables) {
       options.tables.push_back({t.name, t.handle, t.size, 0, s.entriesPerTable});
    }
    options.timeout = 600;
@@ -103,7 +102,7 @@ Run runOf(SliceSystem::Publisher& publisher, std::uint64_t total) {
    return run;
 }
 
-Run inProcess(const ChipSdk::ChipProfile& profile, const Scenario& s) {
+Run inProcess(const ChipModel::ChipProfile& profile, const Scenario& s) {
    Keel::EventLoop loop;
    SliceSystem::AgentHostOptions hostOptions;
    hostOptions.profile = profile;
@@ -134,8 +133,8 @@ struct EngineTable {
    Orb::Ptr<MbbEngine::MbbEngineSm> sm;
 };
 
-Run engineOnly(const ChipSdk::ChipProfile& profile, const Scenario& s) {
-   ChipSdk::chipModelIs(profile);
+Run engineOnly(const ChipModel::ChipProfile& profile, const Scenario& s) {
+   ChipModel::InstalledChip chip(profile);
    SliceSystem::PublisherOptions options = optionsFor(profile, s);
    std::string source;
    std::vector<SliceSystem::Route> routes =
@@ -159,7 +158,7 @@ Run engineOnly(const ChipSdk::ChipProfile& profile, const Scenario& s) {
    }
    Run run;
    run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-   run.sound = ChipSdk::chipModel().numViolations() == 0;
+   run.sound = chip.numViolations() == 0;
    for (std::size_t t = 0; t < tables.size(); ++t) {
       run.entries += changes[t].size();
       run.sound = run.sound && tables[t]->status->size() == changes[t].size();
@@ -168,7 +167,7 @@ Run engineOnly(const ChipSdk::ChipProfile& profile, const Scenario& s) {
    return run;
 }
 
-Run twoProcesses(const ChipSdk::ChipProfile& profile, const Scenario& s) {
+Run twoProcesses(const ChipModel::ChipProfile& profile, const Scenario& s) {
    std::string root = "e2ebench-" + std::to_string(::getpid());
    std::string profilePath =
        (std::filesystem::temp_directory_path() / (root + "-chip.json")).string();
@@ -200,7 +199,7 @@ Run twoProcesses(const ChipSdk::ChipProfile& profile, const Scenario& s) {
 }
 
 void scenario(const Scenario& s) {
-   ChipSdk::ChipProfile profile = profileFor(s);
+   ChipModel::ChipProfile profile = profileFor(s);
    std::printf("== %s: %u table(s) of %u entries, publish to last status\n", s.name, s.numTables,
                s.entriesPerTable);
    std::fflush(stdout);

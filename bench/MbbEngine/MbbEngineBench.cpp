@@ -10,7 +10,7 @@
 #include <random>
 #include <vector>
 
-#include "ChipSdk/ChipSdk.h"
+#include "ChipModel/ChipModel.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngine.h"
 #include "MbbEngine/testing/ChipCommitHelper.h"
@@ -44,14 +44,21 @@ std::size_t heapInUse() {
    return info.uordblks + info.hblkhd;
 }
 
-void chipIs(std::uint32_t hdl, std::uint32_t size) {
-   ChipSdk::ChipProfile profile;
+ChipModel::ChipProfile benchProfile(std::uint32_t hdl, std::uint32_t size) {
+   ChipModel::ChipProfile profile;
    profile.name = "bench";
    profile.numPipes = 4;
    profile.devices = {0};
    profile.tables = {{"bench", hdl, ChipSdk::TableKind::mat, size, 0, 0, 0}};
-   ChipSdk::chipModelIs(profile).hitlessFatalIs(true);
+   return profile;
 }
+
+// The chip of one measurement, installed while it lives, its hitless checker fatal.
+struct BenchChip : ChipModel::InstalledChip {
+   BenchChip(std::uint32_t hdl, std::uint32_t size) : InstalledChip(benchProfile(hdl, size)) {
+      hitlessFatalIs(true);
+   }
+};
 
 EntryConfig entry(std::uint64_t key, std::uint64_t opId, std::uint32_t handle,
                   std::uint32_t index) {
@@ -103,10 +110,10 @@ void againstBaseline(const char* what, const char* unit, double engineRate, doub
 
 void millionAdds() {
    // Baseline: commit and status write only.
-   chipIs(addTableHdl, addTableSize);
    double baselineSeconds;
    std::size_t baselineHeap;
    {
+      BenchChip chip(addTableHdl, addTableSize);
       const std::size_t heap0 = heapInUse();
       auto status = Vault::MbbEngine::tableStatusFactory("baseline-status");
       status->mountedIs(true);
@@ -125,7 +132,7 @@ void millionAdds() {
       configHeap = heapInUse() - heap0;
    }
 
-   chipIs(addTableHdl, addTableSize);
+   BenchChip chip(addTableHdl, addTableSize);
    const std::size_t heap0 = heapInUse();
    EngineTable table(addTableHdl, addTableSize);
    const double start = cpuSeconds();
@@ -230,7 +237,7 @@ struct ReindexRun {
 
 ReindexRun engineReindex(const std::vector<std::uint32_t>& target,
                          const std::vector<std::uint32_t>& order) {
-   chipIs(reindexTableHdl, reindexTableSize);
+   BenchChip chip(reindexTableHdl, reindexTableSize);
    EngineTable table(reindexTableHdl, reindexTableSize);
    for (std::uint32_t k = 1; k <= numReindexed; ++k) table.config->entryIs(entry(k, 1, k, k - 1));
    const std::uint64_t ops0 = table.helper->numOps();
@@ -249,7 +256,7 @@ ReindexRun engineReindex(const std::vector<std::uint32_t>& target,
 
 double baselineReindex(const std::vector<std::uint32_t>& target,
                        const std::vector<PlannedOp>& plan) {
-   chipIs(reindexTableHdl, reindexTableSize);
+   BenchChip chip(reindexTableHdl, reindexTableSize);
    auto status = Vault::MbbEngine::tableStatusFactory("baseline-status");
    status->mountedIs(true);
    ChipCommitHelper helper("baseline", status, 0, reindexTableHdl, reindexTableSize);
@@ -321,7 +328,7 @@ void reindex() {
 
 // Steady state: one configured key modified again and again.
 void BM_EngineUpdate(benchmark::State& state) {
-   chipIs(addTableHdl, 1024);
+   BenchChip chip(addTableHdl, 1024);
    EngineTable table(addTableHdl, 1024);
    std::uint64_t opId = 1;
    for (auto _ : state) table.config->entryIs(entry(1, ++opId, 1, 7));
@@ -329,7 +336,7 @@ void BM_EngineUpdate(benchmark::State& state) {
 BENCHMARK(BM_EngineUpdate);
 
 void BM_HelperUpdateBaseline(benchmark::State& state) {
-   chipIs(addTableHdl, 1024);
+   BenchChip chip(addTableHdl, 1024);
    auto status = Vault::MbbEngine::tableStatusFactory("baseline-status");
    status->mountedIs(true);
    ChipCommitHelper helper("baseline", status, 0, addTableHdl, 1024);

@@ -11,6 +11,21 @@ const char* opKindName(OpKind kind) {
    return at < numOpKinds ? names[at] : "unknown";
 }
 
+bool opCarriesData(OpKind kind) {
+   switch (kind) {
+      case OpKind::matClrDflt:
+      case OpKind::matDel:
+      case OpKind::adtDel:
+      case OpKind::selDel:
+      case OpKind::selClrFallback:
+      case OpKind::selActivate:
+      case OpKind::selDeactivate:
+         return false;
+      default:
+         return true;
+   }
+}
+
 const char* tableKindName(TableKind kind) {
    switch (kind) {
       case TableKind::mat:
@@ -27,20 +42,6 @@ TableKind opTableKind(OpKind kind) {
    if (kind <= OpKind::matDel) return TableKind::mat;
    if (kind <= OpKind::adtDel) return TableKind::adt;
    return TableKind::sel;
-}
-
-const char* violationKindName(ViolationKind kind) {
-   switch (kind) {
-      case ViolationKind::matGroupVectorEmpty:
-         return "matGroupVectorEmpty";
-      case ViolationKind::matAdtMissing:
-         return "matAdtMissing";
-      case ViolationKind::mbrAdtMissing:
-         return "mbrAdtMissing";
-      case ViolationKind::adtDelInUse:
-         return "adtDelInUse";
-   }
-   return "unknown";
 }
 
 const char* statusName(bf_status_t status) {

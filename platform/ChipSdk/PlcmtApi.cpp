@@ -1,89 +1,59 @@
 #include "ChipSdk/PlcmtApi.h"
 
-#include <cstring>
-#include <memory>
-#include <vector>
-
-#include "ChipSdk/ChipModel.h"
-#include "ChipSdk/PlcmtOp.h"
+#include "Brio/Brio.h"
+#include "ChipSdk/PlcmtData.h"
+#include "ChipSdk/SdkImpl.h"
 
 using ChipSdk::OpKind;
-using ChipSdk::PlcmtOp;
+using ChipSdk::PlcmtOpArgs;
 
 namespace {
 
-// Destroyed batches are kept for reuse: a helper opens and destroys one per operation, and a
-// reused batch keeps its operation storage.
-constexpr std::size_t batchPoolMax = 64;
-thread_local std::vector<std::unique_ptr<p4_pd_plcmt_info>> batchPool;
+// Not owned: whoever installs an implementation keeps it alive until it removes it.
+ChipSdk::SdkImpl* installedImpl = nullptr;
 
-bf_status_t refuseRecord(OpKind kind, const char* why) {
-   ChipSdk::chipModel().lastErrorIs(std::string(ChipSdk::opKindName(kind)) + ": " + why);
-   return BF_INVALID_ARG;
+ChipSdk::SdkImpl& impl() {
+   BRIO_ASSERT(installedImpl && "no chip SDK implementation installed");
+   return *installedImpl;
 }
 
-// The arguments of a record call; each call fills what it has.
-struct OpArgs {
-   uint32_t hdl = 0;
-   uint16_t pipe = 0;
-   uint32_t grpHdl = 0;
-   uint32_t index = 0;
-   uint32_t selIndex = 0;
-   uint32_t adtIndex = 0;
-   uint32_t subIndex = 0;
-};
-
-// Appends an operation; for one with data, checks and copies the block first.
-bf_status_t record(p4_pd_plcmt_info_t* info, OpKind kind, const OpArgs& args,
-                   const void* data = nullptr, bool withData = false) {
-   if (!info) return refuseRecord(kind, "null batch");
-   ChipSdk::PlcmtDataView view;
-   if (withData) {
-      view = ChipSdk::plcmtDataParse(data, ChipSdk::plcmtDataMaxSize);
-      if (!view.ok()) {
-         return refuseRecord(kind,
-                             data ? ChipSdk::plcmtDataStatusName(view.status) : "null data block");
-      }
-   }
-   PlcmtOp& op = info->ops.emplace_back();
-   op.kind = kind;
-   op.hdl = args.hdl;
-   op.pipe = args.pipe;
-   op.grpHdl = args.grpHdl;
-   op.index = args.index;
-   op.selIndex = args.selIndex;
-   op.adtIndex = args.adtIndex;
-   op.subIndex = args.subIndex;
-   if (withData) {
-      std::memcpy(op.data.data(), data, view.length);
-      op.action = view.action;
-      op.numVectors = view.numVectors;
-      op.adtMbrHdl = view.adtMbrHdl;
-      op.selGrpKey = view.selGrpKey;
-   }
-   return BF_SUCCESS;
+bf_status_t record(p4_pd_plcmt_info_t* info, OpKind kind, const PlcmtOpArgs& args,
+                   const void* data = nullptr) {
+   return impl().plcmtOpRecord(info, kind, args, data);
 }
 
 }  // namespace
 
+namespace ChipSdk {
+
+SdkImpl* sdkImpl() {
+   return installedImpl;
+}
+
+void sdkImplIs(SdkImpl& impl) {
+   BRIO_ASSERT(!installedImpl && "another chip SDK implementation is installed");
+   installedImpl = &impl;
+}
+
+void sdkImplDel(SdkImpl& impl) {
+   BRIO_ASSERT(installedImpl == &impl && "not the installed chip SDK implementation");
+   installedImpl = nullptr;
+}
+
+bool inSimulation() {
+   return impl().inSimulation();
+}
+
+}  // namespace ChipSdk
+
 extern "C" {
 
 p4_pd_plcmt_info_t* p4_pd_create_plcmt_info(void) {
-   if (batchPool.empty()) return new p4_pd_plcmt_info;
-   p4_pd_plcmt_info_t* info = batchPool.back().release();
-   batchPool.pop_back();
-   return info;
+   return impl().plcmtInfoNew();
 }
 
 bf_status_t p4_pd_destroy_plcmt_info(p4_pd_plcmt_info_t* info) {
-   if (!info) return BF_INVALID_ARG;
-   info->ops.clear();
-   if (batchPool.size() < batchPoolMax) {
-      batchPool.emplace_back(info);
-   } else {
-      delete info;
-   }
-   return BF_SUCCESS;
+   return impl().plcmtInfoDel(info);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_add(p4_pd_plcmt_info_t* info, uint32_t entHdl, uint16_t pipe,
@@ -92,29 +62,27 @@ bf_status_t p4_pd_set_one_plcmt_op_mat_add(p4_pd_plcmt_info_t* info, uint32_t en
    return record(
        info, OpKind::matAdd,
        {.hdl = entHdl, .pipe = pipe, .index = index, .selIndex = selIndex, .adtIndex = adtIndex},
-       data, true);
+       data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_mov(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                            uint32_t index, uint32_t selIndex, uint32_t adtIndex,
                                            const void* data) {
    return record(info, OpKind::matMov,
-                 {.hdl = entHdl, .index = index, .selIndex = selIndex, .adtIndex = adtIndex}, data,
-                 true);
+                 {.hdl = entHdl, .index = index, .selIndex = selIndex, .adtIndex = adtIndex}, data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_mod(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                            uint32_t selIndex, uint32_t adtIndex, const void* data) {
    return record(info, OpKind::matMod, {.hdl = entHdl, .selIndex = selIndex, .adtIndex = adtIndex},
-                 data, true);
+                 data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_set_dflt(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                                 uint16_t pipe, uint32_t selIndex, uint32_t adtIndex,
                                                 const void* data) {
    return record(info, OpKind::matSetDflt,
-                 {.hdl = entHdl, .pipe = pipe, .selIndex = selIndex, .adtIndex = adtIndex}, data,
-                 true);
+                 {.hdl = entHdl, .pipe = pipe, .selIndex = selIndex, .adtIndex = adtIndex}, data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_mat_clr_dflt(p4_pd_plcmt_info_t* info, uint32_t entHdl) {
@@ -127,12 +95,12 @@ bf_status_t p4_pd_set_one_plcmt_op_mat_del(p4_pd_plcmt_info_t* info, uint32_t en
 
 bf_status_t p4_pd_set_one_plcmt_op_adt_add(p4_pd_plcmt_info_t* info, uint32_t entHdl, uint16_t pipe,
                                            const void* data) {
-   return record(info, OpKind::adtAdd, {.hdl = entHdl, .pipe = pipe}, data, true);
+   return record(info, OpKind::adtAdd, {.hdl = entHdl, .pipe = pipe}, data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_adt_mod(p4_pd_plcmt_info_t* info, uint32_t entHdl,
                                            const void* data) {
-   return record(info, OpKind::adtMod, {.hdl = entHdl}, data, true);
+   return record(info, OpKind::adtMod, {.hdl = entHdl}, data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_adt_del(p4_pd_plcmt_info_t* info, uint32_t entHdl) {
@@ -145,7 +113,7 @@ bf_status_t p4_pd_set_one_plcmt_op_sel_add(p4_pd_plcmt_info_t* info, uint32_t gr
    return record(
        info, OpKind::selAdd,
        {.hdl = mbrHdl, .pipe = pipe, .grpHdl = grpHdl, .index = selIndex, .subIndex = subIndex},
-       data, true);
+       data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_del(p4_pd_plcmt_info_t* info, uint32_t grpHdl,
@@ -158,7 +126,7 @@ bf_status_t p4_pd_set_one_plcmt_op_sel_del(p4_pd_plcmt_info_t* info, uint32_t gr
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_set_fallback(p4_pd_plcmt_info_t* info, uint32_t mbrHdl,
                                                     uint16_t pipe, const void* data) {
-   return record(info, OpKind::selSetFallback, {.hdl = mbrHdl, .pipe = pipe}, data, true);
+   return record(info, OpKind::selSetFallback, {.hdl = mbrHdl, .pipe = pipe}, data);
 }
 
 bf_status_t p4_pd_set_one_plcmt_op_sel_clr_fallback(p4_pd_plcmt_info_t* info, uint16_t pipe) {
@@ -184,23 +152,17 @@ bf_status_t p4_pd_set_one_plcmt_op_sel_deactivate(p4_pd_plcmt_info_t* info, uint
 bf_status_t p4_pd_process_plcmt_info(p4_pd_sess_hdl_t sessHdl, uint8_t devId,
                                      p4_pd_tbl_hdl_t tblHdl, p4_pd_plcmt_info_t* info,
                                      uint32_t flags, uint32_t* processed) {
-   ChipSdk::ChipModel& model = ChipSdk::chipModel();
-   if (processed) *processed = 0;
-   if (!info) {
-      model.lastErrorIs("process: null batch");
-      return BF_INVALID_ARG;
-   }
-   return model.process(devId, tblHdl, info->ops.data(), info->ops.size(), processed);
+   return impl().plcmtInfoProcess(sessHdl, devId, tblHdl, info, flags, processed);
 }
 
+// Read from the block's header alone, which is the face's own format: a copy is taken before
+// every recorded operation, and the contents are checked once, when the operation is recorded.
 bf_status_t p4_pd_plcmt_data_size(const void* data, uint32_t* size) {
    if (!size) return BF_INVALID_ARG;
    if (!data) {
       *size = 0;
       return BF_INVALID_ARG;
    }
-   // The size comes from the header alone, as a copy is taken before every recorded operation;
-   // the contents are checked once, when the operation is recorded.
    std::size_t length = ChipSdk::plcmtDataHeaderLength(data);
    if (length == 0) {
       *size = ChipSdk::plcmtDataMaxSize;
@@ -213,7 +175,7 @@ bf_status_t p4_pd_plcmt_data_size(const void* data, uint32_t* size) {
 bf_status_t pipe_mgr_tbl_set_property(p4_pd_sess_hdl_t sessHdl, uint8_t devId,
                                       p4_pd_tbl_hdl_t tblHdl, uint32_t property, uint32_t value,
                                       uint32_t args) {
-   return ChipSdk::chipModel().tblPropertyIs(devId, tblHdl, property, value);
+   return impl().tblPropertyIs(sessHdl, devId, tblHdl, property, value, args);
 }
 
 }  // extern "C"

@@ -3,7 +3,6 @@
 // The chip's tables as resources: found by name, by position, or by SDK table handle.
 
 #include <cstdint>
-#include <memory>
 #include <string>
 
 #include "ChipSdk/OpKind.h"
@@ -34,15 +33,5 @@ class HwResourceInfoIntf {
    virtual HwResource hwResource(std::uint32_t index) const = 0;
    virtual HwResource hwResourceByHandle(std::uint32_t handle) const = 0;
 };
-
-// The tables of the chip model's profile, in profile order.
-class ModelResourceInfo : public HwResourceInfoIntf {
- public:
-   std::uint32_t hwResourceIndex(const std::string& name) const override;
-   HwResource hwResource(std::uint32_t index) const override;
-   HwResource hwResourceByHandle(std::uint32_t handle) const override;
-};
-
-std::shared_ptr<HwResourceInfoIntf> modelResourceInfoNew();
 
 }  // namespace HwResourceInfo

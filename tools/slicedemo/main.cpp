@@ -18,7 +18,7 @@
 #include <vector>
 
 #include "Atlas/EntityManager.h"
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipProfile.h"
 #include "Keel/EventLoop.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/Args.h"
@@ -80,7 +80,7 @@ std::size_t segmentsRemove(const std::string& root) {
    return n;
 }
 
-int inProcess(const ChipSdk::ChipProfile& profile, SliceSystem::PublisherOptions options) {
+int inProcess(const ChipModel::ChipProfile& profile, SliceSystem::PublisherOptions options) {
    say("host and publisher in this process, in test mode");
    Keel::EventLoop loop;
    SliceSystem::AgentHostOptions hostOptions;
@@ -173,9 +173,9 @@ int main(int argc, char** argv) {
    bool local = args.flag("in-process");
    bool crash = !args.flag("no-crash");
    std::string profilePath = args.text("profile");
-   ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+   ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    std::string error;
-   if (!profilePath.empty() && !ChipSdk::chipProfileLoad(profilePath, profile, error)) {
+   if (!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, profile, error)) {
       std::cerr << "slicedemo: " << error << "\n";
       return 2;
    }

@@ -6,7 +6,7 @@
 
 #include <iostream>
 
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipProfile.h"
 #include "Keel/EventLoop.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/Args.h"
@@ -65,7 +65,7 @@ int main(int argc, char** argv) {
       std::cerr << (error.empty() ? "--root is required" : error) << "\n" << usage;
       return 2;
    }
-   if (!profilePath.empty() && !ChipSdk::chipProfileLoad(profilePath, options.profile, error)) {
+   if (!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, options.profile, error)) {
       std::cerr << "slicehost: " << error << "\n";
       return 2;
    }

@@ -3,7 +3,7 @@
 
 #include <iostream>
 
-#include "ChipSdk/ChipProfile.h"
+#include "ChipModel/ChipProfile.h"
 #include "Keel/EventLoop.h"
 #include "SliceSystem/Args.h"
 #include "SliceSystem/PublishTarget.h"
@@ -24,9 +24,9 @@ int main(int argc, char** argv) {
    std::string profilePath = args.text("profile");
    std::string tableInfoPath = args.text("table-info", "mbb/tableInfo");
    bool quiet = args.flag("quiet");
-   ChipSdk::ChipProfile profile = ChipSdk::ChipProfile::defaultProfile();
+   ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    std::string error;
-   if (!profilePath.empty() && !ChipSdk::chipProfileLoad(profilePath, profile, error)) {
+   if (!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, profile, error)) {
       std::cerr << "slicepub: " << error << "\n";
       return 2;
    }

@@ -7,7 +7,7 @@
 #include <set>
 #include <vector>
 
-#include "ChipSdk/ChipSdk.h"
+#include "ChipModel/ChipModel.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngine.h"
 #include "MbbEngine/testing/ChipCommitHelper.h"
@@ -47,27 +47,28 @@ class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
          return;
       }
       if (configured.isDel()) return;
-      const ChipSdk::MatEntry* hw =
-          ChipSdk::chipModel().matTable(0, tableHdl)->entry(configured.entryHandle());
+      const ChipModel::MatEntry* hw = mat->entry(configured.entryHandle());
       if (!hw || hw->data != configured.plcmtData()) {
          violations.push_back("status of key " + Orb::toString(key) + " ahead of hardware");
       }
    }
    Vault::MbbEngine::TableStatus* status = nullptr;
    Vault::MbbEngine::TableConfig* config = nullptr;
+   const ChipModel::MatTable* mat = nullptr;
    std::vector<std::string> violations;
 };
 
 class ChurnTest : public ::testing::TestWithParam<bool> {
  protected:
    void SetUp() override {
-      ChipSdk::ChipProfile profile;
+      ChipModel::ChipProfile profile;
       profile.name = "churn";
       profile.numPipes = 2;
       profile.devices = {0};
       profile.tables = {
           {"churn", tableHdl, ChipSdk::TableKind::mat, tableSize, atcam() ? partitions : 0, 0, 0}};
-      ChipSdk::chipModelIs(profile).hitlessFatalIs(true);
+      chip = std::make_unique<ChipModel::InstalledChip>(profile);
+      chip->hitlessFatalIs(true);
       config = Vault::MbbEngine::tableConfigFactory("churn");
       status = Vault::MbbEngine::tableStatusFactory("churn-status");
       config->mountedIs(true);
@@ -77,6 +78,7 @@ class ChurnTest : public ::testing::TestWithParam<bool> {
       helper->watchedConfigIs(config);
       statusWatch.status = status.get();
       statusWatch.config = config.get();
+      statusWatch.mat = chip->matTable(0, tableHdl);
       statusWatch.notifierIs(status.get());
       if (atcam()) {
          impl = Orb::ptrNew<MbbEngine::FastMbbEngineAtcamImpl>("churn", config, nullptr, nullptr,
@@ -92,8 +94,7 @@ class ChurnTest : public ::testing::TestWithParam<bool> {
       helper->watchedConfigIs(nullptr);
       statusWatch.notifierIs(nullptr);
       sm.reset();
-      EXPECT_EQ(ChipSdk::chipModel().matTable(0, tableHdl)->numEntries(0), 0u);
-      ChipSdk::chipModelReset();
+      EXPECT_EQ(chip->matTable(0, tableHdl)->numEntries(0), 0u);
    }
 
    bool atcam() const { return GetParam(); }
@@ -220,7 +221,7 @@ class ChurnTest : public ::testing::TestWithParam<bool> {
    std::uint64_t opIdOf(std::uint64_t key) const { return config->entry(key).opId().value(); }
 
    void checkAgreement() {
-      const ChipSdk::MatTable* mat = ChipSdk::chipModel().matTable(0, tableHdl);
+      const ChipModel::MatTable* mat = chip->matTable(0, tableHdl);
       ASSERT_EQ(impl->numPending(), 0u);
       std::size_t inHardware = mat->numEntries(0) + (mat->defaultHdl(0) != 0);
       ASSERT_EQ(inHardware, live.size());
@@ -231,7 +232,7 @@ class ChurnTest : public ::testing::TestWithParam<bool> {
          ASSERT_EQ(impl->currentOpId(key).value(), p.opId) << "key " << key;
          ASSERT_EQ(status->entry(key).opId().value(), p.opId) << "key " << key;
          ASSERT_EQ(impl->handleToKey(p.handle).value(), key);
-         const ChipSdk::MatEntry* hw = mat->entry(p.handle);
+         const ChipModel::MatEntry* hw = mat->entry(p.handle);
          ASSERT_NE(hw, nullptr) << "key " << key;
          ASSERT_EQ(hw->isDefault, p.index == dflt);
          if (p.index != dflt) {
@@ -249,9 +250,10 @@ class ChurnTest : public ::testing::TestWithParam<bool> {
       ASSERT_EQ(status->size(), statuses);
       ASSERT_TRUE(helper->violations().empty()) << helper->violations().front();
       ASSERT_TRUE(statusWatch.violations.empty()) << statusWatch.violations.front();
-      ASSERT_EQ(ChipSdk::chipModel().numViolations(), 0u);
+      ASSERT_EQ(chip->numViolations(), 0u);
    }
 
+   std::unique_ptr<ChipModel::InstalledChip> chip;
    Keel::TimerWheel wheel{Orb::ptrNew<Orb::ManualTimeSource>(), 1, 100, true, 16};
    Orb::Ptr<Vault::MbbEngine::TableConfig> config;
    Orb::Ptr<Vault::MbbEngine::TableStatus> status;

@@ -3,7 +3,7 @@
 #include <cstdio>
 
 #include "Brio/Brio.h"
-#include "ChipSdk/ChipSdk.h"
+#include "ChipModel/Chip.h"
 
 namespace MbbEngine::Test {
 
@@ -28,7 +28,9 @@ void ChipCommitHelper::commit(const Record& record) {
    std::uint32_t processed = 0;
    status = p4_pd_process_plcmt_info(0, devId_, tblHdl_, info, 0, &processed);
    if (status != BF_SUCCESS) {
-      std::fprintf(stderr, "%s: %s\n", name().c_str(), ChipSdk::chipModel().lastError().c_str());
+      const auto* chip = dynamic_cast<const ChipModel::Chip*>(ChipSdk::sdkImpl());
+      std::fprintf(stderr, "%s: %s\n", name().c_str(),
+                   chip ? chip->lastError().c_str() : ChipSdk::statusName(status));
    }
    BRIO_ASSERT(status == BF_SUCCESS && "Not succesful status");
    p4_pd_destroy_plcmt_info(info);
