@@ -54,10 +54,6 @@ inline Part partOf(std::uint64_t id, std::uint64_t version) {
    return part;
 }
 
-inline bool wholePart(const Part& part) {
-   return part == partOf(part.id, part.version);
-}
-
 class PartTable : public Vault::Table<std::uint64_t, Part> {
  public:
    static constexpr std::string_view vaultTypeName = "VaultTest::PartTable";

@@ -70,12 +70,19 @@ TEST(VaultShmCorruption, BadHeadersAreRefusedAtMount) {
    expectCorruptMount(bytes, "smaller than its header");
 }
 
+struct CorruptionCounter : VersionTable::Notifiee {
+   void onCorruptionDetected() override { ++count; }
+   int count = 0;
+};
+
 TEST(VaultShmCorruption, BadRecordsRunTheCorruptionHandling) {
    std::string shmName = uniqueShmName("rec");
    auto writer = filledWriter(shmName, 5);
    auto reader = Vault::shmTableReaderNew<VersionTable>("status", shmName);
    std::string reason;
    reader->corruptionHandlerIs([&](const std::string& r) { reason = r; });
+   CorruptionCounter notified;
+   notified.notifierIs(reader.get());
    ASSERT_EQ(reader->entry(3), 1u);
 
    RawSegment raw(shmName);
@@ -96,6 +103,7 @@ TEST(VaultShmCorruption, BadRecordsRunTheCorruptionHandling) {
    EXPECT_THROW(reader->entry(3), Brio::CorruptionDetectedException);
    EXPECT_NE(reason.find("points past the slots"), std::string::npos) << reason;
    EXPECT_EQ(reader->numCorruptionDetectedOps(), 2u);
+   EXPECT_EQ(notified.count, 2);
 }
 
 TEST(VaultShmCorruption, WriterThatDiedMidWriteIsDetected) {

@@ -40,7 +40,7 @@ struct Checker : PartTable::Notifiee {
       Part part = table->entry(key);
       ++numKeyNotifications;
       if (part == Part()) return;
-      bad += part.id != key || !VaultTest::wholePart(part);
+      bad += part.id != key || part != partOf(part.id, part.version);
    }
    void onEntry() override {
       ++numResyncs;
@@ -98,7 +98,8 @@ TEST(VaultShmCrossProcess, ReaderFollowsAWriterInAnotherProcess) {
    EXPECT_TRUE(view == expected);
    EXPECT_EQ(reader->size(), expected.size());
    EXPECT_EQ(checker.bad, 0);
-   EXPECT_GT(checker.numKeyNotifications, 0);
+   // A reader that falls behind the change ring hears only resyncs; which it hears is timing.
+   EXPECT_GT(checker.numKeyNotifications + checker.numResyncs, 0);
 
    ASSERT_EQ(::write(go[1], "x", 1), 1);
    int status = 0;
