@@ -8,6 +8,7 @@
 #include "ChipMbbShared/ConfigTables.h"
 #include "ChipMbbShared/DevTgtValue.h"
 #include "ChipMbbShared/MatAdtSelTableConfigMountEntry.h"
+#include "ChipMbbShared/MountEntryCommon.h"
 #include "ChipMbbShared/MountInfo.h"
 #include "ChipMbbShared/SelGrpEntryConfig.h"
 #include "ChipMbbShared/SelMbrEntryConfig.h"

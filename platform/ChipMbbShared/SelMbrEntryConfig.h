@@ -7,8 +7,8 @@
 #include "ChipSdk/PlcmtData.h"
 #include "Orb/Value.h"
 #include "Vault/MbbEngine/EntryKey.h"
+#include "Vault/MbbEngine/PlcmtDataValue.h"
 #include "Vault/MbbEngine/Tombstone.h"
-#include "Vault/PlcmtDataValue.h"
 
 namespace ChipMbbShared {
 

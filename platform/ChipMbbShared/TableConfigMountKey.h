@@ -1,6 +1,7 @@
 #pragma once
 
 #include <compare>
+#include <cstddef>
 #include <cstdint>
 #include <functional>
 #include <ostream>
@@ -11,7 +12,6 @@
 #include "ChipMbbShared/DevTgtValue.h"
 #include "HwPd/ChipDriver.h"
 #include "Orb/Value.h"
-#include "Vault/ShmCodec.h"
 
 namespace ChipMbbShared {
 
@@ -20,6 +20,8 @@ namespace ChipMbbShared {
 class TableConfigMountKey : public Orb::ValueBase {
  public:
    static constexpr std::string_view orbTypeName = "ChipMbbShared::TableConfigMountKey";
+   // Longest name a published table can have.
+   static constexpr std::size_t nameBound = 127;
 
    TableConfigMountKey() = default;
    TableConfigMountKey(ChipDriver::ChipDevTgt devTgt, std::string name, std::uint32_t tableId)
@@ -45,7 +47,7 @@ class TableConfigMountKey : public Orb::ValueBase {
 
    static constexpr auto orbFields() {
       return std::make_tuple(Orb::field("devTgt", &TableConfigMountKey::devTgt_),
-                             Orb::field("name", &TableConfigMountKey::name_),
+                             Orb::field<nameBound>("name", &TableConfigMountKey::name_),
                              Orb::field("tableId", &TableConfigMountKey::tableId_));
    }
 
@@ -64,28 +66,5 @@ template <>
 struct std::hash<ChipMbbShared::TableConfigMountKey> {
    std::size_t operator()(const ChipMbbShared::TableConfigMountKey& key) const {
       return key.hash();
-   }
-};
-
-// In a segment: table names up to 127 characters.
-template <>
-struct Vault::ShmCodec<ChipMbbShared::TableConfigMountKey> {
-   struct Stored {
-      std::uint8_t devId;
-      std::uint8_t reserved;
-      std::uint16_t pipeId;
-      std::uint32_t tableId;
-      BoundedString<128> name;
-   };
-   static void encode(const ChipMbbShared::TableConfigMountKey& key, Stored& stored) {
-      stored.devId = key.devTgt().devId;
-      stored.reserved = 0;
-      stored.pipeId = key.devTgt().pipeId;
-      stored.tableId = key.tableId();
-      stored.name.assign(key.name());
-   }
-   static ChipMbbShared::TableConfigMountKey decode(const Stored& stored) {
-      return {ChipDriver::ChipDevTgt{stored.devId, stored.pipeId}, stored.name.str(),
-              stored.tableId};
    }
 };

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <map>
 #include <string>
@@ -11,7 +12,6 @@
 #include "Orb/Dir.h"
 #include "Orb/Enum.h"
 #include "Orb/Value.h"
-#include "Vault/ShmCodec.h"
 #include "Vault/Table.h"
 #include "Vault/TableTypes.h"
 
@@ -38,6 +38,8 @@ namespace ChipMbbShared {
 class TableInfoDirEntry : public Orb::ValueBase {
  public:
    static constexpr std::string_view orbTypeName = "ChipMbbShared::TableInfoDirEntry";
+   // Longest feature agent name; the directory's keys, strings of their own, hold as much.
+   static constexpr std::size_t nameBound = 255;
 
    TableInfoDirEntry() = default;
    TableInfoDirEntry(std::string name, TableInfoKind kind, std::uint32_t generation)
@@ -52,7 +54,7 @@ class TableInfoDirEntry : public Orb::ValueBase {
    bool operator==(const TableInfoDirEntry&) const = default;
 
    static constexpr auto orbFields() {
-      return std::make_tuple(Orb::field("name", &TableInfoDirEntry::name_),
+      return std::make_tuple(Orb::field<nameBound>("name", &TableInfoDirEntry::name_),
                              Orb::field("kind", &TableInfoDirEntry::kind_),
                              Orb::field("generation", &TableInfoDirEntry::generation_));
    }
@@ -138,23 +140,3 @@ class TableInfoDirMirror : public TableInfoDirTable::Notifiee {
 };
 
 }  // namespace ChipMbbShared
-
-// In a segment: names up to 255 characters.
-template <>
-struct Vault::ShmCodec<ChipMbbShared::TableInfoDirEntry> {
-   struct Stored {
-      std::uint32_t generation;
-      std::uint8_t kind;
-      std::uint8_t reserved[3];
-      BoundedString<256> name;
-   };
-   static void encode(const ChipMbbShared::TableInfoDirEntry& e, Stored& s) {
-      s.generation = e.generation();
-      s.kind = static_cast<std::uint8_t>(e.kind());
-      s.reserved[0] = s.reserved[1] = s.reserved[2] = 0;
-      s.name.assign(e.name());
-   }
-   static ChipMbbShared::TableInfoDirEntry decode(const Stored& s) {
-      return {s.name.str(), static_cast<ChipMbbShared::TableInfoKind>(s.kind), s.generation};
-   }
-};

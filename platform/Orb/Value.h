@@ -17,6 +17,7 @@
 // argument-dependent lookup find the stream operator from any namespace.
 
 #include <cctype>
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <limits>
@@ -40,14 +41,26 @@ struct ValueBase {
    auto operator<=>(const ValueBase&) const = default;
 };
 
-template <class C, class M>
+// A field of C by name; C may be a base that value types share, whose fields each of them
+// lists where it wants them. Where values are kept at a fixed size (a shared table's slot),
+// a string field is kept in `Bound` characters at most; other fields have no bound.
+template <class C, class M, std::size_t Bound = 0>
 struct Field {
+   using Member = M;
+   static constexpr std::size_t bound = Bound;
    std::string_view name;
    M C::*member;
+
+   constexpr const M& of(const C& value) const { return value.*member; }
+   constexpr M& of(C& value) const { return value.*member; }
 };
 
 template <class C, class M>
 constexpr Field<C, M> field(std::string_view name, M C::*member) {
+   return {name, member};
+}
+template <std::size_t Bound, class C, class M>
+constexpr Field<C, M, Bound> field(std::string_view name, M C::*member) {
    return {name, member};
 }
 
@@ -156,7 +169,7 @@ struct ValueTraits<T> {
       std::apply(
           [&](const auto&... f) {
              ((out += first ? "'" : ", '", first = false, out += f.name,
-               out += "': ", printValue(out, v.*(f.member))),
+               out += "': ", printValue(out, f.of(v))),
               ...);
           },
           T::orbFields());
@@ -189,8 +202,8 @@ struct ValueTraits<T> {
       std::apply(
           [&](const auto&... f) {
              ((!found && f.name == name
-                   ? (value.*(f.member) =
-                          parseValue<std::remove_cvref_t<decltype(value.*(f.member))>>(p),
+                   ? (f.of(value) =
+                          parseValue<typename std::remove_cvref_t<decltype(f)>::Member>(p),
                       found = true)
                    : false),
               ...);
@@ -203,7 +216,7 @@ struct ValueTraits<T> {
 // Equality of value types is field by field.
 template <ValueType T>
 bool fieldsEqual(const T& a, const T& b) {
-   return std::apply([&](const auto&... f) { return ((a.*(f.member) == b.*(f.member)) && ...); },
+   return std::apply([&](const auto&... f) { return ((f.of(a) == f.of(b)) && ...); },
                      T::orbFields());
 }
 

@@ -1,10 +1,12 @@
 #pragma once
 
+#include <cstddef>
 #include <cstdint>
 #include <string>
 
+#include "Brio/Brio.h"
 #include "Orb/Ptr.h"
-#include "Vault/ShmStore.h"
+#include "Vault/detail/ShmStore.h"
 
 namespace Vault {
 
@@ -28,6 +30,25 @@ Orb::Ptr<T> shmTableReaderNew(const std::string& name, const std::string& shmNam
    auto table = Orb::ptrNew<T>(name, Store::readerNew(shmName, T::vaultTypeName));
    table->mountedIs(true);
    return table;
+}
+
+// How a shared table's segment is laid out, for sizing it and for benchmarks.
+struct ShmFootprint {
+   std::size_t mappedBytes;
+   std::uint32_t capacity;
+   std::uint32_t slotBytes;
+   std::uint32_t indexCells;
+   std::uint32_t ringSize;
+};
+
+template <class T>
+ShmFootprint shmFootprint(T& table) {
+   using Store = ShmStore<typename T::Key, typename T::Value>;
+   auto* store = dynamic_cast<Store*>(&table.store());
+   BRIO_ASSERT(store && "table is not kept in shared memory");
+   const Shm::Segment& segment = store->segment();
+   const Shm::Geometry& g = segment.geometry();
+   return {segment.mappedSize(), g.capacity, g.slotSize, g.indexSize, g.ringSize};
 }
 
 }  // namespace Vault

@@ -109,6 +109,11 @@ TEST(ChipMbbSharedTypes, MountInformationTravelsThroughSharedTables) {
    EXPECT_TRUE(MatAdtSelTableConfigMountEntry().empty());
    auto entry = singleEntry("acl");
    EXPECT_FALSE(entry.empty());
+   EXPECT_EQ(Orb::toString(entry),
+             "Value('ChipMbbShared::TableConfigMountEntry', ** {'configPath': 'config/acl', "
+             "'statusPath': 'status/acl', 'needStatus': True, 'tableSize': 4096, "
+             "'maxPartitions': 4, 'publisherId': 3, 'publisherName': 'Acl', 'global': True, "
+             "'configGenTime': 12.5, 'statusGenTime': 12.25, 'instanceId': 7})");
    EXPECT_EQ(Orb::fromString<TableConfigMountEntry>(Orb::toString(entry)), entry);
 
    MatAdtSelTableConfigMountEntry triple;

@@ -4,13 +4,15 @@
 #include <cstdlib>
 #include <random>
 
+#include "SampleTables.h"
 #include "ShmTestUtil.h"
 #include "Vault/Vault.h"
+#include "Vault/detail/ShmLayout.h"
 
 namespace {
 
-using namespace Vault::MbbEngine;
 using Vault::Shm::Header;
+using VaultTest::VersionTable;
 
 struct ShmCopy {
    explicit ShmCopy(const std::vector<unsigned char>& bytes) : name(uniqueShmName("copy")) {
@@ -20,9 +22,9 @@ struct ShmCopy {
    std::string name;
 };
 
-Orb::Ptr<TableStatus> filledWriter(const std::string& shmName, std::uint32_t count) {
-   auto writer = Vault::shmTableWriterNew<TableStatus>("status", shmName, 32, 16);
-   for (std::uint32_t key = 1; key <= count; ++key) writer->entryIs(EntryStatus(key * 3, key));
+Orb::Ptr<VersionTable> filledWriter(const std::string& shmName, std::uint32_t count) {
+   auto writer = Vault::shmTableWriterNew<VersionTable>("status", shmName, 32, 16);
+   for (std::uint32_t key = 1; key <= count; ++key) writer->entryIs(key * 3, key);
    return writer;
 }
 
@@ -33,7 +35,7 @@ Header& headerOf(std::vector<unsigned char>& bytes) {
 void expectCorruptMount(const std::vector<unsigned char>& bytes, const std::string& reason) {
    ShmCopy copy(bytes);
    try {
-      Vault::shmTableReaderNew<TableStatus>("status", copy.name);
+      Vault::shmTableReaderNew<VersionTable>("status", copy.name);
       FAIL() << "mounted a segment with " << reason;
    } catch (const Brio::CorruptionDetectedException& e) {
       EXPECT_NE(std::string(e.what()).find(reason), std::string::npos) << e.what();
@@ -55,8 +57,7 @@ TEST(VaultShmCorruption, BadHeadersAreRefusedAtMount) {
 
    // A header that checks out but describes a segment larger than the file.
    bytes = good;
-   headerOf(bytes).geometry =
-       *Vault::Shm::geometryFor(sizeof(EntryKey), sizeof(EntryStatus), 1u << 20, 16);
+   headerOf(bytes).geometry = *Vault::Shm::geometryFor(8, 8, 1u << 20, 16);
    headerOf(bytes).checksum = Vault::Shm::headerChecksum(headerOf(bytes));
    expectCorruptMount(bytes, "sizes do not fit the file");
 
@@ -69,13 +70,20 @@ TEST(VaultShmCorruption, BadHeadersAreRefusedAtMount) {
    expectCorruptMount(bytes, "smaller than its header");
 }
 
+struct CorruptionCounter : VersionTable::Notifiee {
+   void onCorruptionDetected() override { ++count; }
+   int count = 0;
+};
+
 TEST(VaultShmCorruption, BadRecordsRunTheCorruptionHandling) {
    std::string shmName = uniqueShmName("rec");
    auto writer = filledWriter(shmName, 5);
-   auto reader = Vault::shmTableReaderNew<TableStatus>("status", shmName);
+   auto reader = Vault::shmTableReaderNew<VersionTable>("status", shmName);
    std::string reason;
    reader->corruptionHandlerIs([&](const std::string& r) { reason = r; });
-   ASSERT_EQ(reader->entry(3), EntryStatus(3, 1));
+   CorruptionCounter notified;
+   notified.notifierIs(reader.get());
+   ASSERT_EQ(reader->entry(3), 1u);
 
    RawSegment raw(shmName);
    const Vault::Shm::Geometry g = reinterpret_cast<Header*>(raw.bytes())->geometry;
@@ -85,7 +93,7 @@ TEST(VaultShmCorruption, BadRecordsRunTheCorruptionHandling) {
    EXPECT_THROW(reader->entry(3), Brio::CorruptionDetectedException);
    EXPECT_NE(reason.find("slot 0: bad checksum"), std::string::npos) << reason;
    value[0] ^= 0x10;
-   EXPECT_EQ(reader->entry(3), EntryStatus(3, 1));
+   EXPECT_EQ(reader->entry(3), 1u);
 
    // An index cell that points past the slots.
    auto* cells = reinterpret_cast<std::uint64_t*>(raw.bytes() + g.indexOffset);
@@ -95,6 +103,7 @@ TEST(VaultShmCorruption, BadRecordsRunTheCorruptionHandling) {
    EXPECT_THROW(reader->entry(3), Brio::CorruptionDetectedException);
    EXPECT_NE(reason.find("points past the slots"), std::string::npos) << reason;
    EXPECT_EQ(reader->numCorruptionDetectedOps(), 2u);
+   EXPECT_EQ(notified.count, 2);
 }
 
 TEST(VaultShmCorruption, WriterThatDiedMidWriteIsDetected) {
@@ -110,8 +119,8 @@ TEST(VaultShmCorruption, WriterThatDiedMidWriteIsDetected) {
    auto* slot = reinterpret_cast<Vault::Shm::SlotHeader*>(bytes.data() + g.slotsOffset);
    slot->seq.fetch_add(1);  // key 3's slot, left half written
    ShmCopy copy(bytes);
-   auto reader = Vault::shmTableReaderNew<TableStatus>("status", copy.name);
-   EXPECT_EQ(reader->entry(6), EntryStatus(6, 2));
+   auto reader = Vault::shmTableReaderNew<VersionTable>("status", copy.name);
+   EXPECT_EQ(reader->entry(6), 2u);
    try {
       reader->entry(3);
       FAIL() << "read a record that was never finished";
@@ -123,7 +132,7 @@ TEST(VaultShmCorruption, WriterThatDiedMidWriteIsDetected) {
 }
 
 // Reads everything a reader can be asked for; only corruption may come out.
-void readAll(TableStatus& reader) {
+void readAll(VersionTable& reader) {
    auto attempt = [](auto&& fn) {
       try {
          fn();
@@ -157,9 +166,9 @@ TEST(VaultShmCorruption, RandomlyDamagedSegmentsNeverCrashAReader) {
       }
       headerOf(bytes).writerPid = 0;  // a half-written slot should not make the reader wait
       ShmCopy copy(bytes);
-      Orb::Ptr<TableStatus> reader;
+      Orb::Ptr<VersionTable> reader;
       try {
-         reader = Vault::shmTableReaderNew<TableStatus>("status", copy.name);
+         reader = Vault::shmTableReaderNew<VersionTable>("status", copy.name);
       } catch (const Brio::CorruptionDetectedException&) {
          continue;
       } catch (const Vault::MountException&) {

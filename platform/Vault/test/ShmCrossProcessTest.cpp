@@ -5,21 +5,18 @@
 
 #include <map>
 
+#include "SampleTables.h"
 #include "ShmTestUtil.h"
 #include "Vault/Vault.h"
 
 namespace {
 
-using namespace Vault::MbbEngine;
+using VaultTest::Part;
+using VaultTest::partOf;
+using VaultTest::PartTable;
 
 constexpr std::uint32_t numKeys = 3000;
 constexpr int numOps = 40000;
-
-EntryConfig configOf(std::uint64_t key, std::uint64_t opId) {
-   return EntryConfig(key, opId, static_cast<std::uint32_t>(key), 0, 0, 1,
-                      static_cast<std::uint32_t>(opId), 0, 0,
-                      ChipSdk::PlcmtDataBuilder().selGroup(key, 1).block());
-}
 
 // The writer's work, the same in both processes: the child does it, the parent predicts it.
 template <class Write, class Del>
@@ -31,26 +28,25 @@ void script(Write&& write, Del&& del) {
       if ((state >> 20) % 4 == 0) {
          del(key);
       } else {
-         write(configOf(key, i));
+         write(partOf(key, i));
       }
       if (i % 500 == 0) ::usleep(200);
    }
 }
 
 // Every notified key must read back whole: absent, or a record of that very key.
-struct Checker : TableConfig::Notifiee {
-   void onEntry(const EntryKey& key) override {
-      EntryConfig config = table->entry(key);
+struct Checker : PartTable::Notifiee {
+   void onEntry(const std::uint64_t& key) override {
+      Part part = table->entry(key);
       ++numKeyNotifications;
-      if (config == EntryConfig()) return;
-      bad += config.key() != key || config.entryHandle() != key.value() ||
-             config.selGrpKey() != key || config.index() != config.opId().value();
+      if (part == Part()) return;
+      bad += part.id != key || part != partOf(part.id, part.version);
    }
    void onEntry() override {
       ++numResyncs;
-      for (const auto& [key, config] : *table) bad += config.key() != key;
+      for (const auto& [key, part] : *table) bad += part.id != key;
    }
-   TableConfig* table = nullptr;
+   PartTable* table = nullptr;
    int numKeyNotifications = 0;
    int numResyncs = 0;
    int bad = 0;
@@ -65,10 +61,10 @@ TEST(VaultShmCrossProcess, ReaderFollowsAWriterInAnotherProcess) {
    pid_t child = ::fork();
    if (child == 0) {
       char byte = 0;
-      auto writer = Vault::shmTableWriterNew<TableConfig>("w", shmName, numKeys);
+      auto writer = Vault::shmTableWriterNew<PartTable>("w", shmName, numKeys);
       (void)!::write(ready[1], "r", 1);
       (void)!::read(go[0], &byte, 1);
-      script([&](const EntryConfig& c) { writer->entryIs(c); },
+      script([&](const Part& c) { writer->entryIs(c); },
              [&](std::uint64_t key) { writer->entryDel(key); });
       (void)!::write(done[1], "d", 1);
       (void)!::read(go[0], &byte, 1);
@@ -77,7 +73,7 @@ TEST(VaultShmCrossProcess, ReaderFollowsAWriterInAnotherProcess) {
    }
    char byte = 0;
    ASSERT_EQ(::read(ready[0], &byte, 1), 1);
-   auto reader = Vault::shmTableReaderNew<TableConfig>("r", shmName);
+   auto reader = Vault::shmTableReaderNew<PartTable>("r", shmName);
    Checker checker;
    checker.table = reader.get();
    checker.notifierIs(reader.get());
@@ -93,16 +89,17 @@ TEST(VaultShmCrossProcess, ReaderFollowsAWriterInAnotherProcess) {
    }
    while (readable(reader->changeFd(), 50)) reader->changesDrain();
 
-   std::map<std::uint64_t, EntryConfig> expected;
-   script([&](const EntryConfig& c) { expected[c.key().value()] = c; },
+   std::map<std::uint64_t, Part> expected;
+   script([&](const Part& c) { expected[c.id] = c; },
           [&](std::uint64_t key) { expected.erase(key); });
-   std::map<std::uint64_t, EntryConfig> view;
-   for (const auto& [key, config] : *reader) view.emplace(key.value(), config);
+   std::map<std::uint64_t, Part> view;
+   for (const auto& [key, part] : *reader) view.emplace(key, part);
    EXPECT_EQ(view.size(), expected.size());
    EXPECT_TRUE(view == expected);
    EXPECT_EQ(reader->size(), expected.size());
    EXPECT_EQ(checker.bad, 0);
-   EXPECT_GT(checker.numKeyNotifications, 0);
+   // A reader that falls behind the change ring hears only resyncs; which it hears is timing.
+   EXPECT_GT(checker.numKeyNotifications + checker.numResyncs, 0);
 
    ASSERT_EQ(::write(go[1], "x", 1), 1);
    int status = 0;

@@ -3,48 +3,42 @@
 #include <map>
 #include <vector>
 
+#include "SampleTables.h"
 #include "ShmTestUtil.h"
 #include "Vault/Vault.h"
 
 namespace {
 
-using namespace Vault::MbbEngine;
+using VaultTest::Part;
+using VaultTest::partOf;
+using VaultTest::PartTable;
+using VaultTest::VersionTable;
 
-struct Recorder : TableConfig::Notifiee {
-   void onEntry(const EntryKey& key) override { keys.push_back(key.value()); }
+struct Recorder : PartTable::Notifiee {
+   void onEntry(const std::uint64_t& key) override { keys.push_back(key); }
    void onEntry() override { ++wholeTable; }
    std::vector<std::uint64_t> keys;
    int wholeTable = 0;
 };
 
-EntryConfig configOf(std::uint64_t key, std::uint64_t opId) {
-   return EntryConfig(key, opId, static_cast<std::uint32_t>(key), 0, 0, 1,
-                      static_cast<std::uint32_t>(key % 1000), 0, 0,
-                      ChipSdk::PlcmtDataBuilder().adtMember(7).block());
-}
-
-std::map<std::uint64_t, EntryConfig> viewOf(const TableConfig& table) {
-   std::map<std::uint64_t, EntryConfig> view;
-   for (const auto& [key, value] : table) view.emplace(key.value(), value);
-   return view;
+template <class T>
+std::map<std::uint64_t, typename T::Value> viewOf(const T& table) {
+   return {table.begin(), table.end()};
 }
 
 TEST(VaultShmTable, ReaderSeesWritesAndHearsOfThemThroughItsDescriptor) {
    std::string shmName = uniqueShmName("config");
-   auto writer = Vault::shmTableWriterNew<TableConfig>("config", shmName, 100);
-   auto reader = Vault::shmTableReaderNew<TableConfig>("config", shmName);
-   EXPECT_TRUE(writer->writable());
-   EXPECT_FALSE(reader->writable());
-   EXPECT_TRUE(reader->mounted());
+   auto writer = Vault::shmTableWriterNew<PartTable>("config", shmName, 100);
+   auto reader = Vault::shmTableReaderNew<PartTable>("config", shmName);
    EXPECT_EQ(reader->capacity(), 100u);
    Recorder recorder;
    recorder.notifierIs(reader.get());
 
-   writer->entryIs(configOf(5, 1));
-   writer->entryIs(configOf(3, 1));
-   writer->entryIs(configOf(5, 2));
-   writer->entryIs(configOf(5, 2));  // unchanged: not a change
-   EXPECT_EQ(reader->entry(5), configOf(5, 2));
+   writer->entryIs(partOf(5, 1));
+   writer->entryIs(partOf(3, 1));
+   writer->entryIs(partOf(5, 2));
+   writer->entryIs(partOf(5, 2));  // unchanged: not a change
+   EXPECT_EQ(reader->entry(5), partOf(5, 2));
    EXPECT_EQ(reader->size(), 2u);
    EXPECT_TRUE(recorder.keys.empty());
 
@@ -56,30 +50,30 @@ TEST(VaultShmTable, ReaderSeesWritesAndHearsOfThemThroughItsDescriptor) {
 
    EXPECT_EQ(viewOf(*reader), viewOf(*writer));
    writer->entryDel(3);
-   writer->entryIs(configOf(9, 1));
-   writer->entryIs(configOf(1, 1));
+   writer->entryIs(partOf(9, 1));
+   writer->entryIs(partOf(1, 1));
    ASSERT_TRUE(readable(reader->changeFd(), 1000));
    reader->changesDrain();
    EXPECT_EQ(recorder.keys, (std::vector<std::uint64_t>{5, 3, 3, 9, 1}));
-   EXPECT_EQ(reader->entry(3), EntryConfig());
+   EXPECT_EQ(reader->entry(3), Part());
    EXPECT_EQ(viewOf(*reader), viewOf(*writer));
    std::vector<std::uint64_t> keys;
-   for (auto it = reader->iter(2); it != reader->end(); ++it) keys.push_back(it->first.value());
+   for (auto it = reader->iter(2); it != reader->end(); ++it) keys.push_back(it->first);
    EXPECT_EQ(keys, (std::vector<std::uint64_t>{5, 9}));
    EXPECT_EQ(recorder.wholeTable, 0);
 }
 
 TEST(VaultShmTable, FullTableRefusesAndStaysConsistent) {
    std::string shmName = uniqueShmName("full");
-   auto writer = Vault::shmTableWriterNew<TableConfig>("full", shmName, 4);
-   auto reader = Vault::shmTableReaderNew<TableConfig>("full", shmName);
-   for (std::uint64_t key = 1; key <= 4; ++key) writer->entryIs(configOf(key, 1));
-   EXPECT_THROW(writer->entryIs(configOf(5, 1)), Vault::TableFullException);
+   auto writer = Vault::shmTableWriterNew<PartTable>("full", shmName, 4);
+   auto reader = Vault::shmTableReaderNew<PartTable>("full", shmName);
+   for (std::uint64_t key = 1; key <= 4; ++key) writer->entryIs(partOf(key, 1));
+   EXPECT_THROW(writer->entryIs(partOf(5, 1)), Vault::TableFullException);
    EXPECT_EQ(writer->size(), 4u);
-   EXPECT_EQ(reader->entry(5), EntryConfig());
-   writer->entryIs(configOf(4, 2));
+   EXPECT_EQ(reader->entry(5), Part());
+   writer->entryIs(partOf(4, 2));
    writer->entryDel(1);
-   writer->entryIs(configOf(5, 1));
+   writer->entryIs(partOf(5, 1));
    reader->changesDrain();
    EXPECT_EQ(viewOf(*reader), viewOf(*writer));
    EXPECT_EQ(reader->size(), 4u);
@@ -87,14 +81,14 @@ TEST(VaultShmTable, FullTableRefusesAndStaysConsistent) {
 
 TEST(VaultShmTable, ReaderThatFellBehindRescansAndAnnouncesTheWholeTable) {
    std::string shmName = uniqueShmName("behind");
-   auto writer = Vault::shmTableWriterNew<TableConfig>("behind", shmName, 64, 16);
-   auto reader = Vault::shmTableReaderNew<TableConfig>("behind", shmName);
+   auto writer = Vault::shmTableWriterNew<PartTable>("behind", shmName, 64, 16);
+   auto reader = Vault::shmTableReaderNew<PartTable>("behind", shmName);
    Recorder recorder;
    recorder.notifierIs(reader.get());
    EXPECT_TRUE(reader->begin() == reader->end());  // builds the reader's key index
 
    for (std::uint64_t round = 1; round <= 5; ++round) {
-      for (std::uint64_t key = 0; key < 20; ++key) writer->entryIs(configOf(key, round));
+      for (std::uint64_t key = 0; key < 20; ++key) writer->entryIs(partOf(key, round));
    }
    writer->entryDel(7);
    reader->changesDrain();
@@ -111,53 +105,51 @@ TEST(VaultShmTable, ReaderThatFellBehindRescansAndAnnouncesTheWholeTable) {
 
 TEST(VaultShmTable, ManyAddsAndDeletesKeepLookupsRight) {
    std::string shmName = uniqueShmName("churn");
-   auto writer = Vault::shmTableWriterNew<TableStatus>("churn", shmName, 64);
-   auto reader = Vault::shmTableReaderNew<TableStatus>("churn", shmName);
-   std::map<std::uint64_t, EntryStatus> expected;
+   auto writer = Vault::shmTableWriterNew<VersionTable>("churn", shmName, 64);
+   auto reader = Vault::shmTableReaderNew<VersionTable>("churn", shmName);
+   std::map<std::uint64_t, std::uint64_t> expected;
    std::uint64_t state = 12345;
-   for (int i = 0; i < 5000; ++i) {
+   for (std::uint64_t i = 1; i <= 5000; ++i) {
       state = state * 6364136223846793005ULL + 1442695040888963407ULL;
       std::uint64_t key = (state >> 33) % 96;
       if (expected.contains(key) || expected.size() == 64) {
          writer->entryDel(key);
          expected.erase(key);
       } else {
-         writer->entryIs(EntryStatus(key, i));
-         expected[key] = EntryStatus(key, i);
+         writer->entryIs(key, i);
+         expected[key] = i;
       }
-      ASSERT_EQ(reader->entry(key), expected.contains(key) ? expected[key] : EntryStatus());
+      ASSERT_EQ(reader->entry(key), expected.contains(key) ? expected[key] : 0);
    }
    reader->changesDrain();
-   std::map<std::uint64_t, EntryStatus> view;
-   for (const auto& [key, value] : *reader) view.emplace(key.value(), value);
-   EXPECT_EQ(view, expected);
+   EXPECT_EQ(viewOf(*reader), expected);
    EXPECT_EQ(reader->size(), expected.size());
 }
 
 TEST(VaultShmTable, MountsFailClearly) {
    std::string shmName = uniqueShmName("mount");
-   EXPECT_THROW(Vault::shmTableReaderNew<TableConfig>("x", shmName), Vault::MountException);
-   auto writer = Vault::shmTableWriterNew<TableConfig>("x", shmName, 8);
+   EXPECT_THROW(Vault::shmTableReaderNew<PartTable>("x", shmName), Vault::MountException);
+   auto writer = Vault::shmTableWriterNew<PartTable>("x", shmName, 8);
    try {
-      Vault::shmTableReaderNew<TableStatus>("x", shmName);
-      FAIL() << "a configuration segment mounted as a status table";
+      Vault::shmTableReaderNew<VersionTable>("x", shmName);
+      FAIL() << "a segment of parts mounted as a table of versions";
    } catch (const Vault::MountException& e) {
-      EXPECT_NE(std::string(e.what()).find("holds Vault::MbbEngine::TableConfig, not "
-                                           "Vault::MbbEngine::TableStatus"),
-                std::string::npos)
+      EXPECT_NE(
+          std::string(e.what()).find("holds VaultTest::PartTable, not VaultTest::VersionTable"),
+          std::string::npos)
           << e.what();
    }
-   EXPECT_THROW(Vault::shmTableWriterNew<TableConfig>("x", shmName, 8), Vault::MountException);
-   auto reader = Vault::shmTableReaderNew<TableConfig>("x", shmName);
+   EXPECT_THROW(Vault::shmTableWriterNew<PartTable>("x", shmName, 8), Vault::MountException);
+   auto reader = Vault::shmTableReaderNew<PartTable>("x", shmName);
    {
       Brio::ScopedThrowingAsserts asserts;
-      EXPECT_THROW(reader->entryIs(configOf(1, 1)), Brio::AssertionFailure);
+      EXPECT_THROW(reader->entryIs(partOf(1, 1)), Brio::AssertionFailure);
    }
    // The writer takes its segment with it; the reader keeps what it mapped.
-   writer->entryIs(configOf(1, 1));
+   writer->entryIs(partOf(1, 1));
    writer.reset();
-   EXPECT_THROW(Vault::shmTableReaderNew<TableConfig>("x", shmName), Vault::MountException);
-   EXPECT_EQ(reader->entry(1), configOf(1, 1));
+   EXPECT_THROW(Vault::shmTableReaderNew<PartTable>("x", shmName), Vault::MountException);
+   EXPECT_EQ(reader->entry(1), partOf(1, 1));
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "Vault/ShmSegment.h"
+#include "Vault/detail/ShmSegment.h"
 
 #include <fcntl.h>
 #include <signal.h>

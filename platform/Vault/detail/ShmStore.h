@@ -13,8 +13,8 @@
 
 #include "Vault/Errors.h"
 #include "Vault/ShmCodec.h"
-#include "Vault/ShmSegment.h"
 #include "Vault/Store.h"
+#include "Vault/detail/ShmSegment.h"
 
 namespace Vault {
 
@@ -58,7 +58,7 @@ class ShmStore : public Store<K, V> {
       } else {
          StoredValue stored;
          if (!readerFind(key, hash, stored)) return false;
-         value = ValueCodec::decode(stored);
+         ValueCodec::decode(stored, value);
          return true;
       }
    }
@@ -67,7 +67,7 @@ class ShmStore : public Store<K, V> {
       BRIO_ASSERT(writable());
       std::uint64_t hash = hashOf(key);
       Probe probe = writerSlot(key, hash);
-      if (probe.slot != noSlot && ValueCodec::decode(storedValue(probe.slot)) == value) {
+      if (probe.slot != noSlot && valueOf(storedValue(probe.slot)) == value) {
          return false;
       }
       StoredKey storedKey{};
@@ -215,8 +215,19 @@ class ShmStore : public Store<K, V> {
       } else {
          StoredValue stored;
          std::memcpy(&stored, bytes, sizeof stored);
-         value = ValueCodec::decode(stored);
+         ValueCodec::decode(stored, value);
       }
+   }
+
+   static K keyOf(const StoredKey& stored) {
+      K key{};
+      KeyCodec::decode(stored, key);
+      return key;
+   }
+   static V valueOf(const StoredValue& stored) {
+      V value{};
+      ValueCodec::decode(stored, value);
+      return value;
    }
 
    static std::uint32_t tagOf(std::uint64_t hash) { return static_cast<std::uint32_t>(hash >> 32); }
@@ -250,7 +261,7 @@ class ShmStore : public Store<K, V> {
             if (!firstDeleted) firstDeleted = &cell;
             continue;
          }
-         if (Shm::cellTag(c) == tag && KeyCodec::decode(storedKey(s - 1)) == key) {
+         if (Shm::cellTag(c) == tag && keyOf(storedKey(s - 1)) == key) {
             return {s - 1, cell};
          }
       }
@@ -301,7 +312,7 @@ class ShmStore : public Store<K, V> {
       }
       for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
          if (!segment_->slot(slot).live) continue;
-         std::uint64_t hash = hashOf(KeyCodec::decode(storedKey(slot)));
+         std::uint64_t hash = hashOf(keyOf(storedKey(slot)));
          std::uint64_t i = hash & mask;
          while (segment_->cell(i).load(std::memory_order_relaxed) != Shm::emptyCell) {
             i = (i + 1) & mask;
@@ -385,7 +396,7 @@ class ShmStore : public Store<K, V> {
             }
             StoredKey found;
             bool live = false;
-            if (slotRead(s - 1, found, value, live) && live && KeyCodec::decode(found) == key) {
+            if (slotRead(s - 1, found, value, live) && live && keyOf(found) == key) {
                return true;
             }
          }
@@ -402,7 +413,7 @@ class ShmStore : public Store<K, V> {
       std::memcpy(&key, segment_->ringKey(position), sizeof key);
       std::atomic_thread_fence(std::memory_order_acquire);
       if (entry.tag.load(std::memory_order_relaxed) != tag) return std::nullopt;
-      return KeyCodec::decode(key);
+      return keyOf(key);
    }
 
    // Every live key, read slot by slot.
@@ -413,9 +424,9 @@ class ShmStore : public Store<K, V> {
       bool live = false;
       for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
          if (writable()) {
-            if (segment_->slot(slot).live) keys.insert(KeyCodec::decode(storedKey(slot)));
+            if (segment_->slot(slot).live) keys.insert(keyOf(storedKey(slot)));
          } else if (slotRead(slot, key, value, live) && live) {
-            keys.insert(KeyCodec::decode(key));
+            keys.insert(keyOf(key));
          }
       }
       return keys;

@@ -6,7 +6,7 @@
 #include <string>
 #include <string_view>
 
-#include "Vault/ShmLayout.h"
+#include "Vault/detail/ShmLayout.h"
 
 namespace Vault::Shm {
 

@@ -3,7 +3,7 @@
 #include <sstream>
 #include <unordered_set>
 
-#include "Vault/Vault.h"
+#include "Vault/MbbEngine/MbbEngine.h"
 
 namespace {
 

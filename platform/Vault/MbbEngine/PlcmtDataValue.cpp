@@ -1,4 +1,4 @@
-#include "Vault/PlcmtDataValue.h"
+#include "Vault/MbbEngine/PlcmtDataValue.h"
 
 namespace {
 
