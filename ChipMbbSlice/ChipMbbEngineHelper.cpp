@@ -82,7 +82,6 @@ using Vault::MbbEngine::EntryConfig;
 using Vault::MbbEngine::EntryKey;
 using Vault::MbbEngine::EntryStatus;
 
-// What sets the kinds of batch apart in the one commit sequence.
 struct ChipMbbEngineHelper::LaneHooks {
    void (Notifiee::*onInfo)();
    void (Notifiee::*onSize)();
@@ -99,47 +98,39 @@ struct ChipMbbEngineHelper::LaneHooks {
    void (ChipMbbEngineHelper::*statusWritten)(EntryKey key);
 };
 
-const ChipMbbEngineHelper::LaneHooks& ChipMbbEngineHelper::hooksOf(LaneKind kind) {
-   // The engine learns of an ADT key once its status is out, so that what it does next for the
-   // key never overtakes the status; of a match or selector batch once, before the statuses, so
-   // that members leaving an ADT entry release it first.
-   static const LaneHooks mat{&Notifiee::onMatPlcmtInfo,
-                              &Notifiee::onMatPlcmtInfoSize,
-                              &Notifiee::onMatPlcmtInfoStatus,
-                              &Notifiee::onMatDeferFree,
-                              "processed == matPlcmtInfoSize() && \"Unexpected processed count\"",
-                              nullptr,
-                              &ChipMbbEngineHelper::matCommitted,
-                              matStatusRecord,
-                              nullptr};
-   static const LaneHooks adt{&Notifiee::onAdtPlcmtInfo,
-                              &Notifiee::onAdtPlcmtInfoSize,
-                              &Notifiee::onAdtPlcmtInfoStatus,
-                              &Notifiee::onAdtDeferFree,
-                              "processed == adtPlcmtInfoSize() && \"Unexpected processed count\"",
-                              "adtTableStatus() && \"no ADT status table\"",
-                              nullptr,
-                              adtStatusRecord,
-                              &ChipMbbEngineHelper::adtStatusWritten};
-   static const LaneHooks sel{&Notifiee::onSelPlcmtInfo,
-                              &Notifiee::onSelPlcmtInfoSize,
-                              &Notifiee::onSelPlcmtInfoStatus,
-                              &Notifiee::onSelDeferFree,
-                              "processed == selPlcmtInfoSize() && \"Unexpected processed count\"",
-                              nullptr,
-                              &ChipMbbEngineHelper::selCommitted,
-                              selStatusRecord,
-                              nullptr};
-   switch (kind) {
-      case LaneKind::mat:
-         return mat;
-      case LaneKind::adt:
-         return adt;
-      case LaneKind::sel:
-         break;
-   }
-   return sel;
-}
+// The engine learns of an ADT key once its status is out, so that what it does next for the key
+// never overtakes the status; of a match or selector batch once, before the statuses, so that
+// members leaving an ADT entry release it first.
+const ChipMbbEngineHelper::LaneHooks ChipMbbEngineHelper::matHooks{
+    &Notifiee::onMatPlcmtInfo,
+    &Notifiee::onMatPlcmtInfoSize,
+    &Notifiee::onMatPlcmtInfoStatus,
+    &Notifiee::onMatDeferFree,
+    "processed == matPlcmtInfoSize() && \"Unexpected processed count\"",
+    nullptr,
+    &ChipMbbEngineHelper::matCommitted,
+    matStatusRecord,
+    nullptr};
+const ChipMbbEngineHelper::LaneHooks ChipMbbEngineHelper::adtHooks{
+    &Notifiee::onAdtPlcmtInfo,
+    &Notifiee::onAdtPlcmtInfoSize,
+    &Notifiee::onAdtPlcmtInfoStatus,
+    &Notifiee::onAdtDeferFree,
+    "processed == adtPlcmtInfoSize() && \"Unexpected processed count\"",
+    "adtTableStatus() && \"no ADT status table\"",
+    nullptr,
+    adtStatusRecord,
+    &ChipMbbEngineHelper::adtStatusWritten};
+const ChipMbbEngineHelper::LaneHooks ChipMbbEngineHelper::selHooks{
+    &Notifiee::onSelPlcmtInfo,
+    &Notifiee::onSelPlcmtInfoSize,
+    &Notifiee::onSelPlcmtInfoStatus,
+    &Notifiee::onSelDeferFree,
+    "processed == selPlcmtInfoSize() && \"Unexpected processed count\"",
+    nullptr,
+    &ChipMbbEngineHelper::selCommitted,
+    selStatusRecord,
+    nullptr};
 
 DependencyEngineIntf* getImpl(DependencyEngineIntf* impl) {
    BRIO_ASSERT(impl && "no dependency engine");
@@ -156,9 +147,9 @@ ChipMbbEngineHelper::ChipMbbEngineHelper(std::string name,
                                          std::uint32_t maxEntries, bool testmodeArg,
                                          std::uint32_t qtId)
     : MbbEngineHelper(std::move(name), matTableStatus, maxEntries),
-      mat_(LaneKind::mat, matTableHandle, std::move(matTableStatus)),
-      adt_(LaneKind::adt, adtTableHandle, std::move(adtTableStatus)),
-      sel_(LaneKind::sel, selTableHandle, std::move(selMbrTableStatus)),
+      mat_(matTableHandle, std::move(matTableStatus)),
+      adt_(adtTableHandle, std::move(adtTableStatus)),
+      sel_(selTableHandle, std::move(selMbrTableStatus)),
       sessionHandle_(sessionHandle),
       qtId_(qtId),
       devTgt_({8, 0}),
@@ -205,16 +196,16 @@ bool ChipMbbEngineHelper::sdkCommit(std::uint32_t tblHdl, p4_pd_plcmt_info_t* in
    return true;
 }
 
-p4_pd_plcmt_info_t* ChipMbbEngineHelper::laneOpen(PlcmtLane& lane) {
-   if (!lane.info()) lane.info.is(plcmtInfoNew(), notifier(hooksOf(lane.kind).onInfo));
+p4_pd_plcmt_info_t* ChipMbbEngineHelper::laneOpen(PlcmtLane& lane, const LaneHooks& hooks) {
+   if (!lane.info()) lane.info.is(plcmtInfoNew(), notifier(hooks.onInfo));
    return lane.info();
 }
 
-void ChipMbbEngineHelper::laneOpRecorded(PlcmtLane& lane, bf_status_t status, EntryKey key,
+void ChipMbbEngineHelper::laneOpRecorded(PlcmtLane& lane, const LaneHooks& hooks,
+                                         bf_status_t status, EntryKey key,
                                          Vault::MbbEngine::OpId opId, bool queueStatus,
                                          bool removeFromStatus) {
    BRIO_ASSERT(status == BF_SUCCESS);
-   const LaneHooks& hooks = hooksOf(lane.kind);
    if (queueStatus) {
       lane.status.enq(ChipEntryStatus(EntryStatus(key, opId), removeFromStatus),
                       notifier(hooks.onStatus));
@@ -222,8 +213,7 @@ void ChipMbbEngineHelper::laneOpRecorded(PlcmtLane& lane, bf_status_t status, En
    lane.size.inc(1, notifier(hooks.onSize));
 }
 
-void ChipMbbEngineHelper::laneCommit(PlcmtLane& lane) {
-   const LaneHooks& hooks = hooksOf(lane.kind);
+void ChipMbbEngineHelper::laneCommit(PlcmtLane& lane, const LaneHooks& hooks) {
    p4_pd_plcmt_info_t* info = lane.info();
    BRIO_ASSERT(info != __null && "nothing to process");
    // However the commit ends, the batch ends with it: left open, the next operation would be
@@ -450,15 +440,17 @@ void ChipMbbEngineHelper::matInBatchNotify(EntryKey key) {
    if (isTripleTable()) getImpl(impl())->matInBatch(key);
 }
 
-void ChipMbbEngineHelper::matOpRecorded(bf_status_t status, const EntryConfig& entry,
-                                        bool removeFromStatus) {
-   laneOpRecorded(mat_, status, entry.key(), entry.opId(), matTableStatus() != nullptr,
+// The match path is the one every table takes: its lane steps are compiled into it.
+[[gnu::flatten]] void ChipMbbEngineHelper::matOpRecorded(bf_status_t status,
+                                                         const EntryConfig& entry,
+                                                         bool removeFromStatus) {
+   laneOpRecorded(mat_, matHooks, status, entry.key(), entry.opId(), matTableStatus() != nullptr,
                   removeFromStatus);
    maybeProcessMatPlcmtInfo();
 }
 
-p4_pd_plcmt_info_t* ChipMbbEngineHelper::getMatPlcmtInfo() {
-   return laneOpen(mat_);
+[[gnu::flatten]] p4_pd_plcmt_info_t* ChipMbbEngineHelper::getMatPlcmtInfo() {
+   return laneOpen(mat_, matHooks);
 }
 
 void ChipMbbEngineHelper::maybeProcessMatPlcmtInfo() {
@@ -466,10 +458,10 @@ void ChipMbbEngineHelper::maybeProcessMatPlcmtInfo() {
    if (matPlcmtInfo()) processMatPlcmtInfo();
 }
 
-void ChipMbbEngineHelper::processMatPlcmtInfo() {
+[[gnu::flatten]] void ChipMbbEngineHelper::processMatPlcmtInfo() {
    DUALLOG(sliceLog, 8, __PRETTY_FUNCTION__);
    FLASHLOG_BLOCK_TIMER(5, qtId(), ":processMatPlcmtInfo tblHdl:", FlashLog::hex(matTableHandle()));
-   laneCommit(mat_);
+   laneCommit(mat_, matHooks);
 }
 
 void ChipMbbEngineHelper::flush() {

@@ -101,10 +101,19 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
    }
    template <class... Params, class... Args>
    void notifyAll(void (Notifiee::*reactor)(Params...), const Args&... args);
-   // What the attributes call when they change.
+   // What the attributes call when they change: the reactor, on every notifiee.
    template <class... Params>
-   auto notifier(void (Notifiee::*reactor)(Params...)) {
-      return [this, reactor](const auto&... args) { notify(reactor, args...); };
+   struct Reactor {
+      template <class... Args>
+      [[gnu::always_inline]] void operator()(const Args&... args) const {
+         helper->notify(reactor, args...);
+      }
+      ChipMbbEngineHelper* helper;
+      void (Notifiee::*reactor)(Params...);
+   };
+   template <class... Params>
+   Reactor<Params...> notifier(void (Notifiee::*reactor)(Params...)) {
+      return {this, reactor};
    }
 
  public:
@@ -524,16 +533,21 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
    }
 
  private:
+   // What sets the kinds of batch apart in the one commit sequence; constants, so that a kind's
+   // commit compiles to direct calls.
    struct LaneHooks;
-   static const LaneHooks& hooksOf(LaneKind kind);
+   static const LaneHooks matHooks;
+   static const LaneHooks adtHooks;
+   static const LaneHooks selHooks;
 
    static p4_pd_plcmt_info_t* plcmtInfoNew();
-   p4_pd_plcmt_info_t* laneOpen(PlcmtLane& lane);
-   void laneOpRecorded(PlcmtLane& lane, bf_status_t status, Vault::MbbEngine::EntryKey key,
-                       Vault::MbbEngine::OpId opId, bool queueStatus, bool removeFromStatus);
+   p4_pd_plcmt_info_t* laneOpen(PlcmtLane& lane, const LaneHooks& hooks);
+   void laneOpRecorded(PlcmtLane& lane, const LaneHooks& hooks, bf_status_t status,
+                       Vault::MbbEngine::EntryKey key, Vault::MbbEngine::OpId opId,
+                       bool queueStatus, bool removeFromStatus);
    // The commit sequence every batch goes through, and the release that ends it however the
    // commit ends.
-   void laneCommit(PlcmtLane& lane);
+   void laneCommit(PlcmtLane& lane, const LaneHooks& hooks);
    void laneRelease(PlcmtLane& lane, const LaneHooks& hooks);
    // Commits a batch to the SDK unless in test mode; false when the commit was skipped, else
    // `processed` is the number of operations the SDK applied.

@@ -109,7 +109,7 @@ void ChipMbbEngineHelper::adtOpTrace(const char* op, const AdtEntryConfig& entry
 // finds.
 void ChipMbbEngineHelper::adtOpRecorded(bf_status_t status, const AdtEntryConfig& entry,
                                         bool removeFromStatus) {
-   laneOpRecorded(adt_, status, entry.key(), entry.opId(), true, removeFromStatus);
+   laneOpRecorded(adt_, adtHooks, status, entry.key(), entry.opId(), true, removeFromStatus);
    maybeProcessAdtPlcmtInfo();
 }
 
@@ -210,12 +210,12 @@ void ChipMbbEngineHelper::selOpTrace(const char* op, const SelMbrEntryConfig& en
 
 void ChipMbbEngineHelper::selOpRecorded(bf_status_t status, const SelMbrEntryConfig& entry,
                                         bool queueStatus, bool removeFromStatus) {
-   laneOpRecorded(sel_, status, entry.key(), entry.opId(), queueStatus, removeFromStatus);
+   laneOpRecorded(sel_, selHooks, status, entry.key(), entry.opId(), queueStatus, removeFromStatus);
    maybeProcessSelPlcmtInfo();
 }
 
 p4_pd_plcmt_info_t* ChipMbbEngineHelper::getAdtPlcmtInfo() {
-   return laneOpen(adt_);
+   return laneOpen(adt_, adtHooks);
 }
 
 void ChipMbbEngineHelper::maybeProcessAdtPlcmtInfo() {
@@ -226,11 +226,11 @@ void ChipMbbEngineHelper::maybeProcessAdtPlcmtInfo() {
 void ChipMbbEngineHelper::processAdtPlcmtInfo() {
    DUALLOG(sliceLog, 8, __PRETTY_FUNCTION__);
    FLASHLOG_BLOCK_TIMER(5, qtId(), ":processAdtPlcmtInfo tblHdl:", FlashLog::hex(adtTableHandle()));
-   laneCommit(adt_);
+   laneCommit(adt_, adtHooks);
 }
 
 p4_pd_plcmt_info_t* ChipMbbEngineHelper::getSelPlcmtInfo() {
-   return laneOpen(sel_);
+   return laneOpen(sel_, selHooks);
 }
 
 void ChipMbbEngineHelper::maybeProcessSelPlcmtInfo() {
@@ -241,7 +241,7 @@ void ChipMbbEngineHelper::maybeProcessSelPlcmtInfo() {
 void ChipMbbEngineHelper::processSelPlcmtInfo() {
    DUALLOG(sliceLog, 8, __PRETTY_FUNCTION__);
    FLASHLOG_BLOCK_TIMER(5, qtId(), ":processSelPlcmtInfo tblHdl:", FlashLog::hex(selTableHandle()));
-   laneCommit(sel_);
+   laneCommit(sel_, selHooks);
 }
 
 void ChipMbbEngineHelper::adtDelAck(EntryKey key) {

@@ -13,18 +13,15 @@
 
 namespace ChipMbbSlice {
 
-enum class LaneKind : std::uint8_t { mat, adt, sel };
-
 // One kind of placement batch, from the first operation recorded into it to the end of its
 // commit: the open batch and the number of operations in it, the statuses to write and the data
 // copies to free once it is committed, the SDK table it is committed to and the status table its
-// statuses go to. Every kind is committed by the same sequence; the kind says what differs.
+// statuses go to. Every kind is committed by the same sequence; the helper's hooks of the kind say
+// what differs.
 struct PlcmtLane {
-   PlcmtLane(LaneKind kind, std::uint32_t tableHandle,
-             Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable)
-       : kind(kind), tableHandle(tableHandle), statusTable(std::move(statusTable)) {}
+   PlcmtLane(std::uint32_t tableHandle, Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable)
+       : tableHandle(tableHandle), statusTable(std::move(statusTable)) {}
 
-   const LaneKind kind;
    Orb::Attribute<p4_pd_plcmt_info_t*> info;
    Orb::Counter<std::uint32_t> size;
    Orb::LinkQueueAttribute<ChipEntryStatus> status;
