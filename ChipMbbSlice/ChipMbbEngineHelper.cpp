@@ -1,14 +1,14 @@
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
 
 #include <cstdlib>
-#include <vector>
 
 #include "Brio/Brio.h"
-#include "ChipMbbSlice/PlcmtDataCopy.h"
-#include "ChipMbbSlice/TraceHex.h"
 #include "ChipMbbSlice/TraceSetup.h"
+#include "ChipMbbSlice/detail/PlcmtDataCopy.h"
+#include "ChipMbbSlice/detail/TraceHex.h"
 #include "FlashLog/FlashLog.h"
 #include "Orb/TypeRegistry.h"
+#include "Vault/Errors.h"
 
 namespace ChipMbbSlice {
 
@@ -39,11 +39,98 @@ std::ostream& operator<<(std::ostream& os, const OpIdSuffix& suffix) {
    return os;
 }
 
+// Runs `fn` when the scope is left, by return or by exception.
+template <class Fn>
+struct AtExit {
+   Fn fn;
+   ~AtExit() { fn(); }
+};
+
+void matStatusRecord(std::uint32_t qtId, const ChipEntryStatus& status) {
+   const Vault::MbbEngine::EntryStatus& entryStatus = status.entryStatus();
+   if (status.removeFromStatus()) {
+      FLASHLOG(5, qtId, ":mat status del key:", FlashLog::hex(entryStatus.key().value()));
+   } else {
+      FLASHLOG(5, qtId, ":mat status key:", FlashLog::hex(entryStatus.key().value()),
+               " opId:", FlashLog::hex(entryStatus.opId().value()));
+   }
+}
+
+void adtStatusRecord(std::uint32_t qtId, const ChipEntryStatus& status) {
+   const Vault::MbbEngine::EntryStatus& entryStatus = status.entryStatus();
+   if (status.removeFromStatus()) {
+      FLASHLOG(5, qtId, ":adt status del adtkey:", FlashLog::hex(entryStatus.key().value()));
+   } else {
+      FLASHLOG(5, qtId, ":adt status adtkey:", FlashLog::hex(entryStatus.key().value()),
+               " opId:", FlashLog::hex(entryStatus.opId().value()));
+   }
+}
+
+void selStatusRecord(std::uint32_t qtId, const ChipEntryStatus& status) {
+   const Vault::MbbEngine::EntryStatus& entryStatus = status.entryStatus();
+   if (status.removeFromStatus()) {
+      FLASHLOG(5, qtId, ":selmbr status del key:", FlashLog::hex(entryStatus.key().value()));
+   } else {
+      FLASHLOG(5, qtId, ":selmbr status key:", FlashLog::hex(entryStatus.key().value()),
+               " opId:", FlashLog::hex(entryStatus.opId().value()));
+   }
+}
+
 }  // namespace
 
 using Vault::MbbEngine::EntryConfig;
 using Vault::MbbEngine::EntryKey;
 using Vault::MbbEngine::EntryStatus;
+
+struct ChipMbbEngineHelper::LaneHooks {
+   void (Notifiee::*onInfo)();
+   void (Notifiee::*onSize)();
+   void (Notifiee::*onStatus)(std::uint32_t);
+   void (Notifiee::*onDeferFree)(std::uint32_t);
+   const char* processedCountAssert;
+   // Set where queued statuses without a status table are a broken invariant; elsewhere they
+   // are not written.
+   const char* noStatusTableAssert;
+   // The dependency engine's word that the batch is committed, before its statuses are written.
+   void (ChipMbbEngineHelper::*committed)();
+   void (*statusRecord)(std::uint32_t qtId, const ChipEntryStatus& status);
+   // The dependency engine's word for each key whose status is out.
+   void (ChipMbbEngineHelper::*statusWritten)(EntryKey key);
+};
+
+// The engine learns of an ADT key once its status is out, so that what it does next for the key
+// never overtakes the status; of a match or selector batch once, before the statuses, so that
+// members leaving an ADT entry release it first.
+const ChipMbbEngineHelper::LaneHooks ChipMbbEngineHelper::matHooks{
+    &Notifiee::onMatPlcmtInfo,
+    &Notifiee::onMatPlcmtInfoSize,
+    &Notifiee::onMatPlcmtInfoStatus,
+    &Notifiee::onMatDeferFree,
+    "processed == matPlcmtInfoSize() && \"Unexpected processed count\"",
+    nullptr,
+    &ChipMbbEngineHelper::matCommitted,
+    matStatusRecord,
+    nullptr};
+const ChipMbbEngineHelper::LaneHooks ChipMbbEngineHelper::adtHooks{
+    &Notifiee::onAdtPlcmtInfo,
+    &Notifiee::onAdtPlcmtInfoSize,
+    &Notifiee::onAdtPlcmtInfoStatus,
+    &Notifiee::onAdtDeferFree,
+    "processed == adtPlcmtInfoSize() && \"Unexpected processed count\"",
+    "adtTableStatus() && \"no ADT status table\"",
+    nullptr,
+    adtStatusRecord,
+    &ChipMbbEngineHelper::adtStatusWritten};
+const ChipMbbEngineHelper::LaneHooks ChipMbbEngineHelper::selHooks{
+    &Notifiee::onSelPlcmtInfo,
+    &Notifiee::onSelPlcmtInfoSize,
+    &Notifiee::onSelPlcmtInfoStatus,
+    &Notifiee::onSelDeferFree,
+    "processed == selPlcmtInfoSize() && \"Unexpected processed count\"",
+    nullptr,
+    &ChipMbbEngineHelper::selCommitted,
+    selStatusRecord,
+    nullptr};
 
 DependencyEngineIntf* getImpl(DependencyEngineIntf* impl) {
    BRIO_ASSERT(impl && "no dependency engine");
@@ -60,25 +147,22 @@ ChipMbbEngineHelper::ChipMbbEngineHelper(std::string name,
                                          std::uint32_t maxEntries, bool testmodeArg,
                                          std::uint32_t qtId)
     : MbbEngineHelper(std::move(name), matTableStatus, maxEntries),
-      adtTableStatus_(std::move(adtTableStatus)),
-      selGrpTableStatus_(std::move(selGrpTableStatus)),
-      selMbrTableStatus_(std::move(selMbrTableStatus)),
+      mat_(matTableHandle, std::move(matTableStatus)),
+      adt_(adtTableHandle, std::move(adtTableStatus)),
+      sel_(selTableHandle, std::move(selMbrTableStatus)),
       sessionHandle_(sessionHandle),
-      matTableHandle_(matTableHandle),
-      adtTableHandle_(adtTableHandle),
-      selTableHandle_(selTableHandle),
       qtId_(qtId),
-      devTgt_{8, 0},
+      devTgt_({8, 0}),
       testmode_(testmodeArg),
-      matTableStatus_(std::move(matTableStatus)) {
+      selGrpTableStatus_(std::move(selGrpTableStatus)) {
    handleInitialized();
 }
 
 ChipMbbEngineHelper::~ChipMbbEngineHelper() = default;
 
-void ChipMbbEngineHelper::matTableStatusIs(const Orb::Ptr<Vault::MbbEngine::TableStatus>& value) {
+void ChipMbbEngineHelper::matTableStatusIs(const StatusTablePtr& value) {
    tableStatusIs(value);
-   attrIs(matTableStatus_, value, &Notifiee::onMatTableStatus);
+   mat_.statusTable.is(value, notifier(&Notifiee::onMatTableStatus));
 }
 
 void ChipMbbEngineHelper::handleInitialized() {
@@ -91,31 +175,6 @@ void ChipMbbEngineHelper::handleInitialized() {
    } else {
       BRIO_ASSERT(adtTableHandle() != 0 && selTableHandle() != 0 && "need both tables");
    }
-}
-
-std::uint64_t ChipMbbEngineHelper::adtBlobShadow(EntryKey key) const {
-   auto it = adtBlobShadow_.find(key);
-   return it == adtBlobShadow_.end() ? 0 : it->second;
-}
-
-void ChipMbbEngineHelper::adtBlobShadowIs(EntryKey key, std::uint64_t value) {
-   auto [it, inserted] = adtBlobShadow_.try_emplace(key, value);
-   if (!inserted) {
-      if (it->second == value) return;
-      it->second = value;
-   }
-   notify(&Notifiee::onAdtBlobShadow, key);
-}
-
-void ChipMbbEngineHelper::adtBlobShadowDel(EntryKey key) {
-   if (adtBlobShadow_.erase(key) != 0) notify(&Notifiee::onAdtBlobShadow, key);
-}
-
-void ChipMbbEngineHelper::adtBlobShadowDelAll() {
-   std::vector<EntryKey> keys;
-   keys.reserve(adtBlobShadow_.size());
-   for (const auto& [key, value] : adtBlobShadow_) keys.push_back(key);
-   for (EntryKey key : keys) adtBlobShadowDel(key);
 }
 
 p4_pd_plcmt_info_t* ChipMbbEngineHelper::plcmtInfoNew() {
@@ -137,28 +196,126 @@ bool ChipMbbEngineHelper::sdkCommit(std::uint32_t tblHdl, p4_pd_plcmt_info_t* in
    return true;
 }
 
-void ChipMbbEngineHelper::deferFreeDrain(Orb::LinkQueue<std::uint64_t>& queue,
-                                         void (Notifiee::*reactor)(std::uint32_t)) {
-   while (!queue.empty()) {
-      void* dataPtr = reinterpret_cast<void*>(queueDeq(queue, reactor));
+p4_pd_plcmt_info_t* ChipMbbEngineHelper::laneOpen(PlcmtLane& lane, const LaneHooks& hooks) {
+   if (!lane.info()) lane.info.is(plcmtInfoNew(), notifier(hooks.onInfo));
+   return lane.info();
+}
+
+void ChipMbbEngineHelper::laneOpRecorded(PlcmtLane& lane, const LaneHooks& hooks,
+                                         bf_status_t status, EntryKey key,
+                                         Vault::MbbEngine::OpId opId, bool queueStatus,
+                                         bool removeFromStatus) {
+   BRIO_ASSERT(status == BF_SUCCESS);
+   if (queueStatus) {
+      lane.status.enq(ChipEntryStatus(EntryStatus(key, opId), removeFromStatus),
+                      notifier(hooks.onStatus));
+   }
+   lane.size.inc(1, notifier(hooks.onSize));
+}
+
+void ChipMbbEngineHelper::laneCommit(PlcmtLane& lane, const LaneHooks& hooks) {
+   p4_pd_plcmt_info_t* info = lane.info();
+   BRIO_ASSERT(info != __null && "nothing to process");
+   // However the commit ends, the batch ends with it: left open, the next operation would be
+   // recorded into it and commit it again, which the SDK refuses.
+   AtExit release{[&] { laneRelease(lane, hooks); }};
+   std::uint32_t processed = 0;
+   if (sdkCommit(lane.tableHandle(), info, processed) && processed != lane.size()) {
+      Brio::assertFailed(hooks.processedCountAssert, __FILE__, __LINE__);
+   }
+   deferFreeDrain(lane, hooks);
+   if (hooks.committed) (this->*hooks.committed)();
+   statusesWrite(lane, hooks);
+}
+
+// After a whole commit the queues are empty and this only releases the batch. A commit cut
+// short by an exception leaves data copies, which nothing needs once the batch is destroyed, and
+// statuses, which are dropped with a trace rather than written after the failure: the exception
+// is the caller's to handle, and the audit, which compares status with hardware, flags the keys
+// left without the status they should have.
+void ChipMbbEngineHelper::laneRelease(PlcmtLane& lane, const LaneHooks& hooks) {
+   while (!lane.deferFree.empty()) {
+      std::free(reinterpret_cast<void*>(lane.deferFree.deq(notifier(hooks.onDeferFree))));
+   }
+   while (!lane.status.empty()) {
+      const EntryStatus dropped = lane.status.deq(notifier(hooks.onStatus)).entryStatus();
+      DUALLOG(sliceLog, 0,
+              "Dropping status of an unfinished commit: tblHdl=" << TraceHex{lane.tableHandle()}
+                                                                 << ", key=" << dropped.key()
+                                                                 << ", opId=" << dropped.opId());
+      FLASHLOG(0, qtId(), ":status dropped key:", FlashLog::hex(dropped.key().value()),
+               " opId:", FlashLog::hex(dropped.opId().value()));
+   }
+   p4_pd_destroy_plcmt_info(lane.info());
+   lane.info.is(nullptr, notifier(hooks.onInfo));
+   lane.size.is(0, notifier(hooks.onSize));
+}
+
+void ChipMbbEngineHelper::deferFreeDrain(PlcmtLane& lane, const LaneHooks& hooks) {
+   while (!lane.deferFree.empty()) {
+      void* dataPtr = reinterpret_cast<void*>(lane.deferFree.deq(notifier(hooks.onDeferFree)));
       BRIO_ASSERT(dataPtr);
       std::free(dataPtr);
    }
 }
 
-void ChipMbbEngineHelper::statusWrite(Vault::MbbEngine::TableStatus& table, std::uint32_t tblHdl,
+void ChipMbbEngineHelper::statusesWrite(PlcmtLane& lane, const LaneHooks& hooks) {
+   if (lane.status.empty()) return;
+   if (!lane.statusTable()) {
+      if (hooks.noStatusTableAssert) {
+         Brio::assertFailed(hooks.noStatusTableAssert, __FILE__, __LINE__);
+      }
+      return;
+   }
+   while (!lane.status.empty()) {
+      const ChipEntryStatus status = lane.status.deq(notifier(hooks.onStatus));
+      statusWrite(lane, hooks, status);
+      if (hooks.statusWritten) (this->*hooks.statusWritten)(status.entryStatus().key());
+   }
+}
+
+void ChipMbbEngineHelper::statusWrite(const PlcmtLane& lane, const LaneHooks& hooks,
                                       const ChipEntryStatus& status) {
+   hooks.statusRecord(qtId(), status);
    const EntryStatus& entryStatus = status.entryStatus();
+   Vault::MbbEngine::TableStatus& table = *lane.statusTable();
    if (status.removeFromStatus()) {
       DUALLOG(sliceLog, 5,
-              "Delete status for: tblHdl=" << TraceHex{tblHdl} << ", key=" << entryStatus.key());
+              "Delete status for: tblHdl=" << TraceHex{lane.tableHandle()}
+                                           << ", key=" << entryStatus.key());
       table.entryDel(entryStatus.key());
-   } else {
-      DUALLOG(sliceLog, 5,
-              "Setting status for: tblHdl=" << TraceHex{tblHdl} << ", key=" << entryStatus.key()
-                                            << ", opId=" << entryStatus.opId());
-      table.entryIs(entryStatus);
+      return;
    }
+   DUALLOG(sliceLog, 5,
+           "Setting status for: tblHdl=" << TraceHex{lane.tableHandle()} << ", key="
+                                         << entryStatus.key() << ", opId=" << entryStatus.opId());
+   try {
+      table.entryIs(entryStatus);
+   } catch (const Vault::TableFullException& e) {
+      // More keys than the status table holds is the publisher's doing, and the operation is in
+      // hardware: the key goes without status, which the audit reports and the engine rewrites
+      // when the key is offered again. Caught here rather than left to the caller, since flush
+      // and the dependency engine's calls have no one to catch it, and the statuses after this
+      // one, and the dependency engine's word for them, must still go out.
+      DUALLOG(sliceLog, 0,
+              "No room for status: tblHdl=" << TraceHex{lane.tableHandle()}
+                                            << ", key=" << entryStatus.key()
+                                            << ", opId=" << entryStatus.opId() << ": " << e.what());
+      FLASHLOG(0, qtId(), ":status full key:", FlashLog::hex(entryStatus.key().value()),
+               " opId:", FlashLog::hex(entryStatus.opId().value()));
+   }
+}
+
+void ChipMbbEngineHelper::matCommitted() {
+   if (isTripleTable()) getImpl(impl())->processedMat();
+}
+
+void ChipMbbEngineHelper::selCommitted() {
+   getImpl(impl())->processedSel();
+}
+
+void ChipMbbEngineHelper::adtStatusWritten(EntryKey key) {
+   getImpl(impl())->processedAdt(key);
 }
 
 void ChipMbbEngineHelper::addEntry(const EntryConfig& entry) {
@@ -283,20 +440,17 @@ void ChipMbbEngineHelper::matInBatchNotify(EntryKey key) {
    if (isTripleTable()) getImpl(impl())->matInBatch(key);
 }
 
-void ChipMbbEngineHelper::matOpRecorded(bf_status_t status, const EntryConfig& entry,
-                                        bool removeFromStatus) {
-   BRIO_ASSERT(status == BF_SUCCESS);
-   if (matTableStatus()) {
-      matPlcmtInfoStatusEnq(
-          ChipEntryStatus(EntryStatus(entry.key(), entry.opId()), removeFromStatus));
-   }
-   matPlcmtInfoSizeInc(1);
+// The match path is the one every table takes: its lane steps are compiled into it.
+[[gnu::flatten]] void ChipMbbEngineHelper::matOpRecorded(bf_status_t status,
+                                                         const EntryConfig& entry,
+                                                         bool removeFromStatus) {
+   laneOpRecorded(mat_, matHooks, status, entry.key(), entry.opId(), matTableStatus() != nullptr,
+                  removeFromStatus);
    maybeProcessMatPlcmtInfo();
 }
 
-p4_pd_plcmt_info_t* ChipMbbEngineHelper::getMatPlcmtInfo() {
-   if (!matPlcmtInfo()) matPlcmtInfoIs(plcmtInfoNew());
-   return matPlcmtInfo();
+[[gnu::flatten]] p4_pd_plcmt_info_t* ChipMbbEngineHelper::getMatPlcmtInfo() {
+   return laneOpen(mat_, matHooks);
 }
 
 void ChipMbbEngineHelper::maybeProcessMatPlcmtInfo() {
@@ -304,34 +458,10 @@ void ChipMbbEngineHelper::maybeProcessMatPlcmtInfo() {
    if (matPlcmtInfo()) processMatPlcmtInfo();
 }
 
-void ChipMbbEngineHelper::processMatPlcmtInfo() {
+[[gnu::flatten]] void ChipMbbEngineHelper::processMatPlcmtInfo() {
    DUALLOG(sliceLog, 8, __PRETTY_FUNCTION__);
    FLASHLOG_BLOCK_TIMER(5, qtId(), ":processMatPlcmtInfo tblHdl:", FlashLog::hex(matTableHandle()));
-   p4_pd_plcmt_info_t* info = matPlcmtInfo();
-   BRIO_ASSERT(info != __null && "nothing to process");
-   std::uint32_t processed = 0;
-   if (sdkCommit(matTableHandle(), info, processed)) {
-      BRIO_ASSERT(processed == matPlcmtInfoSize() && "Unexpected processed count");
-   }
-   deferFreeDrain(matDeferFree_, &Notifiee::onMatDeferFree);
-   if (isTripleTable()) getImpl(impl())->processedMat();
-   if (matTableStatus()) {
-      while (!matPlcmtInfoStatus_.empty()) matStatusWrite(matPlcmtInfoStatusDeq());
-   }
-   p4_pd_destroy_plcmt_info(info);
-   matPlcmtInfoIs(nullptr);
-   matPlcmtInfoSizeIs(0);
-}
-
-void ChipMbbEngineHelper::matStatusWrite(const ChipEntryStatus& status) {
-   const EntryStatus& entryStatus = status.entryStatus();
-   if (status.removeFromStatus()) {
-      FLASHLOG(5, qtId(), ":mat status del key:", FlashLog::hex(entryStatus.key().value()));
-   } else {
-      FLASHLOG(5, qtId(), ":mat status key:", FlashLog::hex(entryStatus.key().value()),
-               " opId:", FlashLog::hex(entryStatus.opId().value()));
-   }
-   statusWrite(*matTableStatus(), matTableHandle(), status);
+   laneCommit(mat_, matHooks);
 }
 
 void ChipMbbEngineHelper::flush() {

@@ -8,5 +8,4 @@
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
 #include "ChipMbbSlice/DependencyEngineIntf.h"
 #include "ChipMbbSlice/LinkQueueMetadataValue.h"
-#include "ChipMbbSlice/PlcmtDataCopy.h"
 #include "ChipMbbSlice/TraceSetup.h"

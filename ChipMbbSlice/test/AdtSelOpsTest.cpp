@@ -147,17 +147,15 @@ TEST_F(AdtSelOps, SelectorOperationsReachTheChipAndWriteMemberStatus) {
    EXPECT_EQ(sel.member(0, baseIndex + 1, 3), nullptr);
    EXPECT_EQ(selMbrStatus->entry(key), EntryStatus(key, 0x14));
 
-   EXPECT_EQ(helper->numSelAddOps(), 3u);
-   EXPECT_EQ(helper->numSelDelOps(), 3u);
-   EXPECT_EQ(helper->numSelActivateOps(), 1u);
-   EXPECT_EQ(helper->numSelDeactivateOps(), 1u);
-   EXPECT_EQ(helper->numSelSetFallbackOps(), 1u);
-   EXPECT_EQ(helper->numSelClrFallbackOps(), 1u);
+   EXPECT_EQ(
+       std::vector<std::uint64_t>({helper->numSelAddOps(), helper->numSelDelOps(),
+                                   helper->numSelActivateOps(), helper->numSelDeactivateOps(),
+                                   helper->numSelSetFallbackOps(), helper->numSelClrFallbackOps()}),
+       std::vector<std::uint64_t>({3, 3, 1, 1, 1, 1}));
    EXPECT_EQ(std::vector<std::string>(10, "processedSel"), engine.calls);
+   // A data copy for each add and set-fallback, each freed at its commit.
    EXPECT_EQ(helper->selDeferFreeSize(), 0u);
    EXPECT_EQ(helper->selDeferFreeMetadata().next(), 4u);
-   EXPECT_FALSE(helper->hasSelBatch());
-
    helper->delAdtEntry(AdtEntryConfig(0xA1, 0x1, 1));
    helper->delAdtEntry(AdtEntryConfig(0xA2, 0x1, 2));
 }
@@ -181,17 +179,15 @@ TEST_F(AdtSelOps, SelectorEngineHearsOfTheCommitBeforeMemberStatuses) {
 }
 
 TEST_F(AdtSelOps, WithoutMemberStatusTableSelectorOperationsQueueNothing) {
-   auto helper = tripleHelper();
+   auto helper = tripleHelper(true);
    helper->selMbrTableStatusIs(nullptr);
    helper->addAdtEntry(adtEntry(0xA1, 0x1, 1));
-   const SelMbrEntryKey key(grpKey, 0, 0);
-   helper->addSelEntry(mbrEntry(key, 0x10, 0xA1), grpHdl, baseIndex, 1, false);
+   helper->addSelEntry(mbrEntry(SelMbrEntryKey(grpKey, 0, 0), 0x10, 0xA1), grpHdl, baseIndex, 1,
+                       false);
    helper->setFallbackSelEntry(mbrEntry(SelMbrEntryKey(fallbackGrpKey, 0, 0), 0x11, 0xA1), 1);
-   EXPECT_NE(selTable().member(0, baseIndex, 0), nullptr);
+   EXPECT_EQ(helper->numSelAddOps() + helper->numSelSetFallbackOps(), 2u);
    EXPECT_EQ(helper->selPlcmtInfoStatusMetadata().next(), 0u);
    EXPECT_EQ(selMbrStatus->size(), 0u);
-   helper->clrFallbackSelEntry(mbrEntry(SelMbrEntryKey(fallbackGrpKey, 0, 0), 0x11, 0xA1), 1);
-   helper->delSelEntry(mbrEntry(key, 0x10, 0xA1), grpHdl, baseIndex, 1, false);
    helper->delAdtEntry(AdtEntryConfig(0xA1, 0x1, 1));
 }
 
@@ -234,24 +230,20 @@ TEST_F(AdtSelOps, ShadowAndTableAssertions) {
              "info != __null && \"nothing to process\"");
 
    // The status of an ADT operation is queued without a status table; the commit needs it.
+   // The batch ends with the failed commit, its copies freed and its status dropped.
    helper->adtTableStatusIs(nullptr);
    EXPECT_EQ(assertionOf([&] { helper->delAdtEntry(AdtEntryConfig(0xA1, 0x1, 1)); }),
              "adtTableStatus() && \"no ADT status table\"");
    EXPECT_EQ(adtTable().entry(1), nullptr);
-   EXPECT_EQ(helper->adtBlobShadowSize(), 0u);
-   EXPECT_EQ(helper->adtDeferFreeSize(), 0u);
-   p4_pd_destroy_plcmt_info(helper->adtPlcmtInfo());
-   helper->adtPlcmtInfoIs(nullptr);
-   helper->adtPlcmtInfoSizeIs(0);
+   EXPECT_EQ(helper->adtBlobShadowSize() + helper->adtDeferFreeSize(), 0u);
+   EXPECT_EQ(helper->adtPlcmtInfoStatusSize(), 0u);
+   EXPECT_FALSE(helper->hasAdtBatch());
 }
 
 TEST_F(AdtSelOps, DirectStatusWrites) {
-   DualLog::CaptureSink capture;
-   capture.levelIs("ChipMbbSlice", 9);
    auto helper = tripleHelper();
    helper->adtDelAck(0xA1);
-   EXPECT_EQ(adtStatus->entry(0xA1), EntryStatus(0xA1, delAck));
-   EXPECT_EQ(delAck, OpId(0xFFFFFFFFFFFF0000ULL));
+   EXPECT_EQ(adtStatus->entry(0xA1), EntryStatus(0xA1, OpId(0xFFFFFFFFFFFF0000ULL)));
    helper->adtDelStatus(0xA1);
    EXPECT_FALSE(adtStatus->present(0xA1));
 
@@ -270,11 +262,6 @@ TEST_F(AdtSelOps, DirectStatusWrites) {
    helper->selMbrDelStatus(key);
    EXPECT_FALSE(selMbrStatus->present(key));
    EXPECT_EQ(adtStatus->size() + selGrpStatus->size() + selMbrStatus->size(), 0u);
-   EXPECT_TRUE(capture.contains(
-       "void ChipMbbSlice::ChipMbbEngineHelper::adtDelAck(Vault::MbbEngine::EntryKey) key:0xa1"));
-   EXPECT_TRUE(capture.contains(
-       "void ChipMbbSlice::ChipMbbEngineHelper::selMbrSetStatus(Vault::MbbEngine::EntryKey, "
-       "Vault::MbbEngine::OpId) key:0x28081"));
 
    // A table without such a status collection is left alone.
    auto single = singleHelper();

@@ -59,8 +59,8 @@ class StatusWatch : public TableStatus::Notifiee {
 constexpr std::uint32_t sessionHdl = 7;
 constexpr std::uint32_t qtIdOfTest = 42;
 
-inline Orb::Ptr<TableStatus> statusTableNew(const std::string& name) {
-   auto table = Vault::MbbEngine::tableStatusFactory(name);
+inline Orb::Ptr<TableStatus> statusTableNew(const std::string& name, std::size_t capacity = 0) {
+   auto table = Vault::MbbEngine::tableStatusFactory(name, Vault::MapDescriptor{capacity});
    table->mountedIs(true);
    return table;
 }

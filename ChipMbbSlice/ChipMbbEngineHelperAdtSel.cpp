@@ -1,14 +1,13 @@
 // The action data and selector side of the placement helper, driven by the dependency engine
 // of a triple table.
 
-#include <cstdlib>
 #include <optional>
 
 #include "Brio/Brio.h"
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
-#include "ChipMbbSlice/PlcmtDataCopy.h"
-#include "ChipMbbSlice/TraceHex.h"
 #include "ChipMbbSlice/TraceSetup.h"
+#include "ChipMbbSlice/detail/PlcmtDataCopy.h"
+#include "ChipMbbSlice/detail/TraceHex.h"
 #include "FlashLog/FlashLog.h"
 
 namespace ChipMbbSlice {
@@ -106,11 +105,11 @@ void ChipMbbEngineHelper::adtOpTrace(const char* op, const AdtEntryConfig& entry
                             << TraceHex{entry.mbrHdl()} << ", opId=" << entry.opId());
 }
 
+// An ADT operation queues its status even without a status table, whose absence the commit then
+// finds.
 void ChipMbbEngineHelper::adtOpRecorded(bf_status_t status, const AdtEntryConfig& entry,
                                         bool removeFromStatus) {
-   BRIO_ASSERT(status == BF_SUCCESS);
-   adtPlcmtInfoStatusEnq(ChipEntryStatus(EntryStatus(entry.key(), entry.opId()), removeFromStatus));
-   adtPlcmtInfoSizeInc(1);
+   laneOpRecorded(adt_, adtHooks, status, entry.key(), entry.opId(), true, removeFromStatus);
    maybeProcessAdtPlcmtInfo();
 }
 
@@ -211,18 +210,12 @@ void ChipMbbEngineHelper::selOpTrace(const char* op, const SelMbrEntryConfig& en
 
 void ChipMbbEngineHelper::selOpRecorded(bf_status_t status, const SelMbrEntryConfig& entry,
                                         bool queueStatus, bool removeFromStatus) {
-   BRIO_ASSERT(status == BF_SUCCESS);
-   if (queueStatus) {
-      selPlcmtInfoStatusEnq(
-          ChipEntryStatus(EntryStatus(entry.key(), entry.opId()), removeFromStatus));
-   }
-   selPlcmtInfoSizeInc(1);
+   laneOpRecorded(sel_, selHooks, status, entry.key(), entry.opId(), queueStatus, removeFromStatus);
    maybeProcessSelPlcmtInfo();
 }
 
 p4_pd_plcmt_info_t* ChipMbbEngineHelper::getAdtPlcmtInfo() {
-   if (!adtPlcmtInfo()) adtPlcmtInfoIs(plcmtInfoNew());
-   return adtPlcmtInfo();
+   return laneOpen(adt_, adtHooks);
 }
 
 void ChipMbbEngineHelper::maybeProcessAdtPlcmtInfo() {
@@ -233,40 +226,11 @@ void ChipMbbEngineHelper::maybeProcessAdtPlcmtInfo() {
 void ChipMbbEngineHelper::processAdtPlcmtInfo() {
    DUALLOG(sliceLog, 8, __PRETTY_FUNCTION__);
    FLASHLOG_BLOCK_TIMER(5, qtId(), ":processAdtPlcmtInfo tblHdl:", FlashLog::hex(adtTableHandle()));
-   p4_pd_plcmt_info_t* info = adtPlcmtInfo();
-   BRIO_ASSERT(info != __null && "nothing to process");
-   std::uint32_t processed = 0;
-   if (sdkCommit(adtTableHandle(), info, processed)) {
-      BRIO_ASSERT(processed == adtPlcmtInfoSize() && "Unexpected processed count");
-   }
-   deferFreeDrain(adtDeferFree_, &Notifiee::onAdtDeferFree);
-   // The engine learns of each key once its status is out, so that what it does next for
-   // the key never overtakes the status.
-   while (!adtPlcmtInfoStatus_.empty()) {
-      ChipEntryStatus status = adtPlcmtInfoStatusDeq();
-      adtStatusWrite(status);
-      getImpl(impl())->processedAdt(status.entryStatus().key());
-   }
-   p4_pd_destroy_plcmt_info(info);
-   adtPlcmtInfoIs(nullptr);
-   adtPlcmtInfoSizeIs(0);
-}
-
-void ChipMbbEngineHelper::adtStatusWrite(const ChipEntryStatus& status) {
-   const EntryStatus& entryStatus = status.entryStatus();
-   if (status.removeFromStatus()) {
-      FLASHLOG(5, qtId(), ":adt status del adtkey:", FlashLog::hex(entryStatus.key().value()));
-   } else {
-      FLASHLOG(5, qtId(), ":adt status adtkey:", FlashLog::hex(entryStatus.key().value()),
-               " opId:", FlashLog::hex(entryStatus.opId().value()));
-   }
-   BRIO_ASSERT(adtTableStatus() && "no ADT status table");
-   statusWrite(*adtTableStatus(), adtTableHandle(), status);
+   laneCommit(adt_, adtHooks);
 }
 
 p4_pd_plcmt_info_t* ChipMbbEngineHelper::getSelPlcmtInfo() {
-   if (!selPlcmtInfo()) selPlcmtInfoIs(plcmtInfoNew());
-   return selPlcmtInfo();
+   return laneOpen(sel_, selHooks);
 }
 
 void ChipMbbEngineHelper::maybeProcessSelPlcmtInfo() {
@@ -277,30 +241,7 @@ void ChipMbbEngineHelper::maybeProcessSelPlcmtInfo() {
 void ChipMbbEngineHelper::processSelPlcmtInfo() {
    DUALLOG(sliceLog, 8, __PRETTY_FUNCTION__);
    FLASHLOG_BLOCK_TIMER(5, qtId(), ":processSelPlcmtInfo tblHdl:", FlashLog::hex(selTableHandle()));
-   p4_pd_plcmt_info_t* info = selPlcmtInfo();
-   BRIO_ASSERT(info != __null && "nothing to process");
-   std::uint32_t processed = 0;
-   if (sdkCommit(selTableHandle(), info, processed)) {
-      BRIO_ASSERT(processed == selPlcmtInfoSize() && "Unexpected processed count");
-   }
-   deferFreeDrain(selDeferFree_, &Notifiee::onSelDeferFree);
-   // Members that left an ADT entry release it now, before their statuses are written.
-   getImpl(impl())->processedSel();
-   while (!selPlcmtInfoStatus_.empty()) selStatusWrite(selPlcmtInfoStatusDeq());
-   p4_pd_destroy_plcmt_info(info);
-   selPlcmtInfoIs(nullptr);
-   selPlcmtInfoSizeIs(0);
-}
-
-void ChipMbbEngineHelper::selStatusWrite(const ChipEntryStatus& status) {
-   const EntryStatus& entryStatus = status.entryStatus();
-   if (status.removeFromStatus()) {
-      FLASHLOG(5, qtId(), ":selmbr status del key:", FlashLog::hex(entryStatus.key().value()));
-   } else {
-      FLASHLOG(5, qtId(), ":selmbr status key:", FlashLog::hex(entryStatus.key().value()),
-               " opId:", FlashLog::hex(entryStatus.opId().value()));
-   }
-   statusWrite(*selMbrTableStatus(), selTableHandle(), status);
+   laneCommit(sel_, selHooks);
 }
 
 void ChipMbbEngineHelper::adtDelAck(EntryKey key) {

@@ -1,4 +1,4 @@
-#include "ChipMbbSlice/PlcmtDataCopy.h"
+#include "ChipMbbSlice/detail/PlcmtDataCopy.h"
 
 #include <cstdint>
 #include <cstdlib>
