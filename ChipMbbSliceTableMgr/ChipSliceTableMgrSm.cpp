@@ -80,126 +80,9 @@ ChipSliceTableMgrSm::ChipSliceTableMgrSm(
 // Tables are not unmounted here: whoever drops the manager drops the agent's state with it.
 ChipSliceTableMgrSm::~ChipSliceTableMgrSm() = default;
 
-Orb::Ptr<MbbEngine::MbbEngineSm> ChipSliceTableMgrSm::mbbEngineSm(const Key& key) const {
-   auto it = mbbEngineSm_.find(key);
-   return it == mbbEngineSm_.end() ? nullptr : it->second;
-}
-
-void ChipSliceTableMgrSm::mbbEngineSmIs(const Key& key, Orb::Ptr<MbbEngine::MbbEngineSm> engine) {
-   if (!engine) Orb::throwNullParameter("mbbEngineSm", mgrType);
-   auto& slot = mbbEngineSm_[key];
-   if (slot == engine) return;
-   slot = std::move(engine);
-   notify(&Notifiee::onMbbEngineSm, key);
-}
-
-void ChipSliceTableMgrSm::mbbEngineSmDel(const Key& key) {
-   auto it = mbbEngineSm_.find(key);
-   if (it == mbbEngineSm_.end()) return;
-   // The engine takes its entries out of hardware as it goes; it must be out of the map
-   // before, so that nothing reaches it through the manager meanwhile.
-   Orb::Ptr<MbbEngine::MbbEngineSm> engine = std::move(it->second);
-   mbbEngineSm_.erase(it);
-   engine.reset();
-   notify(&Notifiee::onMbbEngineSm, key);
-}
-
-void ChipSliceTableMgrSm::mbbEngineSmDelAll() {
-   while (!mbbEngineSm_.empty()) mbbEngineSmDel(mbbEngineSm_.begin()->first);
-}
-
-void ChipSliceTableMgrSm::maxPublishedInstanceIdIs(std::uint16_t id) {
-   if (id == maxPublishedInstanceId_) return;
-   maxPublishedInstanceId_ = id;
-   notify(&Notifiee::onMaxPublishedInstanceId);
-}
-
-void ChipSliceTableMgrSm::allowUnmountIs(bool allow) {
-   if (allow == allowUnmount_) return;
-   allowUnmount_ = allow;
-   notify(&Notifiee::onAllowUnmount);
-}
-
-void ChipSliceTableMgrSm::tableAuditMgrSmIs(Orb::Ptr<TableAuditRegistry> mgr) {
-   if (mgr == tableAuditMgrSm_) return;
-   tableAuditMgrSm_ = std::move(mgr);
-   notify(&Notifiee::onTableAuditMgrSm);
-   handleTableAuditMgrSm();
-}
-
-void ChipSliceTableMgrSm::initializedIs(bool initialized) {
-   if (initialized == initialized_) return;
-   initialized_ = initialized;
-   notify(&Notifiee::onInitialized);
-}
-
-ChipSliceTableMgrSm::MountEntry ChipSliceTableMgrSm::mountInfo(const Key& key) const {
-   auto it = mountInfo_.find(key);
-   return it == mountInfo_.end() ? MountEntry() : it->second;
-}
-
-void ChipSliceTableMgrSm::mountInfoIs(const Key& key, const MountEntry& entry) {
-   auto [it, added] = mountInfo_.try_emplace(key, entry);
-   if (!added) {
-      if (it->second == entry) return;
-      it->second = entry;
-   }
-   notify(&Notifiee::onMountInfo, key);
-}
-
-void ChipSliceTableMgrSm::mountInfoDel(const Key& key) {
-   if (mountInfo_.erase(key) == 0) return;
-   notify(&Notifiee::onMountInfo, key);
-}
-
-void ChipSliceTableMgrSm::mountInfoDelAll() {
-   while (!mountInfo_.empty()) mountInfoDel(mountInfo_.begin()->first);
-}
-
-Orb::Ptr<DebugIntf> ChipSliceTableMgrSm::debug(const Key& key) const {
-   auto it = debug_.find(key);
-   return it == debug_.end() ? nullptr : it->second;
-}
-
 Orb::Ptr<DebugIntf> ChipSliceTableMgrSm::debugIs(const Key& key) {
-   auto& slot = debug_[key];
-   if (slot) return slot;
-   slot = Orb::ptrNew<DebugIntf>(key);
-   Orb::Ptr<DebugIntf> debugIntf = slot;
-   notify(&Notifiee::onDebug, key);
-   return debugIntf;
-}
-
-void ChipSliceTableMgrSm::debugDel(const Key& key) {
-   if (debug_.erase(key) == 0) return;
-   notify(&Notifiee::onDebug, key);
-}
-
-void ChipSliceTableMgrSm::debugDelAll() {
-   while (!debug_.empty()) debugDel(debug_.begin()->first);
-}
-
-std::uint8_t ChipSliceTableMgrSm::tableScope(std::uint32_t tableId) const {
-   auto it = tableScope_.find(tableId);
-   return it == tableScope_.end() ? 0 : it->second;
-}
-
-void ChipSliceTableMgrSm::tableScopeIs(std::uint32_t tableId, std::uint8_t scope) {
-   auto [it, added] = tableScope_.try_emplace(tableId, scope);
-   if (!added) {
-      if (it->second == scope) return;
-      it->second = scope;
-   }
-   notify(&Notifiee::onTableScope, tableId);
-}
-
-void ChipSliceTableMgrSm::tableScopeDel(std::uint32_t tableId) {
-   if (tableScope_.erase(tableId) == 0) return;
-   notify(&Notifiee::onTableScope, tableId);
-}
-
-void ChipSliceTableMgrSm::tableScopeDelAll() {
-   while (!tableScope_.empty()) tableScopeDel(tableScope_.begin()->first);
+   if (!debug_.has(key)) debug_.is(key, Orb::ptrNew<DebugIntf>(key), notifier(&Notifiee::onDebug));
+   return debug_(key);
 }
 
 void ChipSliceTableMgrSm::handleInitialized() {
@@ -211,7 +94,7 @@ void ChipSliceTableMgrSm::handleInitialized() {
 
 void ChipSliceTableMgrSm::findMaxPublishedInstanceId() {
    for (const auto& [key, entry] : *tableMountInfoDir_) {
-      if (maxPublishedInstanceId_ < entry.instanceId())
+      if (maxPublishedInstanceId() < entry.instanceId())
          maxPublishedInstanceIdIs(entry.instanceId());
    }
 }
@@ -220,15 +103,15 @@ void ChipSliceTableMgrSm::handleTableMount() {
    DUALLOG(sliceLog, handlerLevel,
            "ChipSliceTableMgrSm::"
                << "handleTableMount");
-   if (!initialized_) return;
+   if (!initialized()) return;
    for (const auto& [key, entry] : *tableMountInfoDir_) handleTableMount(key);
 }
 
 void ChipSliceTableMgrSm::handleMountInfoResync() {
    handleTableMount();
-   if (!initialized_) return;
+   if (!initialized()) return;
    std::vector<Key> running;
-   for (const auto& [key, engine] : mbbEngineSm_) running.push_back(key);
+   for (const auto& [key, engine] : mbbEngineSms()) running.push_back(key);
    for (const Key& key : running) {
       if (!tableMountInfoDir_->present(key)) handleTableMount(key);
    }
@@ -242,15 +125,15 @@ void ChipSliceTableMgrSm::handleMountConfig() {
 }
 
 void ChipSliceTableMgrSm::handleTableAuditMgrSm() {
-   if (!tableAuditMgrSm_) return;
-   for (const auto& [key, engine] : mbbEngineSm_) tableAuditMgrSm_->addTable(key, engine);
+   if (!tableAuditMgrSm()) return;
+   for (const auto& [key, engine] : mbbEngineSms()) tableAuditMgrSm()->addTable(key, engine);
 }
 
 void ChipSliceTableMgrSm::handleTableMount(const Key& key) {
    DUALLOG(sliceLog, handlerLevel,
            "ChipSliceTableMgrSm::"
                << "handleTableMount " << key);
-   if (!initialized_) return;
+   if (!initialized()) return;
    // The text operators know this failure by; the device target keeps its id as a field.
    if (key.devTgt().devId >= ChipId::numDevIds) {
       Brio::assertFailed("key.devTgt().devId() < 32", __FILE__, __LINE__);
@@ -274,12 +157,12 @@ void ChipSliceTableMgrSm::handleTableMount(const Key& key) {
 // newer instance retires every running engine first.
 bool ChipSliceTableMgrSm::currentAnnouncement(const Key& key, const MountEntry& entry) {
    const std::string& name = key.name();
-   if (maxPublishedInstanceId_ > entry.instanceId()) {
+   if (maxPublishedInstanceId() > entry.instanceId()) {
       FLASHLOG(decisionLevel, 0u, ":skipping stale instanceId:", recordName(name),
-               " id:", entry.instanceId(), " maxId:", maxPublishedInstanceId_);
+               " id:", entry.instanceId(), " maxId:", maxPublishedInstanceId());
       return false;
    }
-   if (maxPublishedInstanceId_ < entry.instanceId()) {
+   if (maxPublishedInstanceId() < entry.instanceId()) {
       mbbEngineSmDelAll();
       maxPublishedInstanceIdIs(entry.instanceId());
    }
@@ -368,10 +251,10 @@ void ChipSliceTableMgrSm::mountTable(const Key& key, const MountEntry& entry) {
    mbbEngineSmIs(key, engine);
    mountInfoIs(key, entry);
 
-   if (tableAuditMgrSm_) {
+   if (tableAuditMgrSm()) {
       DUALLOG(sliceLog, decisionLevel,
               "adding table to audit manager for table hdl:0x" << std::hex << key.tableId());
-      tableAuditMgrSm_->addTable(key, engine);
+      tableAuditMgrSm()->addTable(key, engine);
    } else {
       DUALLOG(
           sliceLog, decisionLevel,
@@ -483,7 +366,7 @@ void ChipSliceTableMgrSm::unmountTable(const Key& key) {
    tableScopeDel(key.tableId());
    mountInfoDel(key);
    debugDel(key);
-   if (tableAuditMgrSm_) tableAuditMgrSm_->delTable(key);
+   if (tableAuditMgrSm()) tableAuditMgrSm()->delTable(key);
 }
 
 }  // namespace ChipMbbSlice

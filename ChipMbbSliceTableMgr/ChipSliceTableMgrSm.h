@@ -14,6 +14,8 @@
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngineFlushStatus.h"
 #include "MbbEngine/MbbEngineSm.h"
+#include "Orb/Attribute.h"
+#include "Orb/Collection.h"
 #include "Orb/Entity.h"
 #include "Orb/Ptr.h"
 #include "Orb/Time.h"
@@ -53,6 +55,18 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
       virtual void onTableScope(std::uint32_t tableId) {}
    };
 
+ private:
+   template <class... Params, class... Args>
+   void notify(void (Notifiee::*reactor)(Params...), const Args&... args) {
+      notifieeList().notify(reactor, args...);
+   }
+   // What the attributes call when they change.
+   template <class... Params>
+   auto notifier(void (Notifiee::*reactor)(Params...)) {
+      return [this, reactor](const auto&... args) { notify(reactor, args...); };
+   }
+
+ public:
    // Subscribes to the mount-info collection and the mount configuration, then mounts every
    // table already published. A null entity manager selects test mode.
    ChipSliceTableMgrSm(Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfoDir,
@@ -79,50 +93,71 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
       return resourceInfoIntf_;
    }
 
-   // Running engines. A null engine is refused with Brio::RangeException.
-   Orb::Ptr<MbbEngine::MbbEngineSm> mbbEngineSm(const Key& key) const;
-   void mbbEngineSmIs(const Key& key, Orb::Ptr<MbbEngine::MbbEngineSm> engine);
-   void mbbEngineSmDel(const Key& key);
-   void mbbEngineSmDelAll();
-   const MbbEngineSmMap& mbbEngineSms() const { return mbbEngineSm_; }
+   // Running engines. A null engine is refused with Brio::RangeException. An engine leaves the
+   // collection before it is destroyed: it takes its entries out of hardware as it goes, and
+   // nothing may reach it through the manager meanwhile.
+   Orb::Ptr<MbbEngine::MbbEngineSm> mbbEngineSm(const Key& key) const { return mbbEngineSm_(key); }
+   void mbbEngineSmIs(const Key& key, Orb::Ptr<MbbEngine::MbbEngineSm> engine) {
+      mbbEngineSm_.is(key, std::move(engine), notifier(&Notifiee::onMbbEngineSm));
+   }
+   void mbbEngineSmDel(const Key& key) {
+      mbbEngineSm_.del(key, notifier(&Notifiee::onMbbEngineSm));
+   }
+   void mbbEngineSmDelAll() { mbbEngineSm_.delAll(notifier(&Notifiee::onMbbEngineSm)); }
+   const MbbEngineSmMap& mbbEngineSms() const { return mbbEngineSm_.map(); }
 
    // The highest publisher instance seen; announcements of lower instances are stale.
-   std::uint16_t maxPublishedInstanceId() const { return maxPublishedInstanceId_; }
-   void maxPublishedInstanceIdIs(std::uint16_t id);
+   std::uint16_t maxPublishedInstanceId() const { return maxPublishedInstanceId_(); }
+   void maxPublishedInstanceIdIs(std::uint16_t id) {
+      maxPublishedInstanceId_.is(id, notifier(&Notifiee::onMaxPublishedInstanceId));
+   }
 
    // An operator's permission to tear down tables that stop being published; without it an
    // unpublished running table is a fatal error.
-   bool allowUnmount() const { return allowUnmount_; }
-   void allowUnmountIs(bool allow);
+   bool allowUnmount() const { return allowUnmount_(); }
+   void allowUnmountIs(bool allow) { allowUnmount_.is(allow, notifier(&Notifiee::onAllowUnmount)); }
 
    // The audit manager; setting one registers every running table with it.
-   const Orb::Ptr<TableAuditRegistry>& tableAuditMgrSm() const { return tableAuditMgrSm_; }
-   void tableAuditMgrSmIs(Orb::Ptr<TableAuditRegistry> mgr);
+   const Orb::Ptr<TableAuditRegistry>& tableAuditMgrSm() const { return tableAuditMgrSm_(); }
+   void tableAuditMgrSmIs(Orb::Ptr<TableAuditRegistry> mgr) {
+      tableAuditMgrSm_.is(mgr, [this] {
+         notify(&Notifiee::onTableAuditMgrSm);
+         handleTableAuditMgrSm();
+      });
+   }
 
-   bool initialized() const { return initialized_; }
-   void initializedIs(bool initialized);
+   bool initialized() const { return initialized_(); }
+   void initializedIs(bool initialized) {
+      initialized_.is(initialized, notifier(&Notifiee::onInitialized));
+   }
 
    // The entry each running table was mounted with; the empty entry for any other key.
-   MountEntry mountInfo(const Key& key) const;
-   void mountInfoIs(const Key& key, const MountEntry& entry);
-   void mountInfoDel(const Key& key);
-   void mountInfoDelAll();
-   const MountInfoMap& mountInfos() const { return mountInfo_; }
+   MountEntry mountInfo(const Key& key) const { return mountInfo_(key); }
+   void mountInfoIs(const Key& key, const MountEntry& entry) {
+      mountInfo_.is(key, entry, notifier(&Notifiee::onMountInfo));
+   }
+   void mountInfoDel(const Key& key) { mountInfo_.del(key, notifier(&Notifiee::onMountInfo)); }
+   void mountInfoDelAll() { mountInfo_.delAll(notifier(&Notifiee::onMountInfo)); }
+   const MountInfoMap& mountInfos() const { return mountInfo_.map(); }
 
    // Per-table debug interfaces; debugIs makes the key's one if it has none and returns it.
-   Orb::Ptr<DebugIntf> debug(const Key& key) const;
+   Orb::Ptr<DebugIntf> debug(const Key& key) const { return debug_(key); }
    Orb::Ptr<DebugIntf> debugIs(const Key& key);
-   void debugDel(const Key& key);
-   void debugDelAll();
-   const DebugMap& debugs() const { return debug_; }
+   void debugDel(const Key& key) { debug_.del(key, notifier(&Notifiee::onDebug)); }
+   void debugDelAll() { debug_.delAll(notifier(&Notifiee::onDebug)); }
+   const DebugMap& debugs() const { return debug_.map(); }
 
    // Entry scope already set in the SDK, per table id: 0 all pipelines, 1 single pipeline.
-   std::uint8_t tableScope(std::uint32_t tableId) const;
-   bool tableScopeHas(std::uint32_t tableId) const { return tableScope_.count(tableId) != 0; }
-   void tableScopeIs(std::uint32_t tableId, std::uint8_t scope);
-   void tableScopeDel(std::uint32_t tableId);
-   void tableScopeDelAll();
-   const TableScopeMap& tableScopes() const { return tableScope_; }
+   std::uint8_t tableScope(std::uint32_t tableId) const { return tableScope_(tableId); }
+   bool tableScopeHas(std::uint32_t tableId) const { return tableScope_.has(tableId); }
+   void tableScopeIs(std::uint32_t tableId, std::uint8_t scope) {
+      tableScope_.is(tableId, scope, notifier(&Notifiee::onTableScope));
+   }
+   void tableScopeDel(std::uint32_t tableId) {
+      tableScope_.del(tableId, notifier(&Notifiee::onTableScope));
+   }
+   void tableScopeDelAll() { tableScope_.delAll(notifier(&Notifiee::onTableScope)); }
+   const TableScopeMap& tableScopes() const { return tableScope_.map(); }
 
    void handleInitialized();
    // Raises maxPublishedInstanceId to the highest instance id published.
@@ -175,11 +210,6 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
    // their own; running tables are decided again as well as every published one.
    void handleMountInfoResync();
 
-   template <class... Params, class... Args>
-   void notify(void (Notifiee::*reactor)(Params...), const Args&... args) {
-      notifieeList().notify(reactor, args...);
-   }
-
    // Declared before the per-table collections, so that engines go before what they use.
    Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfoDir_;
    Orb::Ptr<Atlas::EntityManager> entityManager_;
@@ -190,14 +220,14 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
    Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus_;
    Orb::Ptr<MountConfig> mountConfig_;
    Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf_;
-   std::uint16_t maxPublishedInstanceId_ = 0;
-   bool allowUnmount_ = false;
-   Orb::Ptr<TableAuditRegistry> tableAuditMgrSm_;
-   bool initialized_ = false;
-   MountInfoMap mountInfo_;
-   DebugMap debug_;
-   TableScopeMap tableScope_;
-   MbbEngineSmMap mbbEngineSm_;
+   Orb::Attribute<std::uint16_t> maxPublishedInstanceId_;
+   Orb::Attribute<bool> allowUnmount_;
+   Orb::Attribute<Orb::Ptr<TableAuditRegistry>> tableAuditMgrSm_;
+   Orb::Attribute<bool> initialized_;
+   Orb::Collection<Key, MountEntry> mountInfo_{"mountInfo", orbTypeName};
+   Orb::Collection<Key, Orb::Ptr<DebugIntf>> debug_{"debug", orbTypeName};
+   Orb::Collection<std::uint32_t, std::uint8_t> tableScope_{"tableScope", orbTypeName};
+   Orb::Collection<Key, Orb::Ptr<MbbEngine::MbbEngineSm>> mbbEngineSm_{"mbbEngineSm", orbTypeName};
    MountInfoReactor mountInfoReactor_;
    MountConfigReactor mountConfigReactor_;
 };
