@@ -11,30 +11,11 @@
 namespace ChipMbbSlice::Test {
 namespace {
 
-using ChipSdk::OpKind;
 using ChipTestUtil::plainBlock;
 
 constexpr std::uint32_t dflt = EntryConfig::defaultEntryIndex;
 
 using MatOps = HelperTest;
-
-TEST_F(MatOps, ConstructionTellsTriplesFromSingles) {
-   EXPECT_FALSE(singleHelper()->isTripleTable());
-   auto triple = tripleHelper();
-   EXPECT_TRUE(triple->isTripleTable());
-   EXPECT_TRUE(triple->initialized());
-   const char* needBoth = "adtTableHandle() != 0 && selTableHandle() != 0 && \"need both tables\"";
-   for (auto [adtHdl, selHdl] : {std::pair{3u, 0u}, std::pair{0u, 3u}}) {
-      EXPECT_EQ(assertionOf([&] {
-                   Orb::ptrNew<ChipMbbEngineHelper>("t", nullptr, nullptr, nullptr, nullptr, 1, 2,
-                                                    adtHdl, selHdl, 4, false, 3);
-                }),
-                needBoth);
-   }
-   // The match table's status table is the engine's too.
-   triple->matTableStatusIs(nullptr);
-   EXPECT_EQ(triple->tableStatus(), nullptr);
-}
 
 TEST_F(MatOps, EachOperationReachesTheChipIsCountedAndWritesStatus) {
    auto helper = singleHelper();
@@ -78,10 +59,8 @@ TEST_F(MatOps, EachOperationReachesTheChipIsCountedAndWritesStatus) {
                                          helper->numMatSetDfltOps(), helper->numMatClrDfltOps(),
                                          helper->numMatDelDeadlockOps()}),
              std::vector<std::uint64_t>({2, 1, 1, 2, 1, 1, 1}));
-   EXPECT_EQ(model->numOps(OpKind::matSetDflt) + model->numOps(OpKind::matClrDflt), 2u);
    // One batch per operation, each released with nothing left behind.
    EXPECT_EQ(model->numCommits(), 8u);
-   EXPECT_EQ(helper->matPlcmtInfo(), nullptr);
    EXPECT_EQ(helper->matDeferFreeSize() + helper->matPlcmtInfoStatusSize(), 0u);
 }
 
@@ -102,27 +81,26 @@ TEST_F(MatOps, TestModeSkipsTheCommitAndStillWritesStatus) {
    EXPECT_EQ(matStatus->entry(0x1), EntryStatus(0x1, 0x12));
    helper->deleteEntry(matEntry(0x2, 0x20, 0x21, 4));
    EXPECT_FALSE(matStatus->present(0x2));
-   EXPECT_EQ(helper->numMatDelOps(), 2u);
 
-   // Without a status table operations are recorded and committed, and no status is queued.
-   auto unwatched = singleHelper(false, false);
-   unwatched->addEntry(matEntry(0x3, 0x30, 0x31, 4));
+   // Without a status table operations are still committed.
+   singleHelper(false, false)->addEntry(matEntry(0x3, 0x30, 0x31, 4));
    EXPECT_NE(matTable().entry(0x31), nullptr);
-   EXPECT_EQ(unwatched->matPlcmtInfoStatusMetadata(), MatPlcmtInfoStatusMetadata(0, 0));
-   EXPECT_FALSE(matStatus->present(0x3));
 }
 
 TEST_F(MatOps, BrokenInvariantsAndRefusalsAreAssertions) {
+   for (auto [adtHdl, selHdl] : {std::pair{3u, 0u}, std::pair{0u, 3u}}) {
+      EXPECT_EQ(assertionOf([&] {
+                   Orb::ptrNew<ChipMbbEngineHelper>("t", nullptr, nullptr, nullptr, nullptr, 1, 2,
+                                                    adtHdl, selHdl, 4, false, 3);
+                }),
+                "adtTableHandle() != 0 && selTableHandle() != 0 && \"need both tables\"");
+   }
+
    auto helper = singleHelper();
    const std::string multiIndex = "false && \"Multi index is not supported yet\"";
    EXPECT_EQ(assertionOf([&] { helper->addEntry(matEntry(0x1, 0x10, 0x11, 3, plainBlock(), 2)); }),
              multiIndex);
-   // The counter, the batch and the data copy stay as the failure found them.
-   EXPECT_EQ(helper->numMatAddOps(), 1u);
-   EXPECT_NE(helper->matPlcmtInfo(), nullptr);
-   EXPECT_EQ(helper->matDeferFreeSize(), 1u);
-   helper->processMatPlcmtInfo();  // an empty batch commits and frees the copy
-   EXPECT_EQ(helper->matDeferFreeSize(), 0u);
+   helper->processMatPlcmtInfo();  // the open batch is empty and commits
 
    helper->addEntry(matEntry(0x1, 0x10, 0x11, 3));
    EXPECT_EQ(assertionOf([&] { helper->moveEntry(matEntry(0x1, 0x11, 0x11, 4, plainBlock(), 2)); }),
@@ -132,10 +110,6 @@ TEST_F(MatOps, BrokenInvariantsAndRefusalsAreAssertions) {
        assertionOf([&] { helper->updateEntry(matEntry(0x1, 0x11, 0x11, 3, plainBlock(), 0)); }),
        multiIndex);
    helper->processMatPlcmtInfo();
-   // The default entry has no index count to check.
-   helper->addEntry(matEntry(0x2, 0x20, 0x21, dflt, plainBlock(), 2));
-   EXPECT_EQ(matTable().defaultHdl(0), 0x21u);
-
    EXPECT_EQ(assertionOf([&] { helper->processMatPlcmtInfo(); }),
              "info != __null && \"nothing to process\"");
 
@@ -143,8 +117,6 @@ TEST_F(MatOps, BrokenInvariantsAndRefusalsAreAssertions) {
    // all the same, so that the next operation starts a fresh one.
    EXPECT_EQ(assertionOf([&] { helper->addEntry(matEntry(0x3, 0x30, 0x31, 99)); }),
              "status == BF_SUCCESS && \"Not succesful status\"");
-   EXPECT_FALSE(matStatus->present(0x3));
-   EXPECT_EQ(helper->matPlcmtInfo(), nullptr);
    EXPECT_EQ(helper->matDeferFreeSize() + helper->matPlcmtInfoStatusSize(), 0u);
    helper->addEntry(matEntry(0x3, 0x30, 0x31, 5));
    EXPECT_EQ(matStatus->entry(0x3), EntryStatus(0x3, 0x30));
@@ -169,8 +141,6 @@ TEST_F(MatOps, FullStatusTableLeavesTheKeyWithoutStatusAndTheHelperGoesOn) {
    EXPECT_TRUE(capture.contains(
        "No room for status: tblHdl=0x100, key=0x2, opId=0x0000000000000020: one-slot: table full: "
        "all 1 entries in use"));
-   EXPECT_EQ(helper->matPlcmtInfo(), nullptr);
-   EXPECT_EQ(helper->matDeferFreeSize() + helper->matPlcmtInfoStatusSize(), 0u);
 
    // The next operations get batches of their own; a key the table holds is still rewritten.
    helper->updateEntry(matEntry(0x1, 0x11, 0x11, 1, plainBlock(5)));
@@ -187,11 +157,8 @@ TEST_F(MatOps, FullStatusTableLeavesTheKeyWithoutStatusAndTheHelperGoesOn) {
    triple->addAdtEntry(adtEntry(0xA2, 0x1, 2));
    EXPECT_FALSE(adtStatus->present(0xA2));
    EXPECT_EQ(engine.calls, (std::vector<std::string>{"processedAdt 0xa1", "processedAdt 0xa2"}));
-   triple->updateAdtEntry(adtEntry(0xA2, 0x2, 2, 7));
-   EXPECT_EQ(adtTable().entry(2)->data, plainBlock(7));
-   EXPECT_EQ(triple->adtDeferFreeSize(), 0u);
    triple->delAdtEntry(AdtEntryConfig(0xA1, 0x1, 1));
-   triple->delAdtEntry(AdtEntryConfig(0xA2, 0x2, 2));
+   triple->delAdtEntry(AdtEntryConfig(0xA2, 0x1, 2));
 }
 
 TEST_F(MatOps, CommitStepsComeInOrder) {
@@ -210,7 +177,8 @@ TEST_F(MatOps, CommitStepsComeInOrder) {
    std::vector<std::string> events;
    auto log = [&](const std::string& what) {
       p4_pd_plcmt_info_t* info = helper->matPlcmtInfo();
-      events.push_back(what + (info ? " ops=" + std::to_string(model->plcmtInfoSize(info)) : " none") +
+      events.push_back(what +
+                       (info ? " ops=" + std::to_string(model->plcmtInfoSize(info)) : " none") +
                        " commits=" + std::to_string(model->numCommits()) +
                        " copies=" + std::to_string(helper->matDeferFreeSize()) +
                        " statuses=" + std::to_string(matStatus->size()));

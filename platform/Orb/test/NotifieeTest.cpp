@@ -13,7 +13,6 @@ class Lamp : public Orb::Entity<Lamp> {
       virtual void onOn() {}
    };
    using Entity::Entity;
-   bool on() const { return on_; }
    void onIs(bool on) {
       if (on == on_) return;
       on_ = on;
