@@ -1,9 +1,11 @@
 #pragma once
 
 // Table management and start-up of the slice: the mount configuration, the trace set-up that
-// every table manager shares, and the manager of single match tables.
+// every table manager shares, the manager of single match tables, and the show commands.
 
 #include "ChipMbbSlice/TraceSetup.h"
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
+#include "ChipMbbSliceTableMgr/CliCallback.h"
+#include "ChipMbbSliceTableMgr/CliYieldSm.h"
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"

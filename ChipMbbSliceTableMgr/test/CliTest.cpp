@@ -1,0 +1,210 @@
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <cstdlib>
+#include <memory>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Brio/Brio.h"
+#include "ChipMbbSliceTableMgr/ChipMbbSliceTableMgr.h"
+#include "ChipModel/ChipModel.h"
+#include "ChipModel/testing/ChipTestUtil.h"
+#include "Keel/Keel.h"
+#include "Vault/LocalTable.h"
+
+namespace ChipMbbSlice {
+namespace {
+
+constexpr std::uint32_t hostHdl = 0x01000001;
+
+// Time that moves by `step` each time it is read, so that a dump's slices end after a known
+// number of rows.
+class SteppingTime : public Orb::TimeSource {
+ public:
+   Orb::Seconds now() const override { return t_ += step; }
+   Orb::Seconds step = 0;
+
+ private:
+   mutable Orb::Seconds t_ = 100;
+};
+
+Vault::MbbEngine::EntryConfig matEntry(std::uint64_t key, std::uint32_t handle,
+                                       std::uint32_t index) {
+   return Vault::MbbEngine::EntryConfig(key, 1, handle, 0, 0, 1, index, 0, 0,
+                                        ChipTestUtil::plainBlock(static_cast<std::uint8_t>(key)));
+}
+
+// One feature agent "fib" with ipv4_host published, in test mode, and the show commands over
+// it and the chip model.
+struct CliWorld : CliTableDir {
+   CliWorld() {
+      setenv("FLASHLOG_DISABLE", "1", 1);
+      info->mountedIs(true);
+      ChipMbbShared::TableConfigMountEntry entry;
+      entry.configPathIs("fib/ipv4_host/config");
+      entry.statusPathIs("fib/ipv4_host/status");
+      entry.needStatusIs(true);
+      entry.tableSizeIs(65536);
+      entry.configGenTimeIs(1.0);
+      entry.statusGenTimeIs(1.0);
+      entry.instanceIdIs(1);
+      info->entryIs(key, entry);
+   }
+   TableMgrMap tableMgrs() const override { return {{"fib", mgr}}; }
+
+   Vault::MbbEngine::TableConfig& config() { return *mgr->mbbEngineSm(key)->tableConfig(); }
+
+   // Runs one command to its end, reading the answer as the client would.
+   std::string run(const std::string& command, bool hw = false) {
+      int fds[2];
+      EXPECT_EQ(pipe2(fds, O_NONBLOCK), 0);
+      hw ? cli->handleHwCommand(fds[1], command, 0) : cli->handleCommand(fds[1], command);
+      return drain(fds[0]);
+   }
+   std::string drain(int fd) {
+      std::string got;
+      char buf[4096];
+      for (int turn = 0; turn < 100000; ++turn) {
+         const ssize_t n = read(fd, buf, sizeof buf);
+         if (n == 0) break;
+         if (n > 0) got.append(buf, static_cast<std::size_t>(n));
+         wheel->advance();
+      }
+      close(fd);
+      return got;
+   }
+
+   ChipModel::InstalledChip chip;
+   Brio::ScopedThrowingAsserts asserts;
+   ChipMbbShared::TableConfigMountKey key{ChipDriver::ChipDevTgt{0, 0xFFFF}, "ipv4_host", hostHdl};
+   Orb::Ptr<ChipMbbShared::TableConfigMountInfo> info =
+       Vault::localTableNew<ChipMbbShared::TableConfigMountInfo>("fib/info");
+   Orb::Ptr<SteppingTime> time = Orb::ptrNew<SteppingTime>();
+   Orb::Ptr<Keel::TimerWheel> wheel = Orb::ptrNew<Keel::TimerWheel>(time, 1, 1024, true, 16);
+   Orb::Ptr<ChipSliceTableMgrSm> mgr = Orb::ptrNew<ChipSliceTableMgrSm>(
+       info, nullptr, 0x1, 7, 1.0, wheel, Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flush"),
+       Orb::ptrNew<MountConfig>(MountMode::mountAllTables),
+       ChipModel::modelResourceInfoNew(chip.profile()));
+   std::shared_ptr<HwPd::HwPdIntf> hwPd = ChipModel::modelHwPdNew(chip);
+   Orb::Ptr<CliCallback> cli = Orb::ptrNew<CliCallback>(
+       "ChipMbbSlice", "ChipMbbSliceCli", this, ChipModel::modelResourceInfoNew(chip.profile()),
+       hwPd, 7, Orb::ptrNew<Keel::WheelClock>(wheel.get()));
+};
+
+TEST(CliTest, DumpFormats) {
+   CliWorld w;
+   EXPECT_EQ(w.run("mbb agents"),
+             "mbb agents\nFeatureAgent fib\n table ipv4_host id:0x01000001 type: single\n"
+             "  config: fib/ipv4_host/config\n  status: fib/ipv4_host/status\n");
+   // A hardware command that is not "hw table" is an "mbb" command.
+   EXPECT_EQ(w.run("hw mbb agents", true), w.run("mbb agents").insert(0, "hw "));
+   EXPECT_EQ(w.run("mbb table nosuch pipe 0 key 0"),
+             "mbb table nosuch pipe 0 key 0\nUnknown table name (nosuch)\n");
+   EXPECT_EQ(w.run("mbb nothing"), "mbb nothing\n");
+
+   const std::string schema = w.hwPd->cliSchema(0, hostHdl);
+   EXPECT_EQ(w.run("hw table ipv4_host pipe 0", true), "( " + schema + ",{})");
+   EXPECT_EQ(w.run("hw table nosuch pipe 0", true), "None");
+   ASSERT_EQ(ChipTestUtil::matAdd(hostHdl, 0x21, 7, ChipTestUtil::plainBlock(1)), BF_SUCCESS);
+   ASSERT_EQ(ChipTestUtil::matAdd(hostHdl, 0x22, 8, ChipTestUtil::plainBlock(2)), BF_SUCCESS);
+   EXPECT_EQ(w.run("hw table ipv4_host pipe 0", true),
+             "( " + schema + ",{0x00000021:" + w.hwPd->entryValue(7, 0, 0, hostHdl, 0x21) +
+                 ",0x00000022:" + w.hwPd->entryValue(7, 0, 0, hostHdl, 0x22) + ",})");
+
+   w.config().entryIs(matEntry(1, 0x11, 5));
+   w.config().entryIs(matEntry(2, 0x12, 0x7FFFF));
+   w.config().entryIs(matEntry(3, 0x13, 5));  // waits for key 1's index
+   std::istringstream table(w.run("mbb table ipv4_host pipe 0 key 0"));
+   std::vector<std::string> lines;
+   for (std::string line; std::getline(table, line);) lines.push_back(line);
+   const std::vector<std::string> expected = {
+       "mbb table ipv4_host pipe 0 key 0",
+       "fib table: ipv4_host id: 0x01000001 pipe: 0xffff needStatus: 1",
+       "Pending entries (1):",
+       "key: 0x00000003 ti:        3",
+       "Current entries (3):",
+       "key: 0x00000001 ti:        0 hdl: 0x00000011 prioGrp: 0 prio: 0 opId: 0x0000000000000001",
+       "  plcmtData ipv4_host: ",
+       "key: 0x00000002 ti:        0 hdl: 0x00000012 prioGrp: 0 prio: 0 opId: 0x0000000000000001 "
+       "DEFAULT",
+       "  plcmtData ipv4_host: ",
+       "key: 0x00000003 ti:        3 hdl: 0x00000013 prioGrp: 0 prio: 0 opId: 0x0000000000000001 "
+       "STALE",
+       "  plcmtData ipv4_host: "};
+   ASSERT_EQ(lines.size(), expected.size());
+   for (std::size_t i = 0; i < lines.size(); ++i)
+      EXPECT_TRUE(lines[i].starts_with(expected[i])) << lines[i];
+   const std::string one = w.run("mbb table ipv4_host pipe 0 key 0x2");
+   EXPECT_NE(one.find("key: 0x00000002"), std::string::npos);
+   EXPECT_EQ(one.find("key: 0x00000001"), std::string::npos);
+}
+
+struct RunnerTest : ::testing::Test {
+   RunnerTest() {
+      for (std::uint32_t i = 0; i < rows; ++i) {
+         EXPECT_EQ(ChipTestUtil::matAdd(hostHdl, 0x100 + i, i, ChipTestUtil::plainBlock()),
+                   BF_SUCCESS);
+      }
+      whole = w.run("hw table ipv4_host pipe 0", true);
+      // Each row reads the clock once: a 1 ms slice holds about ten rows.
+      w.time->step = 0.0001;
+   }
+   int start(const std::string& command) {
+      int fds[2];
+      EXPECT_EQ(pipe2(fds, O_NONBLOCK), 0);
+      runner().runShowHwCommand(static_cast<std::uint32_t>(fds[1]), command, 0);
+      return fds[0];
+   }
+   CliYieldSm& runner() { return *w.cli->cliYieldSm(); }
+
+   static constexpr std::uint32_t rows = 200;
+   CliWorld w;
+   std::string whole;
+};
+
+TEST_F(RunnerTest, SlicesQueueAndClose) {
+   const int first = start("hw table ipv4_host pipe 0");
+   const int second = start("hw table ipv4_host pipe 0");
+   EXPECT_TRUE(runner().inProgress());
+   EXPECT_EQ(runner().showQueueSize(), 1u);
+   char c;
+   EXPECT_EQ(read(second, &c, 1), -1);  // queued, not run inside the call
+   std::size_t slices = 0;
+   while (runner().inProgress() && slices < 1000) {
+      ++slices;
+      w.wheel->advance();
+   }
+   EXPECT_GT(slices, rows / 20);
+   EXPECT_EQ(w.drain(first), whole);
+   EXPECT_EQ(w.drain(second), whole);
+   EXPECT_EQ(runner().socket(), CliYieldSm::noSocket);
+   EXPECT_EQ(runner().showQueueSize(), 0u);
+}
+
+TEST_F(RunnerTest, RunTimeLimitAbortsOnlyACommandThatFoundTheRunnerIdle) {
+   runner().runTimeLimitIs(0.005);
+   const int first = start("hw table ipv4_host pipe 0");
+   const int second = start("hw table ipv4_host pipe 0");
+   const std::string cut = w.drain(first);
+   EXPECT_LT(cut.size(), whole.size());
+   EXPECT_TRUE(whole.starts_with(cut));
+   EXPECT_EQ(w.drain(second), whole);
+   EXPECT_FALSE(runner().inProgress());
+}
+
+TEST_F(RunnerTest, LargeEngineDumpYieldsAndMatchesTheWholeDump) {
+   for (std::uint64_t k = 1; k <= 2 * CliCallback::mbbTableInlineEntries; ++k) {
+      w.config().entryIs(matEntry(k, static_cast<std::uint32_t>(0x1000 + k),
+                                  static_cast<std::uint32_t>(1000 + k)));
+   }
+   const std::string sliced = w.run("mbb table ipv4_host pipe 0 key 0");
+   w.time->step = 0;
+   EXPECT_EQ(sliced, w.run("mbb table ipv4_host pipe 0 key 0"));
+   EXPECT_NE(sliced.find("Current entries (512):"), std::string::npos);
+}
+
+}  // namespace
+}  // namespace ChipMbbSlice
