@@ -7,6 +7,7 @@
 
 #include "Brio/Brio.h"
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
+#include "ChipModel/ModelHwPd.h"
 #include "ChipModel/ModelResourceInfo.h"
 #include "Vault/Errors.h"
 
@@ -65,9 +66,12 @@ AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
    }
    countersWrite();
    countersTimer_.start();
+   cliNew();
 }
 
 AgentHost::~AgentHost() {
+   cliServer_.reset();
+   cliCallback_.reset();
    tableMgr_.reset();
    loop_.timerWheelDel(timerWheel_.get());
 }
@@ -88,6 +92,25 @@ void AgentHost::tableMgrNew() {
    // A publisher may withdraw a table; the host then takes it down instead of stopping.
    tableMgr_->allowUnmountIs(true);
    ++publications_;
+}
+
+void AgentHost::cliNew() {
+   cliCallback_ = Orb::ptrNew<ChipMbbSlice::CliCallback>(
+       "ChipMbbSlice", "ChipMbbSliceCli", static_cast<const ChipMbbSlice::CliTableDir*>(this),
+       ChipModel::modelResourceInfoNew(chip_.profile()), ChipModel::modelHwPdNew(chip_),
+       options_.sessHdl, Orb::ptrNew<Keel::WheelClock>(timerWheel_.get()));
+   std::string path = options_.cliSocketPath;
+   if (path.empty() && !testmode()) path = Agent::socketPathFor(options_.root);
+   if (path.empty()) return;
+   Agent::CliServerOptions cli;
+   cli.path = path;
+   cli.commands = ChipMbbSlice::CliCallback::commandNames();
+   cliServer_ = std::make_unique<Agent::CliServer>(loop_, cliCallback_.get(), std::move(cli));
+}
+
+ChipMbbSlice::CliTableDir::TableMgrMap AgentHost::tableMgrs() const {
+   if (!tableMgr_) return {};
+   return {{options_.tableInfoPath, tableMgr_}};
 }
 
 void AgentHost::handlePublicationProbe() {

@@ -2,18 +2,22 @@
 
 #include <cstdint>
 #include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 #include <utility>
 
+#include "Agent/CliServer.h"
 #include "Atlas/EntityManager.h"
 #include "ChipMbbShared/MountInfo.h"
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
+#include "ChipMbbSliceTableMgr/CliCallback.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
 #include "ChipModel/Chip.h"
 #include "ChipModel/ChipProfile.h"
 #include "Keel/EventLoop.h"
 #include "Keel/TimerWheel.h"
+#include "Keel/WheelClock.h"
 #include "MbbEngine/MbbEngineFlushStatus.h"
 #include "Orb/Ptr.h"
 #include "Orb/Time.h"
@@ -37,6 +41,9 @@ struct AgentHostOptions {
    // new or replaced publication.
    Orb::Seconds countersPeriod = 0.05;
    Orb::Seconds probePeriod = 0.1;
+   // The show commands' socket; empty serves them at Agent::socketPathFor(root), and not at
+   // all in test mode.
+   std::string cliSocketPath;
    // Where the host says what happens to its publications; stdout when empty.
    std::function<void(const std::string&)> log;
 };
@@ -50,7 +57,7 @@ struct AgentHostOptions {
 // as they are in hardware. When a new publisher replaces the collection, the host lets the old
 // manager go (its engines take their entries out of hardware), unmounts what it had mounted
 // for it, and serves the new one from scratch.
-class AgentHost {
+class AgentHost : private ChipMbbSlice::CliTableDir {
  public:
    AgentHost(Keel::EventLoop& loop, AgentHostOptions options);
    AgentHost(const AgentHost&) = delete;
@@ -79,6 +86,10 @@ class AgentHost {
    void handlerFailure(const std::string& what);
    std::string statusLine() const { return counters().text(); }
 
+   // The show commands, and their server when the host has a socket for them.
+   const Orb::Ptr<ChipMbbSlice::CliCallback>& cliCallback() const { return cliCallback_; }
+   const Agent::CliServer* cliServer() const { return cliServer_.get(); }
+
    // Looks for a new or replaced publication now rather than at the next probe.
    void handlePublicationProbe();
 
@@ -102,6 +113,8 @@ class AgentHost {
    void publicationMount(const SegmentId& segment);
    void publicationRelease();
    void tableMgrNew();
+   void cliNew();
+   TableMgrMap tableMgrs() const override;
 
    Keel::EventLoop& loop_;
    AgentHostOptions options_;
@@ -121,6 +134,8 @@ class AgentHost {
    std::uint64_t numHandlerFailures_ = 0;
    PeriodicTimer countersTimer_;
    PeriodicTimer probeTimer_;
+   Orb::Ptr<ChipMbbSlice::CliCallback> cliCallback_;
+   std::unique_ptr<Agent::CliServer> cliServer_;
 };
 
 }  // namespace SliceSystem
