@@ -4,5 +4,6 @@
 // and are handed, with a descriptor for the answer, to the command callback.
 
 #include "Agent/AgentCommand.h"
+#include "Agent/CliClient.h"
 #include "Agent/CliOutput.h"
 #include "Agent/CliServer.h"

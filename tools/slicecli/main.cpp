@@ -1,79 +1,17 @@
 // Sends one show command to a running agent host and prints the answer. Exit status 0 when
 // the host answered, 1 when no host serves the root, 2 when the host refused the command.
 
-#include <sys/socket.h>
-#include <sys/un.h>
-#include <unistd.h>
-
 #include <CLI/CLI.hpp>
-#include <cerrno>
-#include <cstring>
 #include <iostream>
 #include <string>
 #include <vector>
 
-#include "Agent/CliServer.h"
+#include "Agent/Agent.h"
 
 namespace {
 
 constexpr int exitNoHost = 1;
 constexpr int exitRefused = 2;
-constexpr std::string_view refusal = "error: ";
-
-int connectTo(const std::string& path) {
-   sockaddr_un addr{};
-   addr.sun_family = AF_UNIX;
-   if (path.size() >= sizeof addr.sun_path) {
-      errno = ENAMETOOLONG;
-      return -1;
-   }
-   std::memcpy(addr.sun_path, path.c_str(), path.size() + 1);
-   const int fd = socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-   if (fd < 0) return -1;
-   if (connect(fd, reinterpret_cast<const sockaddr*>(&addr), sizeof addr) != 0) {
-      const int error = errno;
-      close(fd);
-      errno = error;
-      return -1;
-   }
-   return fd;
-}
-
-bool sendAll(int fd, const std::string& text) {
-   std::size_t at = 0;
-   while (at < text.size()) {
-      const ssize_t n = send(fd, text.data() + at, text.size() - at, MSG_NOSIGNAL);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) return false;
-      at += static_cast<std::size_t>(n);
-   }
-   return true;
-}
-
-// Copies the answer to stdout as it comes; a refusal goes to stderr instead.
-int relayAnswer(int fd) {
-   std::string head;
-   bool refused = false;
-   bool decided = false;
-   char buf[1 << 16];
-   for (;;) {
-      const ssize_t n = read(fd, buf, sizeof buf);
-      if (n < 0 && errno == EINTR) continue;
-      if (n <= 0) break;
-      if (!decided) {
-         head.append(buf, static_cast<std::size_t>(n));
-         if (head.size() < refusal.size() && refusal.starts_with(head)) continue;
-         decided = true;
-         refused = head.starts_with(refusal);
-         (refused ? std::cerr : std::cout) << head;
-         continue;
-      }
-      (refused ? std::cerr : std::cout).write(buf, n);
-   }
-   if (!decided) std::cout << head;
-   std::cout.flush();
-   return refused ? exitRefused : 0;
-}
 
 }  // namespace
 
@@ -107,18 +45,14 @@ int main(int argc, char** argv) {
 
    std::string line = dev >= 0 ? "dev " + std::to_string(dev) + " " : "";
    for (std::size_t i = 0; i < words.size(); ++i) line += (i ? " " : "") + words[i];
-   const int fd = connectTo(socketPath);
-   if (fd < 0) {
-      std::cerr << "slicecli: no host serves " << socketPath << ": " << std::strerror(errno)
-                << "\n";
+   std::string error;
+   const Agent::CliAnswer answer = Agent::cliCommand(
+       socketPath, line, [](std::string_view text) { std::cout << text; },
+       [](std::string_view text) { std::cerr << text; }, error);
+   std::cout.flush();
+   if (answer == Agent::CliAnswer::noHost) {
+      std::cerr << "slicecli: " << error << "\n";
       return exitNoHost;
    }
-   if (!sendAll(fd, line + "\n")) {
-      std::cerr << "slicecli: host went away: " << std::strerror(errno) << "\n";
-      return exitNoHost;
-   }
-   shutdown(fd, SHUT_WR);
-   const int status = relayAnswer(fd);
-   close(fd);
-   return status;
+   return answer == Agent::CliAnswer::refused ? exitRefused : 0;
 }
