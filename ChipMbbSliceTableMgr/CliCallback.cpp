@@ -201,7 +201,7 @@ bool CliCallback::dumpMatTable(int socket, const TableMatch& table, std::uint64_
    const auto debugIntf = table.mgr->debug(table.key);
    BRIO_ASSERT(debugIntf);
    const auto& status = debugIntf->debugStatusIs("status");
-   if (yielding && bookmark.part != Part::header && Agent::outputBacklogged(socket)) return false;
+   if (yielding && bookmark.part != Part::header && clientLags(socket)) return false;
    CliText out;
    auto yield = [&](EntryKey at) {
       bookmark.nextKey = at;
@@ -253,12 +253,18 @@ bool CliCallback::dumpMatTable(int socket, const TableMatch& table, std::uint64_
    }
    std::size_t printed = 0;
    for (auto it = config.iter(bookmark.nextKey); it != config.end(); ++it, ++printed) {
-      if (yielding && (cliYieldSm_->endTime() ||
-                       (printed % backlogCheckEntries == 0 && Agent::outputBacklogged(socket)))) {
+      if (yielding &&
+          (cliYieldSm_->endTime() || (printed % backlogCheckEntries == 0 && clientLags(socket)))) {
          return yield(it->first);
       }
       if (!dumpOne(it->second)) return true;
    }
+   return true;
+}
+
+bool CliCallback::clientLags(int socket) const {
+   if (!Agent::outputBacklogged(socket)) return false;
+   cliYieldSm_->clientLagIs(true);
    return true;
 }
 
@@ -296,7 +302,7 @@ bool CliCallback::dumpHwTable(int socket, const std::string& command, std::uint8
               "dumpHwTable"
                   << " resuming after a yield");
       // The client has not caught up: nothing more until it does.
-      if (Agent::outputBacklogged(socket)) return false;
+      if (clientLags(socket)) return false;
    } else {
       const std::uint32_t handle = resourceInfoIntf_->hwResource(index).handle;
       bookmark = std::make_unique<HwPd::HwPdTableIterator>(
@@ -323,7 +329,7 @@ bool CliCallback::dumpHwTable(int socket, const std::string& command, std::uint8
       out.add(',');
       if (out.full()) {
          if (!out.flush(socket)) return true;
-         if (Agent::outputBacklogged(socket)) {
+         if (clientLags(socket)) {
             bookmark->next();
             return false;
          }

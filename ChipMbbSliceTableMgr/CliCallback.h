@@ -99,7 +99,9 @@ class CliCallback : public Orb::Entity<CliCallback>, public Agent::AgentCommandC
    bool largeTableRequest(const std::string& command) const;
    bool dumpMatTable(int socket, const TableMatch& table, std::uint64_t key,
                      MbbTableBookmark& bookmark, bool yielding);
-   bool sliceUsedUp(int socket) const;
+   // True when the client has not read what earlier slices wrote; the runner then waits a
+   // little before the next slice.
+   bool clientLags(int socket) const;
 
    std::string agentName_;
    const CliTableDir* watcher_;

@@ -2,6 +2,8 @@
 
 #include <unistd.h>
 
+#include <utility>
+
 #include "Brio/Brio.h"
 #include "ChipMbbSlice/TraceSetup.h"
 #include "ChipMbbSliceTableMgr/CliCallback.h"
@@ -135,10 +137,11 @@ void CliYieldSm::armYieldTimer() {
    // A command taken from the queue starts here with startTime at infinity, so its run time
    // goes to minus infinity and the limit never aborts it.
    runTime_ += elapsed;
+   const bool lag = std::exchange(clientLag_, false);
    if (runTime_ > runTimeLimit_) {
       abortCommand();
    } else {
-      clock_->timeMinIs(clock_->now() + yieldDuration_);
+      clock_->timeMinIs(clock_->now() + yieldDuration_ + (lag ? lagDuration_ : 0));
    }
 }
 
@@ -160,6 +163,7 @@ void CliYieldSm::resetState() {
    hwTableBookmark_.reset();
    mbbTableBookmark_ = MbbTableBookmark();
    devId_ = 0;
+   clientLag_ = false;
    inProgress_ = false;
 }
 

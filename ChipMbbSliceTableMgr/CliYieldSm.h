@@ -108,6 +108,11 @@ class CliYieldSm : public Orb::Entity<CliYieldSm> {
    void showDurationIs(Orb::Seconds d) { showDuration_ = d; }
    Orb::Seconds yieldDuration() const { return yieldDuration_; }
    void yieldDurationIs(Orb::Seconds d) { yieldDuration_ = d; }
+   Orb::Seconds lagDuration() const { return lagDuration_; }
+   void lagDurationIs(Orb::Seconds d) { lagDuration_ = d; }
+   // Said by a slice that stopped because the client lags: the next slice waits
+   // `lagDuration` more, as sooner it could not go on and would only spin the loop.
+   void clientLagIs(bool lag) { clientLag_ = lag; }
    Orb::Seconds runTime() const { return runTime_; }
    Orb::Seconds runTimeLimit() const { return runTimeLimit_; }
    void runTimeLimitIs(Orb::Seconds limit) { runTimeLimit_ = limit; }
@@ -156,6 +161,8 @@ class CliYieldSm : public Orb::Entity<CliYieldSm> {
    Orb::Seconds startTime_ = 0;
    Orb::Seconds showDuration_ = 0.001;
    Orb::Seconds yieldDuration_ = 0;
+   Orb::Seconds lagDuration_ = 0.001;
+   bool clientLag_ = false;
    Orb::Seconds runTime_ = 0;
    Orb::Seconds runTimeLimit_ = 60;
    bool initialized_ = false;

@@ -201,7 +201,7 @@ TEST_F(RunnerTest, LargeEngineDumpYieldsAndMatchesTheWholeDump) {
                                   static_cast<std::uint32_t>(1000 + k)));
    }
    const std::string sliced = w.run("mbb table ipv4_host pipe 0 key 0");
-   w.time->step = 0;
+   runner().showDurationIs(1e9);  // one slice, unless the reader lags
    EXPECT_EQ(sliced, w.run("mbb table ipv4_host pipe 0 key 0"));
    EXPECT_NE(sliced.find("Current entries (512):"), std::string::npos);
 }
