@@ -46,9 +46,17 @@ int main(int argc, char** argv) {
    std::string line = dev >= 0 ? "dev " + std::to_string(dev) + " " : "";
    for (std::size_t i = 0; i < words.size(); ++i) line += (i ? " " : "") + words[i];
    std::string error;
+   char last = '\n';
    const Agent::CliAnswer answer = Agent::cliCommand(
-       socketPath, line, [](std::string_view text) { std::cout << text; },
+       socketPath, line,
+       [&last](std::string_view text) {
+          std::cout << text;
+          if (!text.empty()) last = text.back();
+       },
        [](std::string_view text) { std::cerr << text; }, error);
+   // A hardware dump ends without a newline; the shell's prompt should not follow it on the
+   // same line.
+   if (last != '\n') std::cout << '\n';
    std::cout.flush();
    if (answer == Agent::CliAnswer::noHost) {
       std::cerr << "slicecli: " << error << "\n";
