@@ -26,6 +26,7 @@
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/SegmentId.h"
+#include "SliceSystem/ShowCommands.h"
 
 namespace {
 
@@ -48,31 +49,6 @@ ChipModel::TableProfile matTable(const std::string& name, std::uint32_t handle,
    return {name, handle, ChipSdk::TableKind::mat, size, 0, 0, 0};
 }
 
-struct Answer {
-   std::uint64_t bytes = 0;
-   std::uint64_t rows = 0;  // hardware rows (":{") or text lines
-   double seconds = 0;
-   bool answered = false;
-};
-
-Answer ask(const std::string& path, const std::string& command) {
-   Answer answer;
-   char last = 0;
-   auto sink = [&](std::string_view text) {
-      answer.bytes += text.size();
-      for (char c : text) {
-         answer.rows += (c == '\n') || (last == ':' && c == '{');
-         last = c;
-      }
-   };
-   std::string error;
-   const auto t0 = Clock::now();
-   answer.answered =
-       Agent::cliCommand(path, command, sink, sink, error) == Agent::CliAnswer::answered;
-   answer.seconds = secondsSince(t0);
-   return answer;
-}
-
 double threadCpuSeconds() {
    timespec ts{};
    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &ts);
@@ -83,7 +59,7 @@ double threadCpuSeconds() {
 // waiting. A turn holds the loop for the processor time the loop's thread spends in it: on a
 // shared machine the wall time of a turn also counts the times the thread was preempted.
 struct Held {
-   Answer answer;
+   SliceSystem::ShowAnswer answer;
    double longestTurn = 0;
 };
 
@@ -93,7 +69,7 @@ Held askOnLoop(Keel::EventLoop& loop, const std::string& path, const std::string
    for (const auto t0 = Clock::now(); secondsSince(t0) < 0.2;) loop.runOnce(0.01);
    std::atomic<bool> done{false};
    std::thread client([&] {
-      held.answer = ask(path, command);
+      held.answer = SliceSystem::showCommandAsk(path, command);
       done = true;
    });
    while (!done) {
@@ -150,7 +126,7 @@ void inProcess(std::uint32_t scale) {
                                        Named{"mbb agents 64 tables", "mbb agents"}}) {
       const Held held = askOnLoop(loop, path, command);
       figure(name + " time", held.answer.seconds * 1e3, "ms");
-      figure(name + " lines", static_cast<double>(held.answer.rows), "lines");
+      figure(name + " lines", static_cast<double>(held.answer.lines), "lines");
       figure(name + " longest loop hold", held.longestTurn * 1e3, "ms", "<= 2",
              held.longestTurn <= 0.002);
    }
@@ -188,7 +164,9 @@ double converge(const std::string& profilePath, const SliceSystem::PublisherOpti
    std::atomic<bool> stop{false};
    std::thread client([&] {
       while (dumping && !stop)
-         rowsDumped += ask(Agent::socketPathFor(root), "hw table route_00 pipe 0").rows;
+         rowsDumped +=
+             SliceSystem::showCommandAsk(Agent::socketPathFor(root), "hw table route_00 pipe 0")
+                 .rows;
    });
    double seconds = 0;
    {

@@ -17,6 +17,7 @@
 #include <thread>
 #include <vector>
 
+#include "Agent/CliServer.h"
 #include "Atlas/EntityManager.h"
 #include "ChipModel/ChipProfile.h"
 #include "Keel/EventLoop.h"
@@ -26,6 +27,7 @@
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/PublisherArgs.h"
 #include "SliceSystem/SegmentId.h"
+#include "SliceSystem/ShowCommands.h"
 
 namespace {
 
@@ -108,6 +110,26 @@ bool hostReady(const std::string& root, pid_t host) {
    return false;
 }
 
+// The show commands against the host while the publisher works, on its largest table.
+void showCommands(const std::string& root, const SliceSystem::PublisherOptions& options,
+                  pid_t publisher) {
+   const SliceSystem::TableSpec* largest = nullptr;
+   for (const SliceSystem::TableSpec& spec : options.tables) {
+      if (!largest || spec.numEntries > largest->numEntries) largest = &spec;
+   }
+   if (!largest) return;
+   auto publishing = [publisher] {
+      siginfo_t info{};
+      return ::waitid(P_PID, publisher, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
+             info.si_pid == 0;
+   };
+   say("show commands while the publisher works:");
+   if (!SliceSystem::showCommandsRun(Agent::socketPathFor(root), largest->name, publishing,
+                                     [](const std::string& line) { say("  " + line); })) {
+      say("  the publisher ended before the host served " + largest->name);
+   }
+}
+
 int twoProcesses(const std::vector<std::string>& passOn,
                  const SliceSystem::PublisherOptions& options, const std::string& profilePath,
                  bool crash) {
@@ -149,7 +171,9 @@ int twoProcesses(const std::vector<std::string>& passOn,
    say("the publisher, with two bad announcements");
    std::vector<std::string> args = pubArgs;
    args.push_back("--bad-announcements");
-   int pubStatus = waitFor(spawn(SLICEPUB_PATH, args));
+   pid_t pub = spawn(SLICEPUB_PATH, args);
+   showCommands(root, options, pub);
+   int pubStatus = waitFor(pub);
    say("publisher ended with " + exitText(pubStatus) + "; stopping the agent host");
    ::kill(host, SIGTERM);
    int hostStatus = waitFor(host);
