@@ -264,8 +264,10 @@ void CliServer::handleOutput(int client) {
          conn.output = -1;
          break;
       }
-      if (conn.relayAt == conn.relay.size()) {
-         conn.relay.clear();
+      // What the client has read goes before the buffer grows: a client that never quite
+      // catches up would otherwise make it grow for the whole answer.
+      if (conn.relayAt >= conn.relayed()) {
+         conn.relay.erase(0, conn.relayAt);
          conn.relayAt = 0;
       }
       conn.relay.append(buf, static_cast<std::size_t>(n));
