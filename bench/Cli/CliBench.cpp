@@ -113,12 +113,16 @@ void inProcess(std::uint32_t scale) {
    const std::string& path = hostOptions.cliSocketPath;
    const std::string tag = scale == 1 ? "1M" : "100K";
 
-   const Held hw = askOnLoop(loop, path, "hw table big pipe 0");
-   const double rate = hw.answer.rows / hw.answer.seconds;
-   figure("hw table " + tag + " rows", static_cast<double>(hw.answer.rows), "rows");
-   figure("hw table " + tag + " rate", rate, "rows/s", ">= 300000", rate >= 300000);
-   figure("hw table " + tag + " longest loop hold", hw.longestTurn * 1e3, "ms", "<= 2",
-          hw.longestTurn <= 0.002);
+   // The first dump of a process pays a one-time cost that later ones do not: both are shown.
+   for (const std::string run : {"first", "again"}) {
+      const Held hw = askOnLoop(loop, path, "hw table big pipe 0");
+      const double rate = hw.answer.rows / hw.answer.seconds;
+      const std::string name = "hw table " + tag + " " + run;
+      figure(name + " rows", static_cast<double>(hw.answer.rows), "rows");
+      figure(name + " rate", rate, "rows/s", ">= 300000", rate >= 300000);
+      figure(name + " longest loop hold", hw.longestTurn * 1e3, "ms", "<= 2",
+             hw.longestTurn <= 0.002);
+   }
 
    using Named = std::pair<std::string, std::string>;
    for (const auto& [name, command] : {Named{"mbb table 65536", "mbb table mid pipe 0 key 0"},
