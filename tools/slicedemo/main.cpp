@@ -221,6 +221,12 @@ int auditDemo(const ChipModel::ChipProfile& profile, SliceSystem::PublisherOptio
    options.log = [](const std::string&) {};
    SliceSystem::Publisher publisher(target, options);
    bool published = publisher.run().ok();
+   // Further rounds of churn, each waiting on the event loop until it is in hardware, so that
+   // audits keep running while the configuration changes.
+   for (int round = 0; round < 30 && published; ++round) {
+      published = publisher.churn().converged();
+      loopFor(loop, 0.05);
+   }
    loopFor(loop, 0.25);
    say("under churn: " + std::to_string(watch.audits) + " audits, " + std::to_string(watch.flags) +
        " flags, " + std::to_string(watch.notifications) + " notifications, " +
