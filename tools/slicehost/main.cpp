@@ -12,7 +12,7 @@
 #include "Keel/EventLoop.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/Args.h"
-#include "SliceSystem/FaultSpec.h"
+#include "SliceSystem/FaultOption.h"
 #include "SliceSystem/SignalWatch.h"
 
 namespace {
@@ -20,7 +20,7 @@ namespace {
 const char* usage =
     "usage: slicehost --root NAME [--profile chip.json] [--table-info PATH]\n"
     "                 [--sync-gen-time T] [--status-interval SECONDS]\n"
-    "                 [--audit-interval SECONDS] [--audit-hardware] [--fault SPEC]...\n"
+    "                 [--audit-interval SECONDS] [--audit-hardware] [--fault FAULT]...\n"
     "  Serves the tables announced in the mount-info collection PATH (default mbb/tableInfo)\n"
     "  of the shared tables under NAME, and writes its counters to mbb/hostCounters.\n"
     "  Prints a status line every SECONDS (default 1) when something changed, on SIGUSR1,\n"
@@ -88,9 +88,9 @@ int main(int argc, char** argv) {
    options.auditHardware = args.flag("audit-hardware");
    std::vector<SliceSystem::TimedFault> faults;
    std::string error;
-   for (const std::string& spec : args.texts("fault")) {
+   for (const std::string& text : args.texts("fault")) {
       SliceSystem::TimedFault timed;
-      if (!SliceSystem::faultSpecParse(spec, timed, error)) break;
+      if (!SliceSystem::faultOptionParse(text, timed, error)) break;
       faults.push_back(timed);
    }
    if (error.empty()) error = args.error();

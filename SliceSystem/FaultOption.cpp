@@ -1,20 +1,20 @@
-#include "SliceSystem/FaultSpec.h"
+#include "SliceSystem/FaultOption.h"
 
 #include <sstream>
 #include <vector>
 
 namespace SliceSystem {
 
-bool faultSpecParse(const std::string& text, TimedFault& timed, std::string& error) {
+bool faultOptionParse(const std::string& text, TimedFault& timed, std::string& error) {
    timed = TimedFault();
-   std::string spec = text;
+   std::string fields = text;
    try {
-      if (auto at = spec.find('@'); at != std::string::npos) {
-         timed.at = std::stod(spec.substr(at + 1));
-         spec.resize(at);
+      if (auto at = fields.find('@'); at != std::string::npos) {
+         timed.at = std::stod(fields.substr(at + 1));
+         fields.resize(at);
       }
       std::vector<std::string> parts;
-      std::istringstream in(spec);
+      std::istringstream in(fields);
       for (std::string part; std::getline(in, part, ':');) parts.push_back(part);
       if (parts.size() < 3 || parts.size() > 5 ||
           !ChipModel::faultKindFromName(parts[0], timed.fault.kind)) {

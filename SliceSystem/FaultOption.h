@@ -15,6 +15,6 @@ struct TimedFault {
 
 // Reads "KIND:TABLE:HANDLE[:INDEX[:SUBINDEX]][@SECONDS]" (numbers in C notation, device 0, all
 // pipes); false with a reason when it does not parse.
-bool faultSpecParse(const std::string& text, TimedFault& timed, std::string& error);
+bool faultOptionParse(const std::string& text, TimedFault& timed, std::string& error);
 
 }  // namespace SliceSystem
