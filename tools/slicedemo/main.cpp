@@ -327,7 +327,11 @@ int main(int argc, char** argv) {
       return 2;
    }
    if (auditOnly) return auditDemo(profile, options);
-   if (local) return std::max(inProcess(profile, options), auditDemo(profile, options));
+   // The audit part runs after the main job.
+   if (local) {
+      const int status = inProcess(profile, options);
+      return std::max(status, auditDemo(profile, options));
+   }
    std::vector<std::string> passOn;
    for (int i = 1; i < argc; ++i) {
       std::string arg = argv[i];
@@ -339,5 +343,6 @@ int main(int argc, char** argv) {
       if (arg.rfind("--profile=", 0) == 0) continue;
       passOn.push_back(arg);
    }
-   return std::max(twoProcesses(passOn, options, profilePath, crash), auditDemo(profile, options));
+   const int status = twoProcesses(passOn, options, profilePath, crash);
+   return std::max(status, auditDemo(profile, options));
 }
