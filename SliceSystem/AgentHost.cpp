@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <cstdio>
 #include <iostream>
 #include <set>
 
@@ -47,9 +48,13 @@ AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
       timerWheel_(sliceTimerWheelNew()),
       mountConfig_(Orb::ptrNew<ChipMbbSlice::MountConfig>(options_.mountMode)),
       flushStatus_(Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flushStatus")),
+      auditMgr_(ChipMbbSlice::TableAuditMgrSmIs(timerWheel_.get(), options_.sessHdl,
+                                                ChipModel::modelHwPdNew(chip_))),
       countersTimer_(timerWheel_.get(), options_.countersPeriod, [this] { countersWrite(); }),
       probeTimer_(timerWheel_.get(), options_.probePeriod, [this] { handlePublicationProbe(); }) {
    loop_.timerWheelAdd(timerWheel_.get());
+   auditMgr_->auditIntervalIs(options_.auditInterval);
+   auditMgr_->auditPolicy()->auditHardwareIs(options_.auditHardware);
    if (options_.root.empty()) {
       countersTable_ = Vault::localTableNew<HostCountersTable>(options_.countersPath);
       countersTable_->mountedIs(true);
@@ -84,6 +89,16 @@ void AgentHost::log(const std::string& line) const {
    }
 }
 
+bf_status_t AgentHost::faultInject(const ChipModel::Fault& fault) {
+   const bf_status_t status = chip_.faultInject(fault);
+   char text[160];
+   std::snprintf(text, sizeof text, "fault %s on table 0x%x handle 0x%x index 0x%x: %s",
+                 ChipModel::faultKindName(fault.kind), fault.tblHdl, fault.hdl, fault.index,
+                 status == BF_SUCCESS ? "injected" : chip_.lastError().c_str());
+   log(text);
+   return status;
+}
+
 void AgentHost::tableMgrNew() {
    tableMgr_ = Orb::ptrNew<ChipMbbSlice::ChipSliceTableMgrSm>(
        tableMountInfo_, entityManager_, options_.supportedDevices, options_.sessHdl,
@@ -91,6 +106,7 @@ void AgentHost::tableMgrNew() {
        ChipModel::modelResourceInfoNew(chip_.profile()));
    // A publisher may withdraw a table; the host then takes it down instead of stopping.
    tableMgr_->allowUnmountIs(true);
+   tableMgr_->tableAuditMgrSmIs(auditMgr_);
    ++publications_;
 }
 

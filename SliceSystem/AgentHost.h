@@ -15,6 +15,7 @@
 #include "ChipMbbSliceTableMgr/MountConfig.h"
 #include "ChipModel/Chip.h"
 #include "ChipModel/ChipProfile.h"
+#include "ChipModel/Fault.h"
 #include "Keel/EventLoop.h"
 #include "Keel/TimerWheel.h"
 #include "Keel/WheelClock.h"
@@ -23,6 +24,7 @@
 #include "Orb/Time.h"
 #include "SliceSystem/HostCounters.h"
 #include "SliceSystem/SegmentId.h"
+#include "TableAuditSm/TableAuditSm.h"
 
 namespace SliceSystem {
 
@@ -44,6 +46,10 @@ struct AgentHostOptions {
    // The show commands' socket; empty serves them at Agent::socketPathFor(root), and not at
    // all in test mode.
    std::string cliSocketPath;
+   // The audit of the served tables: its period, and whether it also reads every entry back
+   // from the chip and compares it with the configuration.
+   Orb::Seconds auditInterval = ChipMbbSlice::TableAuditMgrSm::defaultAuditInterval;
+   bool auditHardware = false;
    // Where the host says what happens to its publications; stdout when empty.
    std::function<void(const std::string&)> log;
 };
@@ -76,6 +82,10 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    const Orb::Ptr<HostCountersTable>& countersTable() const { return countersTable_; }
    const Orb::Ptr<ChipMbbSlice::MountConfig>& mountConfig() const { return mountConfig_; }
    const Orb::Ptr<MbbEngine::MbbEngineFlushStatus>& flushStatus() const { return flushStatus_; }
+   const Orb::Ptr<ChipMbbSlice::TableAuditMgrSm>& auditMgr() const { return auditMgr_; }
+
+   // Changes the chip behind the slice's back, as an outage would (ChipModel/Fault.h); logged.
+   bf_status_t faultInject(const ChipModel::Fault& fault);
 
    // The counters as they are now, and their publication.
    HostCounters counters() const;
@@ -124,6 +134,8 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    Orb::Ptr<Atlas::EntityManager> entityManager_;
    Orb::Ptr<ChipMbbSlice::MountConfig> mountConfig_;
    Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus_;
+   // Created before the table managers, which register their tables with it.
+   Orb::Ptr<ChipMbbSlice::TableAuditMgrSm> auditMgr_;
    Orb::Ptr<HostCountersTable> countersTable_;
    Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
    SegmentId tableInfoSegment_;

@@ -124,11 +124,11 @@ bf_status_t AdtTable::mod(const PlcmtOp& op, OpContext& ctx) {
    return BF_SUCCESS;
 }
 
-bf_status_t AdtTable::del(const PlcmtOp& op, OpContext& ctx) {
+bf_status_t AdtTable::del(const PlcmtOp& op, OpContext& ctx, bool forced) {
    std::uint32_t slot = absent;
    if (bf_status_t status = findOwned(op, ctx, slot); status != BF_SUCCESS) return status;
    AdtEntry& entry = slots_[slot];
-   if (entry.refCount != 0) {
+   if (entry.refCount != 0 && !forced) {
       ctx.violation(ViolationKind::adtDelInUse, "member handle 0x%x of %s still has %u users",
                     op.hdl, profile().name.c_str(), entry.refCount);
       return ctx.refuse(BF_IN_USE, "adt_del: member handle 0x%x of %s still has %u users", op.hdl,

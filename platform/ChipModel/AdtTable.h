@@ -40,6 +40,7 @@ class AdtTable : public TableModel {
    bf_status_t apply(const PlcmtOp& op, OpContext& ctx) override;
    void nextHdls(std::uint16_t instance, std::uint32_t after, std::size_t count,
                  std::vector<std::uint32_t>& out) const override;
+   bf_status_t faultApply(const Fault& fault, OpContext& ctx) override;
 
  protected:
    void instancesIs(std::uint16_t count) override;
@@ -59,7 +60,8 @@ class AdtTable : public TableModel {
    bf_status_t findOwned(const PlcmtOp& op, OpContext& ctx, std::uint32_t& slot) const;
    bf_status_t add(const PlcmtOp& op, OpContext& ctx);
    bf_status_t mod(const PlcmtOp& op, OpContext& ctx);
-   bf_status_t del(const PlcmtOp& op, OpContext& ctx);
+   // A forced delete takes the entry out under its users, as only a fault would.
+   bf_status_t del(const PlcmtOp& op, OpContext& ctx, bool forced = false);
 
    SlotPool<AdtEntry> slots_;
    OpenMap<std::uint64_t> slotOf_;   // (instance, handle) -> slot, installed or referenced

@@ -22,6 +22,7 @@
 
 #include "ChipModel/AdtTable.h"
 #include "ChipModel/ChipProfile.h"
+#include "ChipModel/Fault.h"
 #include "ChipModel/MatTable.h"
 #include "ChipModel/SelTable.h"
 #include "ChipModel/ViolationKind.h"
@@ -72,6 +73,12 @@ class Chip : public ChipSdk::SdkImpl {
                         std::vector<std::uint32_t>& out) const;
    bf_status_t defaultEntryHdl(std::uint8_t devId, std::uint16_t pipe, std::uint32_t tblHdl,
                                std::uint32_t& hdl) const;
+
+   // Makes an out-of-band fault happen (see Fault.h): not an operation, so it is neither counted
+   // as one nor seen by the hitless checker. A fault that names nothing on the chip is refused
+   // with an error status and lastError says why.
+   bf_status_t faultInject(const Fault& fault);
+   std::uint64_t numFaults() const { return numFaults_; }
 
    // The checker counts violations when on (the default); fatal makes the first violation an
    // assertion, so that a test stops where the order went wrong.
@@ -136,6 +143,7 @@ class Chip : public ChipSdk::SdkImpl {
    std::array<std::uint64_t, numViolationKinds> numViolations_{};
    std::uint64_t numRefusedOps_ = 0;
    std::uint64_t numCommits_ = 0;
+   std::uint64_t numFaults_ = 0;
    std::string lastError_;
 
    // Destroyed batches, kept for reuse: a helper opens and destroys one per operation, and a

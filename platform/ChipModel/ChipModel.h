@@ -9,6 +9,7 @@
 #include "ChipModel/AdtTable.h"
 #include "ChipModel/Chip.h"
 #include "ChipModel/ChipProfile.h"
+#include "ChipModel/Fault.h"
 #include "ChipModel/MatTable.h"
 #include "ChipModel/ModelHwPd.h"
 #include "ChipModel/ModelResourceInfo.h"

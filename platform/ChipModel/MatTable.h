@@ -46,6 +46,7 @@ class MatTable : public TableModel {
    // Default entries are not among them: they are asked for by defaultHdl.
    void nextHdls(std::uint16_t instance, std::uint32_t after, std::size_t count,
                  std::vector<std::uint32_t>& out) const override;
+   bf_status_t faultApply(const Fault& fault, OpContext& ctx) override;
 
  protected:
    void instancesIs(std::uint16_t count) override;

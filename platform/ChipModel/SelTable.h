@@ -64,6 +64,7 @@ class SelTable : public TableModel {
    // The selector indices of the vectors that hold members, plus one (handles are not 0).
    void nextHdls(std::uint16_t instance, std::uint32_t after, std::size_t count,
                  std::vector<std::uint32_t>& out) const override;
+   bf_status_t faultApply(const Fault& fault, OpContext& ctx) override;
 
  protected:
    void instancesIs(std::uint16_t count) override;

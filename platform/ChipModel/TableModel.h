@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ChipModel/ChipProfile.h"
+#include "ChipModel/Fault.h"
 #include "ChipSdk/PlcmtApi.h"
 #include "ChipSdk/PlcmtData.h"
 
@@ -45,6 +46,9 @@ class TableModel {
    // Appends up to `count` handles greater than `after` of one instance, in order.
    virtual void nextHdls(std::uint16_t instance, std::uint32_t after, std::size_t count,
                          std::vector<std::uint32_t>& out) const = 0;
+   // Makes the fault happen to this table, keeping its own bookkeeping whole; a fault that
+   // names nothing here is refused as an operation would be.
+   virtual bf_status_t faultApply(const Fault& fault, OpContext& ctx) = 0;
 
  protected:
    virtual void instancesIs(std::uint16_t count) = 0;

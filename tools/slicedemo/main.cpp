@@ -3,16 +3,20 @@
 // tables under a fresh root: a first publisher dies in the middle of its churn, a second one
 // replaces it, publishes, churns and re-adds (with two announcements the host must skip), and
 // the host is stopped at the end. With --in-process the host and one publisher share this
-// process, its event loop and in-memory tables.
+// process, its event loop and in-memory tables. Either way the demo ends with the audit: in this
+// process, every 50 ms, first under a publisher's churn, then with faults injected into the
+// chip (--audit runs only that part).
 
 #include <signal.h>
 #include <sys/mman.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <filesystem>
 #include <iostream>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -20,6 +24,7 @@
 #include "Agent/CliServer.h"
 #include "Atlas/EntityManager.h"
 #include "ChipModel/ChipProfile.h"
+#include "FlashLog/DualLog.h"
 #include "Keel/EventLoop.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/Args.h"
@@ -32,9 +37,10 @@
 namespace {
 
 const char* usage =
-    "usage: slicedemo [--help] [--in-process] [--no-crash] [--profile chip.json] [publisher "
-    "options]\n"
+    "usage: slicedemo [--help] [--in-process | --audit] [--no-crash] [--profile chip.json]\n"
+    "                 [publisher options]\n"
     "  --in-process  host and publisher in this one process (test mode, in-memory tables)\n"
+    "  --audit       only the audit part: churn, then injected faults, audited every 50 ms\n"
     "  --no-crash    leave out the publisher that dies mid-way\n"
     "publisher options, passed on to slicepub:\n";
 
@@ -98,6 +104,139 @@ int inProcess(const ChipModel::ChipProfile& profile, SliceSystem::PublisherOptio
    std::cout << "slicepub report (in process):\n" << report.text();
    std::cout << "slicehost: " << host.statusLine() << std::endl;
    return report.ok() ? 0 : 1;
+}
+
+// Shows the audit's flags, notifications and recorded failures as they happen, and counts them.
+class AuditWatch : public DualLog::Sink {
+ public:
+   explicit AuditWatch(const SliceSystem::AgentHost& host)
+       : host_(host), previous_(DualLog::sinkIs(this)) {
+      DualLog::levelIs("TableAudit", 8);
+   }
+   ~AuditWatch() override {
+      DualLog::levelIs("TableAudit", -1);
+      DualLog::sinkIs(previous_);
+   }
+   void write(const DualLog::Facility& facility, unsigned level, std::string_view text) override {
+      if (facility.name() != "TableAudit") return;
+      if (text.starts_with("Completed table audit")) ++audits;
+      bool flag = text.starts_with("Flagging");
+      bool notify = text.starts_with("Notifying");
+      bool failed = text.starts_with("Failed audit");
+      flags += flag;
+      notifications += notify;
+      failures += failed;
+      if (show && (flag || notify || failed)) {
+         std::cout << "slicedemo:   audit " << host_.auditMgr()->configInstance()->instance()
+                   << ": " << text << std::endl;
+      }
+   }
+
+   bool show = false;
+   unsigned audits = 0, flags = 0, notifications = 0, failures = 0;
+
+ private:
+   const SliceSystem::AgentHost& host_;
+   DualLog::Sink* previous_;
+};
+
+void loopFor(Keel::EventLoop& loop, Orb::Seconds seconds) {
+   const Orb::Seconds end = Orb::activityTimeSource()->now() + seconds;
+   for (Orb::Seconds now; (now = Orb::activityTimeSource()->now()) < end;) loop.runOnce(end - now);
+}
+
+// The faults go into the first served table: one entry dropped, one entry's data changed (which
+// only the hardware comparison sees, so it is switched on), and an entry that nobody placed.
+int auditFaults(Keel::EventLoop& loop, SliceSystem::AgentHost& host, AuditWatch& watch) {
+   const auto& engines = host.tableMgr()->mbbEngineSms();
+   if (engines.empty()) {
+      say("no table to inject faults into");
+      return 1;
+   }
+   const auto& [key, engine] = *engines.begin();
+   std::vector<Vault::MbbEngine::EntryConfig> live;
+   std::set<std::uint32_t> usedIndex;
+   std::uint32_t maxHdl = 0;
+   for (const auto& [k, config] : *engine->tableConfig()) {
+      if (config.isDel() || config.isDefaultEntry()) continue;
+      live.push_back(config);
+      maxHdl = std::max(maxHdl, config.entryHandle());
+      usedIndex.insert(config.index());
+   }
+   std::uint32_t strayIndex = 0;
+   while (usedIndex.contains(strayIndex)) ++strayIndex;
+   if (live.size() < 2 || strayIndex >= host.chip().tableProfile(key.tableId())->size) {
+      say("table " + key.name() + " too small for the faults");
+      return 1;
+   }
+   auto fault = [&](ChipModel::FaultKind kind, std::uint32_t hdl, std::uint32_t index) {
+      ChipModel::Fault f;
+      f.kind = kind;
+      f.devId = key.devTgt().devId;
+      f.pipe = key.devTgt().pipeId;
+      f.tblHdl = key.tableId();
+      f.hdl = hdl;
+      f.index = index;
+      return host.faultInject(f) == BF_SUCCESS;
+   };
+   const auto& dropped = live.front();
+   const auto& corrupted = live.back();
+   const std::uint32_t strayHdl = maxHdl + 0x100;
+   host.auditMgr()->auditPolicy()->auditHardwareIs(true);
+   say("injecting faults into " + key.name() + ", hardware comparison on");
+   bool injected = fault(ChipModel::FaultKind::drop, dropped.entryHandle(), 0) &&
+                   fault(ChipModel::FaultKind::corrupt, corrupted.entryHandle(), 0) &&
+                   fault(ChipModel::FaultKind::stray, strayHdl, strayIndex);
+   const auto& failed = host.auditMgr()->failedAuditStatus()->failedEntries();
+   auto numFound = [&] {
+      std::set<std::uint64_t> found;
+      for (const auto& [time, entry] : failed) found.insert(entry.identifier());
+      return found.contains(dropped.key().value()) + found.contains(corrupted.key().value()) +
+             found.contains(strayHdl);
+   };
+   // A fault is recorded once it has failed `failAuditLimit` audits in a row; a large table
+   // takes several audit intervals per audit.
+   watch.show = true;
+   const Orb::Seconds giveUp = Orb::activityTimeSource()->now() + 60;
+   while (injected && numFound() < 3 && Orb::activityTimeSource()->now() < giveUp) {
+      loopFor(loop, 0.1);
+   }
+   watch.show = false;
+   say("failed-audit record:");
+   for (const auto& [time, entry] : failed) std::cout << "  " << Orb::toString(entry) << std::endl;
+   say("faults recorded: " + std::to_string(numFound()) + " of 3");
+   // The operator puts the dropped entry back, so that the table can be taken down cleanly.
+   fault(ChipModel::FaultKind::stray, dropped.entryHandle(), dropped.index());
+   return injected && numFound() == 3 ? 0 : 1;
+}
+
+int auditDemo(const ChipModel::ChipProfile& profile, SliceSystem::PublisherOptions options) {
+   say("the audit every 50 ms, first under churn, then with faults (in this process)");
+   Keel::EventLoop loop;
+   SliceSystem::AgentHostOptions hostOptions;
+   hostOptions.profile = profile;
+   hostOptions.auditInterval = 0.05;
+   hostOptions.log = [](const std::string& line) { say(line); };
+   SliceSystem::AgentHost host(loop, hostOptions);
+   AuditWatch watch(host);
+   SliceSystem::LocalPublishTarget target(host);
+   options.log = [](const std::string&) {};
+   SliceSystem::Publisher publisher(target, options);
+   bool published = publisher.run().ok();
+   // Further rounds of churn, each waiting on the event loop until it is in hardware, so that
+   // audits keep running while the configuration changes.
+   for (int round = 0; round < 30 && published; ++round) {
+      published = publisher.churn().converged();
+      loopFor(loop, 0.05);
+   }
+   loopFor(loop, 0.25);
+   say("under churn: " + std::to_string(watch.audits) + " audits, " + std::to_string(watch.flags) +
+       " flags, " + std::to_string(watch.notifications) + " notifications, " +
+       std::to_string(watch.failures) + " failures recorded");
+   const bool clean = published && watch.notifications == 0 && watch.failures == 0;
+   const bool found = auditFaults(loop, host, watch) == 0;
+   say(clean && found ? "audit OK" : "audit FAILED");
+   return clean && found ? 0 : 1;
 }
 
 bool hostReady(const std::string& root, pid_t host) {
@@ -195,6 +334,7 @@ int main(int argc, char** argv) {
       return 0;
    }
    bool local = args.flag("in-process");
+   bool auditOnly = args.flag("audit");
    bool crash = !args.flag("no-crash");
    std::string profilePath = args.text("profile");
    ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
@@ -210,11 +350,16 @@ int main(int argc, char** argv) {
                 << usage << SliceSystem::publisherArgsUsage;
       return 2;
    }
-   if (local) return inProcess(profile, options);
+   if (auditOnly) return auditDemo(profile, options);
+   // The audit part runs after the main job.
+   if (local) {
+      const int status = inProcess(profile, options);
+      return std::max(status, auditDemo(profile, options));
+   }
    std::vector<std::string> passOn;
    for (int i = 1; i < argc; ++i) {
       std::string arg = argv[i];
-      if (arg == "--in-process" || arg == "--no-crash") continue;
+      if (arg == "--in-process" || arg == "--no-crash" || arg == "--audit") continue;
       if (arg == "--profile") {
          ++i;
          continue;
@@ -222,5 +367,6 @@ int main(int argc, char** argv) {
       if (arg.rfind("--profile=", 0) == 0) continue;
       passOn.push_back(arg);
    }
-   return twoProcesses(passOn, options, profilePath, crash);
+   const int status = twoProcesses(passOn, options, profilePath, crash);
+   return std::max(status, auditDemo(profile, options));
 }

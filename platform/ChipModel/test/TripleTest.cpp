@@ -228,4 +228,36 @@ TEST_F(Triple, EntryScopeCoversTheWholeTriple) {
              BF_IN_USE);
 }
 
+// Faults change what the chip holds without an operation: ADT entries go even while in use,
+// data changes but still reads as a valid block, and what nobody placed appears.
+TEST_F(Triple, FaultsChangeTheChipBehindTheOperationsBack) {
+   chip.hitlessFatalIs(true);
+   ASSERT_EQ(adtAdd(1), BF_SUCCESS);
+   ASSERT_EQ(adtAdd(2), BF_SUCCESS);
+   ASSERT_EQ(selAdd(grpHdl, 1, 4, 0), BF_SUCCESS);
+   auto fault = [&](FaultKind kind, std::uint32_t tblHdl, std::uint32_t hdl,
+                    std::uint32_t index = 0, std::uint32_t subIndex = 0) {
+      return chip.faultInject(Fault{kind, 0, allPipes, tblHdl, hdl, index, subIndex, 0});
+   };
+   const AdtTable& adt = *chip.adtTable(0, routeAdtHdl);
+   const SelTable& sel = *chip.selTable(0, routeSelHdl);
+   const PlcmtDataBlock before = adt.entry(2)->data;
+   EXPECT_EQ(fault(FaultKind::corrupt, routeAdtHdl, 2), BF_SUCCESS);
+   EXPECT_NE(adt.entry(2)->data, before);
+   EXPECT_TRUE(plcmtDataParse(adt.entry(2)->data.data(), plcmtDataMaxSize).ok());
+   EXPECT_EQ(fault(FaultKind::drop, routeAdtHdl, 1), BF_SUCCESS);
+   EXPECT_EQ(adt.entry(1), nullptr);
+   EXPECT_EQ(fault(FaultKind::stray, routeAdtHdl, 5), BF_SUCCESS);
+   EXPECT_NE(adt.entry(5), nullptr);
+
+   EXPECT_EQ(fault(FaultKind::corrupt, routeSelHdl, 1, 4, 0), BF_SUCCESS);
+   EXPECT_EQ(fault(FaultKind::stray, routeSelHdl, 2, 4, 1), BF_SUCCESS);
+   EXPECT_NE(sel.member(0, 4, 1), nullptr);
+   EXPECT_EQ(fault(FaultKind::drop, routeSelHdl, 1, 4, 0), BF_SUCCESS);
+   EXPECT_EQ(sel.member(0, 4, 0), nullptr);
+   EXPECT_EQ(fault(FaultKind::drop, routeSelHdl, 1, 4, 0), BF_OBJECT_NOT_FOUND);
+   EXPECT_EQ(chip.numFaults(), 6u);
+   EXPECT_EQ(chip.numOps(OpKind::adtDel) + chip.numOps(OpKind::selDel), 0u);
+}
+
 }  // namespace
