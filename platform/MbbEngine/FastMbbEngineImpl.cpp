@@ -269,6 +269,9 @@ void FastMbbEngineImpl::processDelete(const EntryKey& key, const EntryConfig& co
       return;
    }
    pending_.erase(key);
+   // What the key's entry depended on is released with it, and a key that waited for its
+   // dependencies stops waiting.
+   processDependantTables(EntryConfig(), key);
    if (!found) {
       deleteAck(key, config);
       return;
