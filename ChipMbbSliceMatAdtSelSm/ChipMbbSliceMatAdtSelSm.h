@@ -5,3 +5,5 @@
 // machine that drives it from the four configuration tables.
 
 #include "ChipMbbSliceMatAdtSelSm/DependencyRecords.h"
+#include "ChipMbbSliceMatAdtSelSm/MatAdtSelMbbEngineImpl.h"
+#include "ChipMbbSliceMatAdtSelSm/MatAdtSelSm.h"
