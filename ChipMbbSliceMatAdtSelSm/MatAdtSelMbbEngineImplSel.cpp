@@ -139,19 +139,25 @@ void MatAdtSelMbbEngineImpl::handleSelGrpEntry(EntryKey grpKey) {
 void MatAdtSelMbbEngineImpl::selGrpRemove(const Orb::Ptr<SelGrpState>& sgs,
                                           const SelGrpEntryConfig& config) {
    DUALLOG(sliceLog, 7, "  deleting members");
+   std::vector<SelMbrEntryKey> deleted;
    for (const auto& [key, sms] : SelGrpState::SelMbrMap(sgs->issuedSelMbrs())) {
       if (sms->active()) activeMbrCntDec(sgs, VectorIndex(key.vector()));
       deletedAdtRefEnq(sms->adtKey());
       sgs->issuedSelMbrDel(key);
-      // A member whose own configuration is a delete is acknowledged with it; the others lose
-      // their status, and wait for the group to come back.
+      // Every member loses its status; one whose own configuration is a delete is then
+      // acknowledged, the others wait for the group to come back.
       SelMbrEntryConfig own;
       configRead(selMbrTableConfig_, key, own);
-      if (!own.isDel() && own != SelMbrEntryConfig()) mbrsWaitingForGrp_[sgs->key()].push_back(key);
-      chipHelper_->delSelEntry(own.isDel() ? own : configOf(*sms), sgs->grpHdl(), sgs->baseIndex(),
-                               sms->mbrHdl(), false);
+      if (own.isDel()) {
+         deleted.push_back(key);
+      } else if (own != SelMbrEntryConfig()) {
+         mbrsWaitingForGrp_[sgs->key()].push_back(key);
+      }
+      chipHelper_->delSelEntry(configOf(*sms), sgs->grpHdl(), sgs->baseIndex(), sms->mbrHdl(),
+                               false);
    }
    selBatchCommit();
+   for (const SelMbrEntryKey key : deleted) chipHelper_->selMbrDelAck(key);
    for (std::uint32_t i = 0; i < sgs->numVectors() && i < VectorIndex::numVectors; ++i) {
       // clang-format off
       BRIO_ASSERT(sgs->activeMbrCnt( VectorIndex( i ) ) == 0);
