@@ -33,7 +33,11 @@ MatAdtSelMbbEngineImpl::MatAdtSelMbbEngineImpl(
                         std::move(debugStatus), std::move(helper), qtId),
       adtTableConfig_(std::move(adtTableConfig)),
       selGrpTableConfig_(std::move(selGrpTableConfig)),
-      selMbrTableConfig_(std::move(selMbrTableConfig)) {}
+      selMbrTableConfig_(std::move(selMbrTableConfig)) {
+   // A key that waits for its group costs a group lookup each time it is offered again; a
+   // retry or re-offer batch of this size keeps the loop held for about a millisecond.
+   retryDepsMaxCntIs(256);
+}
 
 MatAdtSelMbbEngineImpl::~MatAdtSelMbbEngineImpl() {
    if (chipHelper_ && chipHelper_->impl() == this) chipHelper_->implIs(nullptr);
