@@ -47,7 +47,6 @@ TEST_F(EngineTest, RouteWaitsForItsGroupAndIsOfferedOnTheLoopTurnAfterItBecomesR
    EXPECT_EQ(opIdOf(w.matStatus, route), OpId(1)) << "offered without waiting for the retry";
    // One reference recorded when the route was found ready, one when it was issued.
    EXPECT_EQ(grp(grpA)->refCnt(), 2u);
-   EXPECT_EQ(w.impl->issuedSelRef(route), SelGrpRef(route, grpA));
    EXPECT_EQ(w.selTable().vector(0, 4)->matRefs, 1u);
 }
 
