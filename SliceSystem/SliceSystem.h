@@ -5,6 +5,7 @@
 
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/Args.h"
+#include "SliceSystem/EcmpWorkload.h"
 #include "SliceSystem/HostCounters.h"
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/Publisher.h"
