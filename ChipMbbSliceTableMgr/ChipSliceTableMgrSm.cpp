@@ -22,18 +22,8 @@ namespace {
 
 constexpr std::string_view mgrType = ChipSliceTableMgrSm::orbTypeName;
 
-// Trace levels of the manager: 3 published entries that cannot be served, 5 decisions,
-// 8 handler entry.
-constexpr unsigned badEntryLevel = 3;
-constexpr unsigned decisionLevel = 5;
-constexpr unsigned handlerLevel = 8;
-
-// Ring-buffer records carry the table's trace id (0 before it has one), then a label starting
-// with ':', then the table name without its first 11 characters: published names share that
-// prefix, and the record's string length is scarce.
-std::string_view recordName(const std::string& name) {
-   return std::string_view(name).substr(std::min<std::size_t>(11, name.size()));
-}
+using detail::decisionLevel;
+using detail::handlerLevel;
 
 // The value of the SDK's entry-scope property for a table on `devTgt`.
 struct TblPropertyValue {
@@ -93,28 +83,21 @@ void ChipSliceTableMgrSm::handleInitialized() {
 }
 
 void ChipSliceTableMgrSm::findMaxPublishedInstanceId() {
-   for (const auto& [key, entry] : *tableMountInfoDir_) {
-      if (maxPublishedInstanceId() < entry.instanceId())
-         maxPublishedInstanceIdIs(entry.instanceId());
-   }
+   core_.findMaxPublishedInstanceId();
 }
 
 void ChipSliceTableMgrSm::handleTableMount() {
-   DUALLOG(sliceLog, handlerLevel,
-           "ChipSliceTableMgrSm::"
-               << "handleTableMount");
-   if (!initialized()) return;
-   for (const auto& [key, entry] : *tableMountInfoDir_) handleTableMount(key);
+   core_.handleTableMount();
 }
 
-void ChipSliceTableMgrSm::handleMountInfoResync() {
-   handleTableMount();
-   if (!initialized()) return;
-   std::vector<Key> running;
-   for (const auto& [key, engine] : mbbEngineSms()) running.push_back(key);
-   for (const Key& key : running) {
-      if (!tableMountInfoDir_->present(key)) handleTableMount(key);
-   }
+void ChipSliceTableMgrSm::handleTableMount(const Key& key) {
+   core_.handleTableMount(key);
+}
+
+std::vector<ChipSliceTableMgrSm::Key> ChipSliceTableMgrSm::runningKeys() const {
+   std::vector<Key> keys;
+   for (const auto& [key, engine] : mbbEngineSms()) keys.push_back(key);
+   return keys;
 }
 
 void ChipSliceTableMgrSm::handleMountConfig() {
@@ -129,104 +112,13 @@ void ChipSliceTableMgrSm::handleTableAuditMgrSm() {
    for (const auto& [key, engine] : mbbEngineSms()) tableAuditMgrSm()->addTable(key, engine);
 }
 
-void ChipSliceTableMgrSm::handleTableMount(const Key& key) {
-   DUALLOG(sliceLog, handlerLevel,
-           "ChipSliceTableMgrSm::"
-               << "handleTableMount " << key);
-   if (!initialized()) return;
-   // The text operators know this failure by; the device target keeps its id as a field.
-   if (key.devTgt().devId >= ChipId::numDevIds) {
-      Brio::assertFailed("key.devTgt().devId() < 32", __FILE__, __LINE__);
-   }
-   if (!(supportedDevices_ & (std::uint32_t{1} << key.devTgt().devId))) {
-      DUALLOG(sliceLog, decisionLevel, "unsupported devId: " << unsigned(key.devTgt().devId));
-      return;
-   }
-   const MountEntry entry = tableMountInfoDir_->entry(key);
-   if (entry == MountEntry()) {
-      if (mbbEngineSm(key)) unmountTable(key);
-      return;
-   }
-   if (!currentAnnouncement(key, entry)) return;
-   if (!fitsChip(key, entry)) return;
-   mountTable(key, entry);
-}
-
-// Whether a published entry is one to mount now: from the newest publisher instance, of the
-// generation this agent synchronises to, not running yet and enabled by the mount mode. A
-// newer instance retires every running engine first.
-bool ChipSliceTableMgrSm::currentAnnouncement(const Key& key, const MountEntry& entry) {
-   const std::string& name = key.name();
-   if (maxPublishedInstanceId() > entry.instanceId()) {
-      FLASHLOG(decisionLevel, 0u, ":skipping stale instanceId:", recordName(name),
-               " id:", entry.instanceId(), " maxId:", maxPublishedInstanceId());
-      return false;
-   }
-   if (maxPublishedInstanceId() < entry.instanceId()) {
-      mbbEngineSmDelAll();
-      maxPublishedInstanceIdIs(entry.instanceId());
-   }
-   if (syncGenTime_ != entry.statusGenTime()) {
-      DUALLOG(sliceLog, decisionLevel,
-              "ignoring " << name << " syncGenTime: " << syncGenTime_
-                          << " statusGenTime: " << entry.statusGenTime());
-      FLASHLOG(decisionLevel, 0u, ":skipping stale status:", recordName(name),
-               " statusGenTime:", entry.statusGenTime(), " syncGenTime:", syncGenTime_);
-      return false;
-   }
-   if (syncGenTime_ != entry.configGenTime()) {
-      DUALLOG(sliceLog, decisionLevel,
-              "ignoring " << name << " global: " << entry.global() << " syncGenTime: "
-                          << syncGenTime_ << " configGenTime: " << entry.configGenTime());
-      FLASHLOG(decisionLevel, 0u, ":skipping: ", recordName(name), " global: ", entry.global(),
-               " configGenTime:", entry.configGenTime(), " syncGenTime:", syncGenTime_);
-      return false;
-   }
-   if (mbbEngineSm(key)) {
-      DUALLOG(sliceLog, decisionLevel,
-              "handleTableMount"
-                  << " ignoring existing " << name);
-      FLASHLOG(decisionLevel, 0u, ":skipping existing:", recordName(name));
-      return false;
-   }
-   if (!entry.needStatus() && mountConfig_->mode() == MountMode::mountStatusTablesOnly) {
-      DUALLOG(sliceLog, decisionLevel,
-              "handleTableMount"
-                  << " ignoring disabled: " << name);
-      FLASHLOG(decisionLevel, 0u, ":skipping disabled:", recordName(name));
-      return false;
-   }
-   return true;
-}
-
-// A published size the chip cannot hold, or a handle that is no match table of the chip, is
-// the publisher's mistake: the table is left out, the others go on.
 bool ChipSliceTableMgrSm::fitsChip(const Key& key, const MountEntry& entry) const {
-   const HwResourceInfo::HwResource table = resourceInfoIntf_->hwResourceByHandle(key.tableId());
-   if (!table.known() || table.kind != ChipSdk::TableKind::mat) {
-      DUALLOG(sliceLog, badEntryLevel,
-              "skipping " << key.name() << ": no match table with hdl:0x" << std::hex
-                          << key.tableId() << " on the chip");
-      FLASHLOG(badEntryLevel, 0u, ":skipping unknown table:", recordName(key.name()),
-               " hdl:", FlashLog::hex(key.tableId()));
-      return false;
-   }
-   if (entry.tableSize() == 0 || entry.tableSize() > table.size) {
-      DUALLOG(sliceLog, badEntryLevel,
-              "skipping " << key.name() << ": tableSize " << entry.tableSize()
-                          << " does not fit the chip's " << table.size);
-      FLASHLOG(badEntryLevel, 0u, ":skipping bad size:", recordName(key.name()),
-               " tableSize:", entry.tableSize(), " chipSize:", table.size);
-      return false;
-   }
-   return true;
+   return detail::matTableFits(*resourceInfoIntf_, key, entry.tableSize());
 }
 
 void ChipSliceTableMgrSm::mountTable(const Key& key, const MountEntry& entry) {
    const std::string& name = key.name();
-   DUALLOG(sliceLog, decisionLevel, "mounting table for read " << name);
-   const std::uint32_t qtId = getNextQtId();
-   FLASHLOG(decisionLevel, qtId, ":mounting table:", recordName(name));
+   const std::uint32_t qtId = detail::mountBegin(name);
 
    TableColls colls;
    if (!mountColls(key, entry, colls)) return;
@@ -251,33 +143,16 @@ void ChipSliceTableMgrSm::mountTable(const Key& key, const MountEntry& entry) {
    mbbEngineSmIs(key, engine);
    mountInfoIs(key, entry);
 
-   if (tableAuditMgrSm()) {
-      DUALLOG(sliceLog, decisionLevel,
-              "adding table to audit manager for table hdl:0x" << std::hex << key.tableId());
-      tableAuditMgrSm()->addTable(key, engine);
-   } else {
-      DUALLOG(
-          sliceLog, decisionLevel,
-          "no audit manager, skipping audit for table with hdl:0x" << std::hex << key.tableId());
-   }
+   detail::auditTraced(key.tableId(), tableAuditMgrSm() != nullptr);
+   if (tableAuditMgrSm()) tableAuditMgrSm()->addTable(key, engine);
 }
 
-// Paths that are not published, or hold another kind of table, leave the table out.
 bool ChipSliceTableMgrSm::mountColls(const Key& key, const MountEntry& entry, TableColls& colls) {
    if (testmode()) {
       colls = testmodeColls(entry);
       return true;
    }
-   try {
-      colls = mountedColls(entry);
-      return true;
-   } catch (const Vault::MountException& e) {
-      DUALLOG(sliceLog, badEntryLevel, "skipping " << key.name() << ": " << e.what());
-   } catch (const Brio::CorruptionDetectedException& e) {
-      DUALLOG(sliceLog, badEntryLevel, "skipping " << key.name() << ": " << e.what());
-   }
-   FLASHLOG(badEntryLevel, 0u, ":skipping unmountable:", recordName(key.name()));
-   return false;
+   return detail::mountedOrSkipped(key, [&] { colls = mountedColls(entry); });
 }
 
 ChipSliceTableMgrSm::TableColls ChipSliceTableMgrSm::testmodeColls(const MountEntry& entry) const {
@@ -350,15 +225,7 @@ Orb::Ptr<MbbEngine::MbbEngineImpl> ChipSliceTableMgrSm::mbbEngineImplNew(
 }
 
 void ChipSliceTableMgrSm::unmountTable(const Key& key) {
-   const std::string& name = key.name();
-   DUALLOG(sliceLog, decisionLevel, "unmounting table " << name);
-   FLASHLOG(decisionLevel, mbbEngineSm(key)->mbbEngineImpl()->qtId(), ":unmounting ",
-            recordName(name));
-   BRIO_ASSERT(allowUnmount() && "unmount is not supported");
-   if (testmode()) {
-      DUALLOG(sliceLog, decisionLevel, "No unmounting support in testmode");
-      return;
-   }
+   if (!core_.unmountBegins(key, mbbEngineSm(key)->mbbEngineImpl()->qtId())) return;
    const MountEntry entry = mountInfo(key);
    mbbEngineSmDel(key);
    entityManager_->unmount(entry.configPath());

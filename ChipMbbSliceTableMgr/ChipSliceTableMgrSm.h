@@ -4,12 +4,14 @@
 #include <map>
 #include <string>
 #include <string_view>
+#include <vector>
 
 #include "Atlas/EntityManager.h"
 #include "ChipMbbShared/MountInfo.h"
 #include "ChipMbbSlice/TableAuditRegistry.h"
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
+#include "ChipMbbSliceTableMgr/detail/TableMgrCore.h"
 #include "HwPd/HwResourceInfo.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngineFlushStatus.h"
@@ -35,6 +37,8 @@ namespace ChipMbbSlice {
 class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
  public:
    static constexpr std::string_view orbTypeName = "ChipMbbSlice::ChipSliceTableMgrSm";
+   static constexpr std::string_view traceClass = "ChipSliceTableMgrSm::";
+   static constexpr std::string_view testmodeUnmountText = "No unmounting support in testmode";
 
    using Key = ChipMbbShared::TableConfigMountKey;
    using MountEntry = ChipMbbShared::TableConfigMountEntry;
@@ -194,7 +198,10 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
       Orb::Ptr<Vault::MbbEngine::TableStatus> status;
    };
 
-   bool currentAnnouncement(const Key& key, const MountEntry& entry);
+   friend class detail::TableMgrCore<ChipSliceTableMgrSm>;
+   bool tableRunning(const Key& key) const { return mbbEngineSm_.has(key); }
+   std::vector<Key> runningKeys() const;
+   void runningTablesDelAll() { mbbEngineSmDelAll(); }
    bool fitsChip(const Key& key, const MountEntry& entry) const;
    void mountTable(const Key& key, const MountEntry& entry);
    bool mountColls(const Key& key, const MountEntry& entry, TableColls& colls);
@@ -206,9 +213,7 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
        const Orb::Ptr<DebugIntf>& debugIntf, const Orb::Ptr<MbbEngine::MbbEngineHelper>& helper,
        std::uint32_t qtId);
    void unmountTable(const Key& key);
-   // A resync of the mount-info collection may have lost keys without a notification of
-   // their own; running tables are decided again as well as every published one.
-   void handleMountInfoResync();
+   void handleMountInfoResync() { core_.handleMountInfoResync(); }
 
    // Declared before the per-table collections, so that engines go before what they use.
    Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfoDir_;
@@ -230,6 +235,7 @@ class ChipSliceTableMgrSm : public Orb::Entity<ChipSliceTableMgrSm> {
    Orb::Collection<Key, Orb::Ptr<MbbEngine::MbbEngineSm>> mbbEngineSm_{"mbbEngineSm", orbTypeName};
    MountInfoReactor mountInfoReactor_;
    MountConfigReactor mountConfigReactor_;
+   detail::TableMgrCore<ChipSliceTableMgrSm> core_{*this};
 };
 
 }  // namespace ChipMbbSlice

@@ -1,0 +1,400 @@
+#include "ChipMbbSliceTableMgr/ChipSliceMatAdtSelTableMgrSm.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+#include <unistd.h>
+
+#include <functional>
+#include <string>
+#include <vector>
+
+#include "ChipMbbSlice/ChipMbbEngineHelper.h"
+#include "ChipMbbSliceTableMgr/test/TableMgrWorld.h"
+#include "Keel/EventLoop.h"
+
+namespace ChipMbbSlice::test {
+namespace {
+
+#pragma GCC diagnostic ignored "-Wmissing-field-initializers"
+
+using ChipMbbShared::MatAdtSelTableConfigMountEntry;
+using ChipMbbShared::MatAdtSelTableConfigMountInfo;
+using ChipMbbShared::SelMbrEntryKey;
+using ::testing::ElementsAre;
+using Vault::MbbEngine::EntryStatus;
+using Vault::MbbEngine::TableStatus;
+
+// The default profile's triple.
+constexpr std::uint32_t ecmpHdl = 0x01000010;
+constexpr std::uint32_t ecmpAdtHdl = 0x02000010;
+constexpr std::uint32_t ecmpSelHdl = 0x03000010;
+
+MatAdtSelTableConfigMountEntry triple(const std::string& name, bool needStatus = true,
+                                      std::uint16_t instanceId = 1) {
+   MatAdtSelTableConfigMountEntry entry;
+   entry.matConfigPathIs(name + "/config");
+   entry.adtConfigPathIs(name + "/adtConfig");
+   entry.selGrpConfigPathIs(name + "/grpConfig");
+   entry.selMbrConfigPathIs(name + "/mbrConfig");
+   entry.matStatusPathIs(name + "/status");
+   entry.adtStatusPathIs(name + "/adtStatus");
+   entry.selGrpStatusPathIs(name + "/grpStatus");
+   entry.selMbrStatusPathIs(name + "/mbrStatus");
+   entry.needStatusIs(needStatus);
+   entry.adtTableIdIs(ecmpAdtHdl);
+   entry.selTableIdIs(ecmpSelHdl);
+   entry.tableSizeIs(1024);
+   entry.configGenTimeIs(syncGenTime);
+   entry.statusGenTimeIs(syncGenTime);
+   entry.instanceIdIs(instanceId);
+   return entry;
+}
+
+// The chip's resources, with the selector shrunk to a few vectors: the status capacities
+// follow, while the chip itself still takes everything.
+class ShrunkSelector : public HwResourceInfo::HwResourceInfoIntf {
+ public:
+   ShrunkSelector(std::shared_ptr<const HwResourceInfoIntf> chip, std::uint32_t vectors)
+       : chip_(std::move(chip)), vectors_(vectors) {}
+   std::uint32_t hwResourceIndex(const std::string& name) const override {
+      return chip_->hwResourceIndex(name);
+   }
+   HwResourceInfo::HwResource hwResource(std::uint32_t index) const override {
+      return chip_->hwResource(index);
+   }
+   HwResourceInfo::HwResource hwResourceByHandle(std::uint32_t handle) const override {
+      HwResourceInfo::HwResource r = chip_->hwResourceByHandle(handle);
+      if (handle == ecmpSelHdl) r.size = vectors_;
+      return r;
+   }
+
+ private:
+   std::shared_ptr<const HwResourceInfoIntf> chip_;
+   std::uint32_t vectors_;
+};
+
+struct TripleMgrWorld : World {
+   TripleMgrWorld() { tripleInfo->mountedIs(true); }
+   ~TripleMgrWorld() { tmgr.reset(); }
+
+   Orb::Ptr<ChipSliceMatAdtSelTableMgrSm> tmgrNew(Orb::Ptr<Atlas::EntityManager> em = nullptr) {
+      Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resources =
+          ChipModel::modelResourceInfoNew(chip->profile());
+      if (selVectors) resources = std::make_shared<ShrunkSelector>(resources, selVectors);
+      tmgr = Orb::ptrNew<ChipSliceMatAdtSelTableMgrSm>(tripleInfo, std::move(em), supportedDevices,
+                                                       sessHdl, syncGenTime, wheel, flushStatus,
+                                                       mountConfig, resources);
+      return tmgr;
+   }
+   void publish(const TableConfigMountKey& key, const MatAdtSelTableConfigMountEntry& entry) {
+      tripleInfo->entryIs(key, entry);
+   }
+   std::vector<std::string> runningTriples() const {
+      std::vector<std::string> names;
+      for (const auto& [key, sm] : tmgr->matAdtSelSliceSms()) names.push_back(key.name());
+      return names;
+   }
+   ChipMbbEngineHelper& helper(const TableConfigMountKey& key) const {
+      return *std::dynamic_pointer_cast<ChipMbbEngineHelper>(
+          tmgr->matAdtSelSliceSm(key)->mbbEngineImpl()->helper());
+   }
+
+   Orb::Ptr<MatAdtSelTableConfigMountInfo> tripleInfo =
+       Vault::localTableNew<MatAdtSelTableConfigMountInfo>("ChipMbbSlc_triples");
+   std::uint32_t selVectors = 0;
+   Orb::Ptr<ChipSliceMatAdtSelTableMgrSm> tmgr;
+};
+
+struct TripleCase {
+   std::string name;
+   std::function<void(TripleMgrWorld&)> run;
+   std::string assertion;
+   std::vector<std::string> traces;
+   std::vector<std::string> absentTraces;
+   std::vector<std::string> records;
+   std::vector<std::string> running;
+   std::function<void(TripleMgrWorld&)> check;
+};
+
+std::string p(const std::string& name) {
+   return namePrefix + name;
+}
+
+const std::vector<TripleCase>& tripleCases() {
+   static const std::vector<TripleCase> cases = {
+       {.name = "a current triple is mounted with statuses sized by the chip",
+        .run =
+            [](TripleMgrWorld& w) {
+               w.publish(mountKey("ecmp", ecmpHdl), triple("ecmp"));
+               w.tmgrNew();
+            },
+        .traces = {"ChipSliceMatAdtSelTableMgrSm::handleTableMount",
+                   "ChipSliceMatAdtSelTableMgrSm::handleTableMount " + p("ecmp") +
+                       " dev:0 pipe:0xffff id:0x01000010",
+                   "mounting table for read " + p("ecmp"), "mounting vault in test mode",
+                   "status capacities of " + p("ecmp") +
+                       " mat:16384 adt:65536 selGrp:8192 selMbr:983040",
+                   "starting matAdtSliceSm for " + p("ecmp"),
+                   "no audit manager, skipping audit for table with hdl:0x1000010"},
+        .records = {"1:mounting table:ecmp", "1:mounting triple adt:0x2000010 sel:0x3000010"},
+        .running = {p("ecmp")},
+        .check =
+            [](TripleMgrWorld& w) {
+               const auto key = mountKey("ecmp", ecmpHdl);
+               ChipMbbEngineHelper& helper = w.helper(key);
+               EXPECT_EQ(std::tuple(helper.matTableHandle(), helper.adtTableHandle(),
+                                    helper.selTableHandle(), helper.devTgt()),
+                         std::tuple(ecmpHdl, ecmpAdtHdl, ecmpSelHdl, key.devTgt()));
+               const auto sm = w.tmgr->matAdtSelSliceSm(key);
+               EXPECT_EQ(helper.selMbrTableStatus(), sm->selMbrTableStatus());
+               EXPECT_EQ(helper.selGrpTableStatus(), sm->selGrpTableStatus());
+               EXPECT_EQ(w.tmgr->debug(key)->debugConfig()->name(), p("ecmp"));
+               EXPECT_EQ(w.tmgr->mountInfo(key), triple("ecmp"));
+            }},
+       {.name = "without needStatus only the ADT and group statuses exist, once mode allows",
+        .run =
+            [](TripleMgrWorld& w) {
+               w.mountConfig->modeIs(MountMode::mountStatusTablesOnly);
+               w.publish(mountKey("nostatus", ecmpHdl), triple("nostatus", false));
+               w.tmgrNew();
+               EXPECT_TRUE(w.runningTriples().empty());
+               w.mountConfig->modeIs(MountMode::mountAllTables);
+            },
+        .traces = {"handleTableMount ignoring disabled: " + p("nostatus")},
+        .records = {"0:skipping disabled:nostatus"},
+        .running = {p("nostatus")},
+        .check =
+            [](TripleMgrWorld& w) {
+               ChipMbbEngineHelper& helper = w.helper(mountKey("nostatus", ecmpHdl));
+               EXPECT_EQ(helper.matTableStatus(), nullptr);
+               EXPECT_EQ(helper.selMbrTableStatus(), nullptr);
+               EXPECT_NE(helper.adtTableStatus(), nullptr);
+               EXPECT_NE(helper.selGrpTableStatus(), nullptr);
+            }},
+       {.name = "stale status, stale configuration and existing are traced",
+        .run =
+            [](TripleMgrWorld& w) {
+               auto stale = triple("stale");
+               stale.statusGenTimeIs(99);
+               stale.configGenTimeIs(98);
+               w.publish(mountKey("stale", ecmpHdl), stale);
+               auto oldcfg = triple("oldcfg");
+               oldcfg.configGenTimeIs(98);
+               w.publish(mountKey("oldcfg", ecmpHdl, 1), oldcfg);
+               w.publish(mountKey("runs", ecmpHdl), triple("runs"));
+               w.tmgrNew();
+               auto changed = triple("runs");
+               changed.tableSizeIs(2048);
+               w.publish(mountKey("runs", ecmpHdl), changed);
+            },
+        .traces = {"ignoring " + p("stale") + " syncGenTime: 1234.5 statusGenTime: 99",
+                   "ignoring " + p("oldcfg") + " global: 0 syncGenTime: 1234.5 configGenTime: 98",
+                   "handleTableMount ignoring existing " + p("runs")},
+        .absentTraces = {"ignoring " + p("stale") +
+                         " global: 0 syncGenTime: 1234.5 configGenTime: 98"},
+        .records = {"0:skipping stale status:stale statusGenTime:99 syncGenTime:1234.5",
+                    "0:skipping: oldcfg global: false configGenTime:98 syncGenTime:1234.5",
+                    "0:skipping existing:runs"},
+        .running = {p("runs")}},
+       {.name = "a triple on one pipe or with foreign parts is not served",
+        .run =
+            [](TripleMgrWorld& w) {
+               w.publish(mountKey("pipe1", ecmpHdl, 0, 1), triple("pipe1"));
+               auto foreign = triple("foreign");
+               foreign.adtTableIdIs(adtHdl + 1);
+               w.publish(mountKey("foreign", ecmpHdl), foreign);
+               w.publish(mountKey("single", hostHdl), triple("single"));
+               w.tmgrNew();
+            },
+        .traces = {"skipping " + p("pipe1") + ": a triple is served on all pipes only, pipe:1",
+                   "skipping " + p("foreign") +
+                       ": adt hdl:0x2000011 and sel hdl:0x3000010 are not the chip's triple of "
+                       "hdl:0x1000010",
+                   "skipping " + p("single") +
+                       ": adt hdl:0x2000010 and sel hdl:0x3000010 are not the chip's triple of "
+                       "hdl:0x1000001"},
+        .records = {"0:skipping one-pipe triple:pipe1 pipe:1"},
+        .check = [](TripleMgrWorld& w) { EXPECT_EQ(w.chip->numViolations(), 0u); }},
+       {.name = "unpublishing a running triple is fatal unless allowed",
+        .run =
+            [](TripleMgrWorld& w) {
+               w.publish(mountKey("refused", ecmpHdl), triple("refused"));
+               w.tmgrNew();
+               w.tripleInfo->entryDel(mountKey("refused", ecmpHdl));
+            },
+        .assertion = "allowUnmount() && \"unmount is not supported\"",
+        .records = {"1:unmounting refused"}},
+       {.name = "test mode keeps an unpublished triple running",
+        .run =
+            [](TripleMgrWorld& w) {
+               w.publish(mountKey("kept", ecmpHdl), triple("kept"));
+               w.tmgrNew();
+               w.tmgr->allowUnmountIs(true);
+               w.tripleInfo->entryDel(mountKey("kept", ecmpHdl));
+            },
+        .traces = {"unmounting table " + p("kept"), "No unmounting support in test mode"},
+        .running = {p("kept")}},
+   };
+   return cases;
+}
+
+TEST(ChipSliceMatAdtSelTableMgrSmTest, DecisionSteps) {
+   for (const TripleCase& c : tripleCases()) {
+      SCOPED_TRACE(c.name);
+      TripleMgrWorld w;
+      const std::uint32_t firstQtId = getNextQtId() + 1;
+      std::string failed;
+      try {
+         c.run(w);
+      } catch (const Brio::AssertionFailure& e) {
+         failed = e.expression();
+      }
+      EXPECT_EQ(failed, c.assertion);
+      for (const std::string& text : c.traces) EXPECT_TRUE(w.capture.contains(text)) << text;
+      for (const std::string& text : c.absentTraces) EXPECT_FALSE(w.capture.contains(text)) << text;
+      for (std::string text : c.records) {
+         if (text.starts_with("1:")) text = std::to_string(firstQtId) + text.substr(1);
+         EXPECT_TRUE(hasRecord(text)) << text;
+      }
+      if (c.assertion.empty()) {
+         EXPECT_EQ(w.runningTriples(), c.running);
+         if (c.check) c.check(w);
+      }
+   }
+}
+
+// A route through a group of one vector whose members share a next hop; the member status is
+// sized for fewer members than the chip holds, so the last ones find it full.
+TEST(ChipSliceMatAdtSelTableMgrSmTest, TripleIsServedAndAFullStatusIsSurvived) {
+   TripleMgrWorld w;
+   w.selVectors = 1;  // 120 member statuses
+   const auto key = mountKey("served", ecmpHdl);
+   w.publish(key, triple("served"));
+   w.tmgrNew();
+   auto audit = Orb::ptrNew<RecordingAuditMgr>();
+   w.tmgr->tableAuditMgrSmIs(audit);
+   EXPECT_THAT(audit->calls, ElementsAre("add triple " + p("served")));
+   const auto sm = w.tmgr->matAdtSelSliceSm(key);
+   EXPECT_TRUE(w.flushStatus->allFlushed());
+
+   sm->adtTableConfig()->entryIs(ChipMbbShared::AdtEntryConfig(
+       0xA1, 1, 11, ChipSdk::PlcmtDataBuilder().adtMember(11).block()));
+   sm->selGrpTableConfig()->entryIs(ChipMbbShared::SelGrpEntryConfig(0x61, 1, 21, 2, 10, 120));
+   for (std::uint32_t vector = 0; vector < 2; ++vector) {
+      for (std::uint32_t sub = 0; sub < 70; ++sub) {
+         sm->selMbrTableConfig()->entryIs(
+             ChipMbbShared::SelMbrEntryConfig(SelMbrEntryKey(0x61, vector, sub), 1, 0xA1, true,
+                                              ChipSdk::PlcmtDataBuilder().block()));
+      }
+   }
+   sm->matTableConfig()->entryIs(Vault::MbbEngine::EntryConfig(
+       0x300, 1, 31, 0, 0, 1, 5, 10, 0, ChipSdk::PlcmtDataBuilder().selGroup(0x61, 2).block()));
+   for (int i = 0; i < 5 && sm->tableStatus()->entry(0x300) == EntryStatus(); ++i) {
+      w.clock->advance(0.05);
+      w.wheel->runExpired(w.clock->now());
+   }
+
+   EXPECT_EQ(sm->tableStatus()->entry(0x300), EntryStatus(0x300, 1));
+   EXPECT_EQ(sm->adtTableStatus()->entry(0xA1), EntryStatus(0xA1, 1));
+   EXPECT_EQ(sm->selGrpTableStatus()->entry(0x61), EntryStatus(0x61, 1));
+   EXPECT_EQ(sm->selMbrTableStatus()->size(), 120u);
+   EXPECT_NE(w.chip->selTable(0, ecmpSelHdl)->member(0, 11, 69), nullptr);
+   EXPECT_NE(w.chip->matTable(0, ecmpHdl)->entry(31), nullptr);
+   EXPECT_EQ(w.chip->numViolations(), 0u);
+}
+
+std::string uniqueRoot(const std::string& what) {
+   static int serial = 0;
+   return "triplemgrtest-" + std::to_string(::getpid()) + "-" + std::to_string(serial++) + "-" +
+          what;
+}
+
+// A publisher and an agent on one root, each with its own entity manager, as two processes.
+struct MountedTripleWorld : TripleMgrWorld {
+   explicit MountedTripleWorld(const std::string& what) : root(uniqueRoot(what)), publisher(root) {
+      pubInfo = publisher.mount<MatAdtSelTableConfigMountInfo>("agent/triples",
+                                                               Atlas::MountMode::writer, 8);
+      agent = Orb::ptrNew<Atlas::EntityManager>(root, &loop);
+      tripleInfo =
+          agent->mount<MatAdtSelTableConfigMountInfo>("agent/triples", Atlas::MountMode::reader);
+   }
+   ~MountedTripleWorld() { tmgr.reset(); }
+
+   void configsIs(const std::string& name) {
+      const auto writer = Atlas::MountMode::writer;
+      publisher.mount<Vault::MbbEngine::TableConfig>(name + "/config", writer, 64);
+      publisher.mount<ChipMbbShared::AdtTableConfig>(name + "/adtConfig", writer, 64);
+      publisher.mount<ChipMbbShared::SelGrpTableConfig>(name + "/grpConfig", writer, 64);
+      publisher.mount<ChipMbbShared::SelMbrTableConfig>(name + "/mbrConfig", writer, 64);
+   }
+   void settle(const std::function<bool()>& done) {
+      for (int i = 0; i < 40 && !done(); ++i) loop.runOnce(0.05);
+   }
+
+   Keel::EventLoop loop;
+   std::string root;
+   Atlas::EntityManager publisher;
+   Orb::Ptr<MatAdtSelTableConfigMountInfo> pubInfo;
+   Orb::Ptr<Atlas::EntityManager> agent;
+};
+
+TEST(ChipSliceMatAdtSelTableMgrMountTest, TripleIsMountedReplacedAndUnmounted) {
+   MountedTripleWorld w("serve");
+   w.selVectors = 4;
+   w.configsIs("t");
+   w.tmgrNew(w.agent);
+   auto audit = Orb::ptrNew<RecordingAuditMgr>();
+   w.tmgr->tableAuditMgrSmIs(audit);
+   w.tmgr->allowUnmountIs(true);
+
+   const auto key = mountKey("t", ecmpHdl);
+   w.pubInfo->entryIs(key, triple("t", true, 1));
+   w.settle([&] { return w.tmgr->matAdtSelSliceSm(key) != nullptr; });
+   ASSERT_NE(w.tmgr->matAdtSelSliceSm(key), nullptr);
+   EXPECT_EQ(w.agent->numMounts(), 9u);
+   // The publisher finds each status where it announced it, sized as the trace said.
+   auto mbrStatus = w.publisher.mount<TableStatus>("t/mbrStatus", Atlas::MountMode::reader);
+   EXPECT_NE(mbrStatus, nullptr);
+   EXPECT_TRUE(w.capture.contains("status capacities of " + p("t") +
+                                  " mat:16384 adt:65536 selGrp:4 selMbr:480"));
+   w.publisher.unmount("t/mbrStatus");
+
+   // A new publisher instance retires the triple; its own announcement brings it back.
+   w.pubInfo->entryIs(mountKey("other", ecmpHdl, 1), triple("other", true, 2));
+   w.settle([&] { return w.tmgr->matAdtSelSliceSm(key) == nullptr; });
+   EXPECT_TRUE(w.runningTriples().empty());
+   w.pubInfo->entryIs(key, triple("t", true, 2));
+   w.settle([&] { return w.tmgr->matAdtSelSliceSm(key) != nullptr; });
+   EXPECT_EQ(w.runningTriples(), std::vector<std::string>{p("t")});
+
+   w.pubInfo->entryDel(key);
+   w.settle([&] { return w.tmgr->matAdtSelSliceSm(key) == nullptr; });
+   EXPECT_EQ(w.tmgr->mountInfo(key), MatAdtSelTableConfigMountEntry());
+   EXPECT_EQ(w.tmgr->debug(key), nullptr);
+   EXPECT_EQ(w.agent->numMounts(), 1u);
+   EXPECT_EQ(audit->calls.back(), "del triple " + p("t"));
+}
+
+// Any one of the eight collections that cannot be mounted takes the others back with it.
+TEST(ChipSliceMatAdtSelTableMgrMountTest, FailedMountRollsBack) {
+   MountedTripleWorld w("rollback");
+   w.selVectors = 4;
+   w.configsIs("cfg");
+   w.configsIs("sts");
+   // A status that another writer holds fails after every configuration is mounted.
+   w.publisher.mount<TableStatus>("sts/grpStatus", Atlas::MountMode::writer, 4);
+   w.pubInfo->entryIs(mountKey("cfg", ecmpHdl), triple("cfg"));
+   w.pubInfo->entryIs(mountKey("missing", ecmpHdl, 1), triple("missing"));
+   w.pubInfo->entryIs(mountKey("sts", ecmpHdl, 0), triple("sts"));
+   w.publisher.unmount("cfg/mbrConfig");
+   w.tmgrNew(w.agent);
+
+   EXPECT_TRUE(w.runningTriples().empty());
+   EXPECT_EQ(w.agent->numMounts(), 1u);
+   for (const char* name : {"cfg", "missing", "sts"}) {
+      EXPECT_TRUE(hasRecord("0:skipping unmountable:" + std::string(name))) << name;
+   }
+}
+
+}  // namespace
+}  // namespace ChipMbbSlice::test
