@@ -29,6 +29,15 @@ void countHelperOps(const ChipMbbSlice::ChipMbbEngineHelper& helper, HostCounter
    c.numMatDelDeadlockOps += helper.numMatDelDeadlockOps();
    c.numMatSetDfltOps += helper.numMatSetDfltOps();
    c.numMatClrDfltOps += helper.numMatClrDfltOps();
+   c.numAdtAddOps += helper.numAdtAddOps();
+   c.numAdtModOps += helper.numAdtModOps();
+   c.numAdtDelOps += helper.numAdtDelOps();
+   c.numSelAddOps += helper.numSelAddOps();
+   c.numSelDelOps += helper.numSelDelOps();
+   c.numSelActivateOps += helper.numSelActivateOps();
+   c.numSelDeactivateOps += helper.numSelDeactivateOps();
+   c.numSelSetFallbackOps += helper.numSelSetFallbackOps();
+   c.numSelClrFallbackOps += helper.numSelClrFallbackOps();
 }
 
 std::uint64_t chipEntries(const ChipModel::Chip& chip, std::uint8_t devId, std::uint32_t tableId) {
@@ -62,6 +71,10 @@ AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
           Vault::localTableNew<ChipMbbShared::TableConfigMountInfo>(options_.tableInfoPath);
       tableMountInfo_->mountedIs(true);
       tableMgrNew();
+      tripleMountInfo_ = Vault::localTableNew<ChipMbbShared::MatAdtSelTableConfigMountInfo>(
+          options_.tripleInfoPath);
+      tripleMountInfo_->mountedIs(true);
+      tripleMgrNew();
    } else {
       entityManager_ = Orb::ptrNew<Atlas::EntityManager>(options_.root, &loop_);
       countersTable_ = entityManager_->mount<HostCountersTable>(options_.countersPath,
@@ -77,6 +90,7 @@ AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
 AgentHost::~AgentHost() {
    cliServer_.reset();
    cliCallback_.reset();
+   tripleMgr_.reset();
    tableMgr_.reset();
    loop_.timerWheelDel(timerWheel_.get());
 }
@@ -129,8 +143,68 @@ ChipMbbSlice::CliTableDir::TableMgrMap AgentHost::tableMgrs() const {
    return {{options_.tableInfoPath, tableMgr_}};
 }
 
+void AgentHost::tripleMgrNew() {
+   tripleMgr_ = Orb::ptrNew<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm>(
+       tripleMountInfo_, entityManager_, options_.supportedDevices, options_.sessHdl,
+       options_.syncGenTime, timerWheel_, flushStatus_, mountConfig_,
+       ChipModel::modelResourceInfoNew(chip_.profile()));
+   tripleMgr_->allowUnmountIs(true);
+   tripleMgr_->tableAuditMgrSmIs(auditMgr_);
+}
+
+// A triple publication that is withdrawn leaves its triples as they are, as for single tables.
+void AgentHost::triplePublicationProbe() {
+   const std::string& path = options_.tripleInfoPath;
+   SegmentId segment = segmentId(entityManager_->shmName(path));
+   if (!segment || segment == tripleInfoSegment_) return;
+   if (tripleMountInfo_) {
+      log("publication " + path + " replaced; restarting its triples");
+      triplePublicationRelease();
+   }
+   try {
+      tripleMountInfo_ = entityManager_->mount<ChipMbbShared::MatAdtSelTableConfigMountInfo>(
+          path, Atlas::MountMode::reader);
+   } catch (const Vault::MountException& e) {
+      return;
+   } catch (const Brio::CorruptionDetectedException& e) {
+      log(std::string("cannot read publication: ") + e.what());
+      return;
+   }
+   if (segmentId(entityManager_->shmName(path)) != segment) {
+      entityManager_->unmount(path);
+      tripleMountInfo_.reset();
+      return;
+   }
+   tripleInfoSegment_ = segment;
+   log("serving publication " + path + " (" + std::to_string(tripleMountInfo_->size()) +
+       " triples announced so far)");
+   try {
+      tripleMgrNew();
+   } catch (const std::exception& e) {
+      tripleMgr_.reset();
+      log("cannot serve publication " + path + ": " + e.what());
+   }
+}
+
+void AgentHost::triplePublicationRelease() {
+   std::set<std::string> paths;
+   if (tripleMgr_) {
+      for (const auto& [key, e] : tripleMgr_->mountInfos()) {
+         paths.insert({e.matConfigPath(), e.adtConfigPath(), e.selGrpConfigPath(),
+                       e.selMbrConfigPath(), e.adtStatusPath(), e.selGrpStatusPath()});
+         if (e.needStatus()) paths.insert({e.matStatusPath(), e.selMbrStatusPath()});
+      }
+   }
+   tripleMgr_.reset();
+   for (const std::string& path : paths) entityManager_->unmount(path);
+   entityManager_->unmount(options_.tripleInfoPath);
+   tripleMountInfo_.reset();
+   tripleInfoSegment_.reset();
+}
+
 void AgentHost::handlePublicationProbe() {
    if (testmode()) return;
+   triplePublicationProbe();
    SegmentId segment = segmentId(entityManager_->shmName(options_.tableInfoPath));
    if (tableMountInfo_ && segment == tableInfoSegment_) return;
    if (tableMountInfo_ && !segment) {
@@ -202,6 +276,7 @@ HostCounters AgentHost::counters() const {
    c.numHandlerFailures = numHandlerFailures_;
    c.numViolations = chip_.numViolations();
    if (tableMountInfo_) c.tablesPublished = static_cast<std::uint32_t>(tableMountInfo_->size());
+   tripleCountersAdd(c);
    if (!tableMgr_) return c;
    std::set<std::pair<std::uint8_t, std::uint32_t>> chipTables;
    for (const auto& [key, engine] : tableMgr_->mbbEngineSms()) {
@@ -215,6 +290,30 @@ HostCounters AgentHost::counters() const {
    }
    for (const auto& [devId, tableId] : chipTables) c.entries += chipEntries(chip_, devId, tableId);
    return c;
+}
+
+void AgentHost::tripleCountersAdd(HostCounters& c) const {
+   if (tripleMountInfo_) {
+      c.triplesPublished = static_cast<std::uint32_t>(tripleMountInfo_->size());
+   }
+   if (!tripleMgr_) return;
+   for (const auto& [key, sm] : tripleMgr_->matAdtSelSliceSms()) {
+      ++c.triplesRunning;
+      for (const auto& status : {sm->tableStatus(), sm->adtTableStatus(), sm->selGrpTableStatus(),
+                                 sm->selMbrTableStatus()}) {
+         c.statuses += status ? status->size() : 0;
+      }
+      c.pending += sm->mbbEngineImpl()->numPending();
+      const ChipMbbSlice::MatAdtSelMbbEngineImpl& impl = *sm->matAdtSelImpl();
+      c.groups += impl.currentSelGrps().size();
+      c.numDeadlockBreakOps += impl.numDeadlockBreakOps();
+      if (const auto& helper = impl.chipHelper()) {
+         countHelperOps(*helper, c);
+         // Members in hardware: every sel_add is undone by one sel_del.
+         c.members += helper->numSelAddOps() - helper->numSelDelOps();
+      }
+      c.entries += chipEntries(chip_, key.devTgt().devId, key.tableId());
+   }
 }
 
 void AgentHost::countersWrite() {

@@ -10,6 +10,7 @@
 #include "Agent/CliServer.h"
 #include "Atlas/EntityManager.h"
 #include "ChipMbbShared/MountInfo.h"
+#include "ChipMbbSliceTableMgr/ChipSliceMatAdtSelTableMgrSm.h"
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
 #include "ChipMbbSliceTableMgr/CliCallback.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
@@ -33,6 +34,7 @@ struct AgentHostOptions {
    // mount-info collection, the tables and the counters live in this process.
    std::string root;
    std::string tableInfoPath = "mbb/tableInfo";
+   std::string tripleInfoPath = "mbb/tripleInfo";
    std::string countersPath = "mbb/hostCounters";
    ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    Orb::Seconds syncGenTime = 1.0;
@@ -55,8 +57,8 @@ struct AgentHostOptions {
 };
 
 // The agent process's slice: the chip model, the mount configuration, the engines' flush
-// status and timer wheel, and one single-table manager over a feature agent's mount-info
-// collection, all on the caller's event loop.
+// status and timer wheel, a single-table manager over a feature agent's mount-info collection
+// and a triple manager over its triple mount-info collection, all on the caller's event loop.
 //
 // With shared tables the host mounts the collection for reading once the publisher has
 // created it. A publisher that dies leaves its collections behind; the host keeps its tables
@@ -79,6 +81,12 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
       return tableMountInfo_;
    }
    const Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm>& tableMgr() const { return tableMgr_; }
+   const Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo>& tripleMountInfo() const {
+      return tripleMountInfo_;
+   }
+   const Orb::Ptr<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm>& tripleMgr() const {
+      return tripleMgr_;
+   }
    const Orb::Ptr<HostCountersTable>& countersTable() const { return countersTable_; }
    const Orb::Ptr<ChipMbbSlice::MountConfig>& mountConfig() const { return mountConfig_; }
    const Orb::Ptr<MbbEngine::MbbEngineFlushStatus>& flushStatus() const { return flushStatus_; }
@@ -125,6 +133,11 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    void tableMgrNew();
    void cliNew();
    TableMgrMap tableMgrs() const override;
+   void tripleMgrNew();
+   // Triples are announced in a collection of their own, served as the single tables' is.
+   void triplePublicationProbe();
+   void triplePublicationRelease();
+   void tripleCountersAdd(HostCounters& c) const;
 
    Keel::EventLoop& loop_;
    AgentHostOptions options_;
@@ -141,6 +154,9 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    SegmentId tableInfoSegment_;
    bool publisherGoneLogged_ = false;
    Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm> tableMgr_;
+   Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleMountInfo_;
+   SegmentId tripleInfoSegment_;
+   Orb::Ptr<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm> tripleMgr_;
    std::uint32_t publications_ = 0;
    std::uint64_t seq_ = 0;
    std::uint64_t numHandlerFailures_ = 0;

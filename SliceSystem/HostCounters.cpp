@@ -18,12 +18,28 @@ std::string HostCounters::opsText() const {
    }
    add("mat_set_dflt", numMatSetDfltOps);
    add("mat_clr_dflt", numMatClrDfltOps);
+   add("adt_add", numAdtAddOps);
+   add("adt_mod", numAdtModOps);
+   add("adt_del", numAdtDelOps);
+   add("sel_add", numSelAddOps);
+   add("sel_del", numSelDelOps);
+   add("sel_activate", numSelActivateOps);
+   add("sel_deactivate", numSelDeactivateOps);
+   add("sel_set_fallback", numSelSetFallbackOps);
+   add("sel_clr_fallback", numSelClrFallbackOps);
    return out.empty() ? "none" : out;
 }
 
 std::string HostCounters::text() const {
+   std::string triples;
+   if (triplesPublished || triplesRunning) {
+      triples = ", triples " + std::to_string(triplesRunning) + "/" +
+                std::to_string(triplesPublished) + " running with " + std::to_string(groups) +
+                " groups, " + std::to_string(members) + " members, deadlock breaks " +
+                std::to_string(numDeadlockBreakOps);
+   }
    return "tables " + std::to_string(tablesRunning) + "/" + std::to_string(tablesPublished) +
-          " running, entries " + std::to_string(entries) + ", statuses " +
+          " running" + triples + ", entries " + std::to_string(entries) + ", statuses " +
           std::to_string(statuses) + ", pending " + std::to_string(pending) + ", ops " +
           std::to_string(numOps()) + " (" + opsText() + "), violations " +
           std::to_string(numViolations) + ", handler failures " +

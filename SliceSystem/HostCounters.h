@@ -32,13 +32,33 @@ struct HostCounters {
    std::uint64_t numMatDelDeadlockOps = 0;
    std::uint64_t numMatSetDfltOps = 0;
    std::uint64_t numMatClrDfltOps = 0;
+   // Triples: their action data and selector operations, the selector groups and members
+   // their engines hold, and the selector deadlocks those engines broke.
+   std::uint32_t triplesPublished = 0;
+   std::uint32_t triplesRunning = 0;
+   std::uint64_t numAdtAddOps = 0;
+   std::uint64_t numAdtModOps = 0;
+   std::uint64_t numAdtDelOps = 0;
+   std::uint64_t numSelAddOps = 0;
+   std::uint64_t numSelDelOps = 0;
+   std::uint64_t numSelActivateOps = 0;
+   std::uint64_t numSelDeactivateOps = 0;
+   std::uint64_t numSelSetFallbackOps = 0;
+   std::uint64_t numSelClrFallbackOps = 0;
+   std::uint64_t groups = 0;
+   std::uint64_t members = 0;
+   std::uint64_t numDeadlockBreakOps = 0;
    std::uint64_t numViolations = 0;
    // Exceptions that reached the event loop from a handler and were dropped there.
    std::uint64_t numHandlerFailures = 0;
 
    std::uint64_t numOps() const {
       return numMatAddOps + numMatModOps + numMatMovOps + numMatDelOps + numMatSetDfltOps +
-             numMatClrDfltOps;
+             numMatClrDfltOps + numTripleOps();
+   }
+   std::uint64_t numTripleOps() const {
+      return numAdtAddOps + numAdtModOps + numAdtDelOps + numSelAddOps + numSelDelOps +
+             numSelActivateOps + numSelDeactivateOps + numSelSetFallbackOps + numSelClrFallbackOps;
    }
    // "mat_add 10, mat_mod 2, ..." leaving out kinds that did not happen.
    std::string opsText() const;

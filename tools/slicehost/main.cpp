@@ -22,7 +22,8 @@ const char* usage =
     "                 [--sync-gen-time T] [--status-interval SECONDS]\n"
     "                 [--audit-interval SECONDS] [--audit-hardware] [--fault FAULT]...\n"
     "  Serves the tables announced in the mount-info collection PATH (default mbb/tableInfo)\n"
-    "  of the shared tables under NAME, and writes its counters to mbb/hostCounters.\n"
+    "  of the shared tables under NAME, and the triples announced in mbb/tripleInfo, and\n"
+    "  writes its counters to mbb/hostCounters.\n"
     "  Prints a status line every SECONDS (default 1) when something changed, on SIGUSR1,\n"
     "  and when it stops on SIGINT or SIGTERM.\n"
     "  The audit of the tables runs every --audit-interval seconds (default 30);\n"
@@ -120,7 +121,8 @@ int main(int argc, char** argv) {
       faultTimers.push_back(std::make_unique<FaultTimer>(loop, host, timed));
    }
    std::cout << "slicehost: pid " << ::getpid() << ", root " << options.root << ", chip profile '"
-             << options.profile.name << "', serving " << options.tableInfoPath << std::endl;
+             << options.profile.name << "', serving " << options.tableInfoPath << " and "
+             << options.tripleInfoPath << std::endl;
    host.serve();
    statusPrinter.print(true);
    std::cout << "slicehost: stopped" << std::endl;
