@@ -117,6 +117,19 @@ EcmpWorkload::EcmpWorkload(EcmpOptions options, std::vector<Route> routes)
    vectorTaken_.resize(options_.sizes.selectorIndices);
 }
 
+EcmpCapacities EcmpWorkload::capacities() const {
+   const EcmpSizes& s = options_.sizes;
+   auto withChurn = [&](std::uint32_t n) {
+      return n + static_cast<std::uint32_t>(n * std::min(options_.churnFraction, 1.0)) * 2 + 64;
+   };
+   EcmpCapacities c;
+   c.keys[std::size_t(EcmpTable::nextHop)] = withChurn(s.numNextHops);
+   c.keys[std::size_t(EcmpTable::group)] = withChurn(s.numGroups);
+   c.keys[std::size_t(EcmpTable::member)] = withChurn(std::max(s.numMembers, s.numGroups));
+   c.keys[std::size_t(EcmpTable::route)] = static_cast<std::uint32_t>(routeKeys_.size()) + 64;
+   return c;
+}
+
 EcmpPhase EcmpWorkload::phase(EcmpPhaseKind kind) {
    EcmpPhase phase;
    phase.name = ecmpPhaseName(kind);

@@ -52,6 +52,12 @@ struct EcmpCounts {
    std::string text() const;
 };
 
+// How many keys each collection may hold at once, peaks within phases included.
+struct EcmpCapacities {
+   std::array<std::uint32_t, numEcmpTables> keys{};
+   std::uint32_t operator[](EcmpTable table) const { return keys[std::size_t(table)]; }
+};
+
 // One configuration write: the key's value is what the workload holds for it once the phase
 // is generated (each key is written at most once per phase); `opId` 0 is a delete.
 struct EcmpWrite {
@@ -174,6 +180,11 @@ class EcmpWorkload {
 
    const EcmpOptions& options() const { return options_; }
    const EcmpSizes& sizes() const { return options_.sizes; }
+   // The routes the build publishes: as many as asked, at most the match indices.
+   std::size_t numRoutes() const { return routeKeys_.size(); }
+   // Room for what the phases hold at their peaks: a churn phase adds copies and new members
+   // and next hops before it deletes what they replace.
+   EcmpCapacities capacities() const;
 
    // Generates the phase's writes and takes the workload to its end state.
    EcmpPhase phase(EcmpPhaseKind kind);

@@ -8,8 +8,12 @@ namespace SliceSystem {
 
 ShmPublishTarget::ShmPublishTarget(Keel::EventLoop& loop, const std::string& root,
                                    const std::string& tableInfoPath,
-                                   const std::string& countersPath)
-    : loop_(loop), entityManager_(root, &loop), countersPath_(countersPath) {
+                                   const std::string& countersPath,
+                                   const std::string& tripleInfoPath)
+    : loop_(loop),
+      entityManager_(root, &loop),
+      countersPath_(countersPath),
+      tripleInfoPath_(tripleInfoPath) {
    tableMountInfo_ = entityManager_.mount<ChipMbbShared::TableConfigMountInfo>(
        tableInfoPath, Atlas::MountMode::writer, 64);
 }
@@ -54,6 +58,34 @@ void ShmPublishTarget::decoyIs(const std::string& path) {
    entityManager_.mount<HostCountersTable>(path, Atlas::MountMode::writer, 1);
 }
 
+ChipMbbShared::MatAdtSelTableConfigMountInfo* ShmPublishTarget::tripleMountInfo() {
+   if (!tripleMountInfo_) {
+      tripleMountInfo_ = entityManager_.mount<ChipMbbShared::MatAdtSelTableConfigMountInfo>(
+          tripleInfoPath_, Atlas::MountMode::writer, 64);
+   }
+   return tripleMountInfo_.get();
+}
+
+EcmpTableSink ShmPublishTarget::tripleConfigTables(const Key& key, const TripleEntry& entry,
+                                                   const EcmpCapacities& capacity) {
+   EcmpTableSink sink;
+   auto writer = Atlas::MountMode::writer;
+   sink.mat = entityManager_.mount<Vault::MbbEngine::TableConfig>(entry.matConfigPath(), writer,
+                                                                  capacity[EcmpTable::route]);
+   sink.adt = entityManager_.mount<ChipMbbShared::AdtTableConfig>(entry.adtConfigPath(), writer,
+                                                                  capacity[EcmpTable::nextHop]);
+   sink.selGrp = entityManager_.mount<ChipMbbShared::SelGrpTableConfig>(
+       entry.selGrpConfigPath(), writer, capacity[EcmpTable::group]);
+   sink.selMbr = entityManager_.mount<ChipMbbShared::SelMbrTableConfig>(
+       entry.selMbrConfigPath(), writer, capacity[EcmpTable::member]);
+   return sink;
+}
+
+Orb::Ptr<Vault::MbbEngine::TableStatus> ShmPublishTarget::tripleStatusTable(
+    const Key& key, const std::string& path) {
+   return readerMount<Vault::MbbEngine::TableStatus>(path);
+}
+
 LocalPublishTarget::LocalPublishTarget(AgentHost& host) : host_(host) {
    BRIO_ASSERT(host_.testmode() && "a local publisher needs a host in test mode");
 }
@@ -83,6 +115,35 @@ Orb::Ptr<Vault::MbbEngine::TableStatus> LocalPublishTarget::statusTable(const Ke
 
 Orb::Ptr<HostCountersTable> LocalPublishTarget::hostCounters() {
    return host_.countersTable();
+}
+
+ChipMbbShared::MatAdtSelTableConfigMountInfo* LocalPublishTarget::tripleMountInfo() {
+   return host_.tripleMountInfo().get();
+}
+
+EcmpTableSink LocalPublishTarget::tripleConfigTables(const Key& key, const TripleEntry& entry,
+                                                     const EcmpCapacities& capacity) {
+   tripleMountInfo()->entryIs(key, entry);
+   EcmpTableSink sink;
+   Orb::Ptr<ChipMbbSlice::MatAdtSelSm> sm = host_.tripleMgr()->matAdtSelSliceSm(key);
+   if (!sm) return sink;
+   sink.mat = sm->matTableConfig();
+   sink.adt = sm->adtTableConfig();
+   sink.selGrp = sm->selGrpTableConfig();
+   sink.selMbr = sm->selMbrTableConfig();
+   return sink;
+}
+
+Orb::Ptr<Vault::MbbEngine::TableStatus> LocalPublishTarget::tripleStatusTable(
+    const Key& key, const std::string& path) {
+   Orb::Ptr<ChipMbbSlice::MatAdtSelSm> sm = host_.tripleMgr()->matAdtSelSliceSm(key);
+   if (!sm) return nullptr;
+   const TripleEntry entry = host_.tripleMgr()->mountInfo(key);
+   if (path == entry.matStatusPath()) return sm->tableStatus();
+   if (path == entry.adtStatusPath()) return sm->adtTableStatus();
+   if (path == entry.selGrpStatusPath()) return sm->selGrpTableStatus();
+   if (path == entry.selMbrStatusPath()) return sm->selMbrTableStatus();
+   return nullptr;
 }
 
 }  // namespace SliceSystem

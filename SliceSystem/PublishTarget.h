@@ -7,6 +7,7 @@
 #include "ChipMbbShared/MountInfo.h"
 #include "Keel/EventLoop.h"
 #include "Orb/Ptr.h"
+#include "SliceSystem/EcmpWorkload.h"
 #include "SliceSystem/HostCounters.h"
 #include "SliceSystem/SegmentId.h"
 #include "Vault/MbbEngine/Tables.h"
@@ -22,6 +23,7 @@ class PublishTarget {
  public:
    using Key = ChipMbbShared::TableConfigMountKey;
    using MountEntry = ChipMbbShared::TableConfigMountEntry;
+   using TripleEntry = ChipMbbShared::MatAdtSelTableConfigMountEntry;
 
    virtual ~PublishTarget() = default;
 
@@ -43,6 +45,21 @@ class PublishTarget {
    // Puts a collection of another type than a table configuration at `path`, for an
    // announcement that names the wrong type. Only shared targets have paths.
    virtual void decoyIs(const std::string& path) {}
+
+   // Where triples are announced; null when the target has no place for them.
+   virtual ChipMbbShared::MatAdtSelTableConfigMountInfo* tripleMountInfo() { return nullptr; }
+   // The four configuration collections of a triple about to be announced, each with room for
+   // as many keys as `capacity` says; incomplete when they cannot be had. As for single tables,
+   // in test mode the announcement is made here, since the manager makes the collections.
+   virtual EcmpTableSink tripleConfigTables(const Key& key, const TripleEntry& entry,
+                                            const EcmpCapacities& capacity) {
+      return {};
+   }
+   // The triple's status collection at `path`, null while the host has not made it.
+   virtual Orb::Ptr<Vault::MbbEngine::TableStatus> tripleStatusTable(const Key& key,
+                                                                     const std::string& path) {
+      return nullptr;
+   }
 };
 
 // Shared tables under a root, through this process's own entity manager.
@@ -50,7 +67,8 @@ class ShmPublishTarget : public PublishTarget {
  public:
    ShmPublishTarget(Keel::EventLoop& loop, const std::string& root,
                     const std::string& tableInfoPath = "mbb/tableInfo",
-                    const std::string& countersPath = "mbb/hostCounters");
+                    const std::string& countersPath = "mbb/hostCounters",
+                    const std::string& tripleInfoPath = "mbb/tripleInfo");
 
    Keel::EventLoop& loop() override { return loop_; }
    bool shared() const override { return true; }
@@ -61,6 +79,12 @@ class ShmPublishTarget : public PublishTarget {
                                                        const MountEntry& entry) override;
    Orb::Ptr<HostCountersTable> hostCounters() override;
    void decoyIs(const std::string& path) override;
+   // Made on first use, so that a publisher of single tables only announces no triples.
+   ChipMbbShared::MatAdtSelTableConfigMountInfo* tripleMountInfo() override;
+   EcmpTableSink tripleConfigTables(const Key& key, const TripleEntry& entry,
+                                    const EcmpCapacities& capacity) override;
+   Orb::Ptr<Vault::MbbEngine::TableStatus> tripleStatusTable(const Key& key,
+                                                             const std::string& path) override;
    Atlas::EntityManager& entityManager() { return entityManager_; }
 
  private:
@@ -71,7 +95,9 @@ class ShmPublishTarget : public PublishTarget {
    Keel::EventLoop& loop_;
    Atlas::EntityManager entityManager_;
    std::string countersPath_;
+   std::string tripleInfoPath_;
    Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
+   Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleMountInfo_;
    std::map<std::string, SegmentId> readers_;
 };
 
@@ -88,6 +114,11 @@ class LocalPublishTarget : public PublishTarget {
    Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable(const Key& key,
                                                        const MountEntry& entry) override;
    Orb::Ptr<HostCountersTable> hostCounters() override;
+   ChipMbbShared::MatAdtSelTableConfigMountInfo* tripleMountInfo() override;
+   EcmpTableSink tripleConfigTables(const Key& key, const TripleEntry& entry,
+                                    const EcmpCapacities& capacity) override;
+   Orb::Ptr<Vault::MbbEngine::TableStatus> tripleStatusTable(const Key& key,
+                                                             const std::string& path) override;
 
  private:
    AgentHost& host_;

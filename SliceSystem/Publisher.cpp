@@ -43,28 +43,57 @@ struct Publisher::Table {
    StatusWatch watch;
 };
 
+struct Publisher::Triple {
+   Triple(EcmpTableSpec s, std::vector<Route> routes)
+       : spec(std::move(s)), workload(spec.workload, std::move(routes)) {}
+
+   EcmpTableSpec spec;
+   EcmpWorkload workload;
+   PublishTarget::Key key;
+   PublishTarget::TripleEntry entry;
+   EcmpTableSink sink;
+   // By EcmpTable: next hops, groups, members, routes.
+   std::array<std::string, numEcmpTables> statusPaths;
+   std::array<StatusWatch, numEcmpTables> watches;
+   // The host's counters after the previous phase.
+   HostCounters hostSeen;
+};
+
 std::string PhaseResult::text() const {
-   std::string out =
-       name + ": " + std::to_string(changes.total()) + " changes (" + changes.text() + ") ";
+   std::string kinds = ecmpChanges.total() ? ecmpChanges.text() : changes.text();
+   std::string out = name + ": " + std::to_string(numChanges()) + " changes (" + kinds + ") ";
    if (!converged()) {
       return out + "NOT converged after " + fixed(seconds, 3) + " s, " +
              std::to_string(outstanding) + " keys outstanding";
    }
-   return out + "converged in " + fixed(seconds, 3) + " s, " + fixed(changesPerSecond(), 0) +
-          " changes/s";
+   out +=
+       "converged in " + fixed(seconds, 3) + " s, " + fixed(changesPerSecond(), 0) + " changes/s";
+   if (keysChecked || mismatches || strayStatuses) {
+      out += "; statuses equal to configurations: " + std::to_string(keysChecked - mismatches) +
+             " of " + std::to_string(keysChecked) + ", stray statuses " +
+             std::to_string(strayStatuses);
+   }
+   if (placementOps) {
+      out += ", " + std::to_string(*placementOps) + " placement ops, " +
+             fixed(seconds > 0 ? *placementOps / seconds : 0, 0) + " ops/s";
+   }
+   if (violations) out += ", hitless violations " + std::to_string(*violations);
+   return out;
 }
 
 bool PublisherReport::ok() const {
    for (const PhaseResult& phase : phases) {
       if (!phase.converged()) return false;
    }
-   return mismatches == 0 && strayStatuses == 0 && host && host->numViolations == 0;
+   return !tripleLeftOut && mismatches == 0 && strayStatuses == 0 && host &&
+          host->numViolations == 0;
 }
 
 std::string PublisherReport::text() const {
    std::string out;
    for (const std::string& line : tables) out += "  " + line + "\n";
    for (const PhaseResult& phase : phases) out += "phase " + phase.text() + "\n";
+   if (tripleLeftOut) out += "triple: left out, the target has no collections for it\n";
    out += "check: " + std::to_string(keysChecked) +
           " keys, statuses equal to configurations: " + std::to_string(keysChecked - mismatches) +
           ", mismatches " + std::to_string(mismatches) + ", stray statuses " +
@@ -85,6 +114,7 @@ Publisher::Publisher(PublishTarget& target, PublisherOptions options)
       opIds_(options_.firstOpId ? options_.firstOpId : clockOpId()) {
    std::size_t total = 0;
    for (const TableSpec& spec : options_.tables) total += spec.numEntries;
+   if (options_.ecmp) total += options_.ecmp->workload.sizes.numRoutes;
    std::vector<Route> routes = routesLoad(options_.prefixesPath, total, routeSource_);
    std::size_t next = 0;
    for (const TableSpec& spec : options_.tables) {
@@ -104,6 +134,36 @@ Publisher::Publisher(PublishTarget& target, PublisherOptions options)
       table->entry.instanceIdIs(options_.instanceId);
       tables_.push_back(std::move(table));
    }
+   if (options_.ecmp) tripleNew(std::vector<Route>(routes.begin() + next, routes.end()));
+}
+
+void Publisher::tripleNew(std::vector<Route> routes) {
+   EcmpTableSpec spec = *options_.ecmp;
+   // Op ids per key only grow: the workload starts where this publisher's own ids start.
+   spec.workload.firstOpId = opIds_();
+   triple_ = std::make_unique<Triple>(spec, std::move(routes));
+   Triple& t = *triple_;
+   t.key = PublishTarget::Key(ChipDriver::ChipDevTgt{0, 0xFFFF}, spec.name, spec.tableId);
+   std::string dir = "mbb/" + spec.name + "/";
+   t.entry.matConfigPathIs(dir + "config");
+   t.entry.adtConfigPathIs(dir + "adtConfig");
+   t.entry.selGrpConfigPathIs(dir + "selGrpConfig");
+   t.entry.selMbrConfigPathIs(dir + "selMbrConfig");
+   t.entry.matStatusPathIs(dir + "status");
+   t.entry.adtStatusPathIs(dir + "adtStatus");
+   t.entry.selGrpStatusPathIs(dir + "selGrpStatus");
+   t.entry.selMbrStatusPathIs(dir + "selMbrStatus");
+   t.entry.needStatusIs(true);
+   t.entry.adtTableIdIs(spec.adtTableId);
+   t.entry.selTableIdIs(spec.selTableId);
+   t.entry.tableSizeIs(spec.size);
+   t.entry.configGenTimeIs(options_.genTime);
+   t.entry.statusGenTimeIs(options_.genTime);
+   t.entry.instanceIdIs(options_.instanceId);
+   t.statusPaths[std::size_t(EcmpTable::nextHop)] = t.entry.adtStatusPath();
+   t.statusPaths[std::size_t(EcmpTable::group)] = t.entry.selGrpStatusPath();
+   t.statusPaths[std::size_t(EcmpTable::member)] = t.entry.selMbrStatusPath();
+   t.statusPaths[std::size_t(EcmpTable::route)] = t.entry.matStatusPath();
 }
 
 Publisher::~Publisher() = default;
@@ -119,6 +179,9 @@ Orb::Seconds Publisher::now() const {
 std::size_t Publisher::numOutstanding() const {
    std::size_t n = 0;
    for (const auto& table : tables_) n += table->watch.numOutstanding();
+   if (triple_) {
+      for (const StatusWatch& watch : triple_->watches) n += watch.numOutstanding();
+   }
    return n;
 }
 
@@ -172,6 +235,10 @@ void Publisher::converge(PhaseResult& result, Orb::Seconds start) {
          for (auto& table : tables_) {
             table->watch.statusIs(target_.statusTable(table->key, table->entry));
          }
+         for (std::size_t i = 0; triple_ && i < numEcmpTables; ++i) {
+            triple_->watches[i].statusIs(
+                target_.tripleStatusTable(triple_->key, triple_->statusPaths[i]));
+         }
          nextPoll = t + statusPollPeriod;
       }
       result.outstanding = numOutstanding();
@@ -210,6 +277,16 @@ std::vector<std::string> Publisher::tableLines() const {
          line += ", ATCAM with " + std::to_string(spec.partitions) + " partitions";
       lines.push_back(line);
    }
+   if (triple_) {
+      const EcmpWorkload& w = triple_->workload;
+      const EcmpSizes& sizes = w.sizes();
+      lines.push_back("triple " + triple_->key.name() + " id " + hex(triple_->spec.tableId) + ": " +
+                      std::to_string(sizes.numNextHops) + " next hops, " +
+                      std::to_string(sizes.numGroups) + " groups, " +
+                      std::to_string(sizes.numMembers) + " members (at most " +
+                      std::to_string(sizes.maxGroupMembers) + " a group), " +
+                      std::to_string(w.numRoutes()) + " routes");
+   }
    lines.push_back("routes from " + routeSource_);
    if (options_.badAnnouncements && target_.shared()) {
       lines.push_back(
@@ -233,6 +310,69 @@ PhaseResult Publisher::churn() {
 PhaseResult Publisher::readd() {
    return phase(
        "re-add", [this](TablePlan& plan) { return plan.readd(opIds_); }, false);
+}
+
+bool Publisher::tripleTablesGet() {
+   Triple& t = *triple_;
+   if (!t.sink.complete() && target_.tripleMountInfo()) {
+      t.sink = target_.tripleConfigTables(t.key, t.entry, t.workload.capacities());
+   }
+   if (!t.sink.complete()) log("no configuration collections for triple " + t.key.name());
+   return t.sink.complete();
+}
+
+std::optional<PhaseResult> Publisher::ecmpPhase(EcmpPhaseKind kind) {
+   if (!triple_ || !tripleTablesGet()) return std::nullopt;
+   Triple& t = *triple_;
+   if (kind == EcmpPhaseKind::build) {
+      if (std::optional<HostCounters> host = hostCountersFresh(2.0)) t.hostSeen = *host;
+   }
+   PhaseResult result;
+   result.name = ecmpPhaseName(kind);
+   Orb::Seconds start = now();
+   EcmpPhase phase = t.workload.phase(kind);
+   for (const EcmpWrite& write : phase.writes) {
+      t.watches[std::size_t(write.table)].expect(write.key, write.opId);
+      t.workload.apply(phase, write, t.sink);
+   }
+   if (kind == EcmpPhaseKind::build) target_.tripleMountInfo()->entryIs(t.key, t.entry);
+   result.ecmpChanges = phase.counts;
+   log("phase " + result.name + ": " + std::to_string(result.numChanges()) +
+       " changes written, waiting for their statuses");
+   converge(result, start);
+   if (result.converged()) tripleCheck(result);
+   // The chip counts violations since it started; a phase has those that came during it.
+   if (std::optional<HostCounters> host = hostCountersFresh(2.0)) {
+      result.violations = host->numViolations - t.hostSeen.numViolations;
+      result.placementOps = host->numOps() - t.hostSeen.numOps();
+      t.hostSeen = *host;
+   }
+   return result;
+}
+
+// Every key the workload holds shows its configuration and, in its status, its op id; no
+// status is left for a key that is gone.
+void Publisher::tripleCheck(PhaseResult& result) {
+   Triple& t = *triple_;
+   EcmpState state = t.workload.state();
+   auto compare = [&](EcmpTable table, const auto& expected, const auto& config) {
+      using Key = typename std::decay_t<decltype(*config)>::Key;
+      const auto& status = t.watches[std::size_t(table)].status();
+      for (const auto& [key, value] : expected) {
+         ++result.keysChecked;
+         bool same = config->entry(Key(key)) == value && status &&
+                     status->entry(key).opId() == value.opId();
+         if (!same) ++result.mismatches;
+      }
+      if (!status) return;
+      for (const auto& [key, entry] : *status) {
+         if (!expected.count(key.value())) ++result.strayStatuses;
+      }
+   };
+   compare(EcmpTable::nextHop, state.nextHops, t.sink.adt);
+   compare(EcmpTable::group, state.groups, t.sink.selGrp);
+   compare(EcmpTable::member, state.members, t.sink.selMbr);
+   compare(EcmpTable::route, state.routes, t.sink.mat);
 }
 
 void Publisher::check(PublisherReport& report) {
@@ -275,9 +415,26 @@ std::optional<HostCounters> Publisher::hostCountersFresh(Orb::Seconds timeout) {
 PublisherReport Publisher::run() {
    PublisherReport report;
    report.tables = tableLines();
-   report.phases.push_back(publish());
-   if (report.phases.back().converged()) report.phases.push_back(churn());
-   if (report.phases.back().converged()) report.phases.push_back(readd());
+   auto going = [&] { return report.phases.empty() || report.phases.back().converged(); };
+   if (!tables_.empty()) {
+      report.phases.push_back(publish());
+      if (going()) report.phases.push_back(churn());
+      if (going()) report.phases.push_back(readd());
+   }
+   std::vector<EcmpPhaseKind> ecmpPhases{EcmpPhaseKind::build};
+   ecmpPhases.insert(ecmpPhases.end(), ecmpChurnPhases.begin(), ecmpChurnPhases.end());
+   ecmpPhases.push_back(EcmpPhaseKind::teardown);
+   for (std::size_t i = 0; triple_ && going() && i < ecmpPhases.size(); ++i) {
+      std::optional<PhaseResult> phase = ecmpPhase(ecmpPhases[i]);
+      if (!phase) {
+         report.tripleLeftOut = true;
+         break;
+      }
+      report.keysChecked += phase->keysChecked;
+      report.mismatches += phase->mismatches;
+      report.strayStatuses += phase->strayStatuses;
+      report.phases.push_back(std::move(*phase));
+   }
    check(report);
    report.host = hostCountersFresh(2.0);
    return report;

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "Orb/Time.h"
+#include "SliceSystem/EcmpWorkload.h"
 #include "SliceSystem/HostCounters.h"
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/StatusWatch.h"
@@ -15,8 +16,21 @@
 
 namespace SliceSystem {
 
+// The triple a publisher fills with the ECMP workload: the chip's match, action data and
+// selector tables, and the workload's sizes and order.
+struct EcmpTableSpec {
+   std::string name;
+   std::uint32_t tableId = 0;
+   std::uint32_t adtTableId = 0;
+   std::uint32_t selTableId = 0;
+   std::uint32_t size = 0;
+   EcmpOptions workload;
+};
+
 struct PublisherOptions {
    std::vector<TableSpec> tables;
+   // Also publish this triple and take it through the ECMP phases, after the single tables.
+   std::optional<EcmpTableSpec> ecmp;
    // The prefix file; empty takes the snapshot beside the repository, "synthetic" the
    // generator.
    std::string prefixesPath;
@@ -41,12 +55,22 @@ struct PublisherOptions {
 struct PhaseResult {
    std::string name;
    ChangeCounts changes;
+   EcmpCounts ecmpChanges;
+   // The triple's keys compared once it converged (ECMP phases only).
+   std::uint64_t keysChecked = 0;
+   std::uint64_t mismatches = 0;
+   std::uint64_t strayStatuses = 0;
+   // The chip's hitless violations during the phase, when the host said (ECMP phases only).
+   std::optional<std::uint64_t> violations;
+   // The host's placement operations for the phase (ECMP phases only).
+   std::optional<std::uint64_t> placementOps;
    Orb::Seconds seconds = 0;
    // Keys whose status did not show their configuration by the timeout.
    std::size_t outstanding = 0;
 
    bool converged() const { return outstanding == 0; }
-   double changesPerSecond() const { return seconds > 0 ? changes.total() / seconds : 0; }
+   std::uint64_t numChanges() const { return changes.total() + ecmpChanges.total(); }
+   double changesPerSecond() const { return seconds > 0 ? numChanges() / seconds : 0; }
    std::string text() const;
 };
 
@@ -58,6 +82,8 @@ struct PublisherReport {
    std::uint64_t mismatches = 0;
    // Statuses of keys that have no configuration.
    std::uint64_t strayStatuses = 0;
+   // The ECMP triple was asked for and the target could not carry it.
+   bool tripleLeftOut = false;
    std::optional<HostCounters> host;
 
    // Every phase converged, every status equals its configuration, and the host reported no
@@ -70,6 +96,8 @@ struct PublisherReport {
 // table in the mount-info collection, writes its entries (routes with next hops), waits until
 // every status shows the change in hardware, then modifies, moves, swaps, replaces and
 // deletes a share of them, and brings the deleted ones back, waiting again after each phase.
+// With an ECMP triple it then announces the triple and takes it through the phases of the
+// ECMP workload, checking after each that every status equals its configuration.
 class Publisher {
  public:
    Publisher(PublishTarget& target, PublisherOptions options);
@@ -77,12 +105,14 @@ class Publisher {
    Publisher& operator=(const Publisher&) = delete;
    ~Publisher();
 
-   // publish, churn, readd, check, then the host's counters.
+   // publish, churn, readd, the ECMP phases, check, then the host's counters.
    PublisherReport run();
 
    PhaseResult publish();
    PhaseResult churn();
    PhaseResult readd();
+   // Null (and said in the log) when the target cannot carry the triple.
+   std::optional<PhaseResult> ecmpPhase(EcmpPhaseKind kind);
    void check(PublisherReport& report);
    // The host's counters, written after this call began; none if the host does not write
    // them within `timeout`.
@@ -93,6 +123,7 @@ class Publisher {
 
  private:
    struct Table;
+   struct Triple;
 
    void log(const std::string& line) const;
    Orb::Seconds now() const;
@@ -102,11 +133,15 @@ class Publisher {
                      bool announce);
    void converge(PhaseResult& result, Orb::Seconds start);
    void badAnnouncementsWrite();
+   void tripleNew(std::vector<Route> routes);
+   bool tripleTablesGet();
+   void tripleCheck(PhaseResult& result);
 
    PublishTarget& target_;
    PublisherOptions options_;
    std::string routeSource_;
    std::vector<std::unique_ptr<Table>> tables_;
+   std::unique_ptr<Triple> triple_;
    OpIdSource opIds_;
    std::uint64_t numWrites_ = 0;
 };

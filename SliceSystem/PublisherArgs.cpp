@@ -14,7 +14,10 @@ const char* publisherArgsUsage =
     "  --bad-announcements     also announce two tables the host must skip\n"
     "  --instance-id N, --gen-time T, --seed N   announcement fields and generator seed\n"
     "  --timeout S             give up waiting for the statuses after S seconds (default 120)\n"
-    "  --crash-after N         die after N configuration writes, as a crashing publisher\n";
+    "  --crash-after N         die after N configuration writes, as a crashing publisher\n"
+    "  --ecmp                  also publish the triple nexthop_ecmp with the ECMP workload\n"
+    "  --ecmp-sizes NAME       default (4096 groups x 64 members) or large (a large router)\n"
+    "  --ecmp-order NAME       dependencies (default), dependants-first or shuffled\n";
 
 bool publisherOptionsParse(Args& args, const ChipModel::ChipProfile& profile,
                            PublisherOptions& options, std::string& error) {
@@ -27,7 +30,24 @@ bool publisherOptionsParse(Args& args, const ChipModel::ChipProfile& profile,
    options.timeout = args.number("timeout", options.timeout);
    options.crashAfterWrites = args.count("crash-after", 0);
    options.seed = args.count("seed", options.seed);
-   return tableSpecsFor(profile, args.texts("table"), entries, options.tables, error);
+   if (!tableSpecsFor(profile, args.texts("table"), entries, options.tables, error)) return false;
+   std::string sizes = args.text("ecmp-sizes", "default");
+   std::string order = args.text("ecmp-order", "dependencies");
+   if (!args.flag("ecmp")) return true;
+   EcmpTableSpec spec;
+   if (!ecmpSpecFor(profile, "nexthop_ecmp", sizes, spec, error)) return false;
+   spec.workload.seed = options.seed;
+   spec.workload.churnFraction = options.churnFraction;
+   if (order == "dependants-first") {
+      spec.workload.order = EcmpOrder::dependantsFirst;
+   } else if (order == "shuffled") {
+      spec.workload.order = EcmpOrder::shuffled;
+   } else if (order != "dependencies") {
+      error = "unknown ECMP order '" + order + "'";
+      return false;
+   }
+   options.ecmp = spec;
+   return true;
 }
 
 }  // namespace SliceSystem

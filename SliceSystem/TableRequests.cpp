@@ -61,4 +61,36 @@ bool tableSpecsFor(const ChipModel::ChipProfile& profile, const std::vector<std:
    return true;
 }
 
+bool ecmpSpecFor(const ChipModel::ChipProfile& profile, const std::string& name,
+                 const std::string& preset, EcmpTableSpec& spec, std::string& error) {
+   auto find = [&](std::uint32_t handle) -> const ChipModel::TableProfile* {
+      for (const ChipModel::TableProfile& table : profile.tables) {
+         if (table.handle == handle) return &table;
+      }
+      return nullptr;
+   };
+   const ChipModel::TableProfile* mat = nullptr;
+   for (const ChipModel::TableProfile& table : profile.tables) {
+      if (table.name == name && table.isTriple()) mat = &table;
+   }
+   const ChipModel::TableProfile* adt = mat ? find(mat->adtHandle) : nullptr;
+   const ChipModel::TableProfile* sel = mat ? find(mat->selHandle) : nullptr;
+   if (!adt || !sel) {
+      error = "no triple '" + name + "' in chip profile '" + profile.name + "'";
+      return false;
+   }
+   if (preset != "default" && preset != "large") {
+      error = "unknown ECMP sizes '" + preset + "' (default or large)";
+      return false;
+   }
+   spec = EcmpTableSpec{mat->name, mat->handle, adt->handle, sel->handle, mat->size, {}};
+   EcmpSizes& sizes = spec.workload.sizes;
+   if (preset == "large") sizes = EcmpSizes::largeRouter();
+   sizes.routeIndices = mat->size;
+   sizes.selectorIndices = sel->size;
+   // Room for the next hops that replace retired ones before those go.
+   sizes.numNextHops = std::min(sizes.numNextHops, adt->size / 2);
+   return true;
+}
+
 }  // namespace SliceSystem

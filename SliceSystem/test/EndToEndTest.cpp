@@ -10,6 +10,7 @@
 #include <fstream>
 #include <sstream>
 #include <thread>
+#include <tuple>
 
 #include "Atlas/EntityManager.h"
 #include "ChipModel/ChipProfile.h"
@@ -21,6 +22,7 @@
 
 namespace {
 
+using SliceSystem::Test::ecmpRun;
 using SliceSystem::Test::smallRun;
 
 std::vector<std::string> segmentsUnder(const std::string& root) {
@@ -119,6 +121,31 @@ TEST(EndToEnd, TwoProcessesConvergeThroughChurnAndSkipBadAnnouncements) {
    EXPECT_EQ(host.stop(), 0) << host.log();
    EXPECT_NE(host.log().find("slicehost: stopped"), std::string::npos) << host.log();
    // Both sides removed what they created.
+   EXPECT_EQ(segmentsUnder(host.root()), std::vector<std::string>());
+}
+
+TEST(EndToEnd, TwoProcessesConvergeTheEcmpWorkloadHitlessly) {
+   HostProcess host;
+   {
+      Keel::EventLoop loop;
+      SliceSystem::ShmPublishTarget target(loop, host.root());
+      SliceSystem::Publisher publisher(target, ecmpRun());
+      SliceSystem::PublisherReport report = publisher.run();
+
+      EXPECT_TRUE(report.ok()) << report.text() << host.log();
+      ASSERT_EQ(report.phases.size(), 7u) << report.text() << host.log();
+      for (const SliceSystem::PhaseResult& phase : report.phases) {
+         EXPECT_EQ(phase.violations, 0u) << phase.text();
+         EXPECT_GT(phase.keysChecked + phase.ecmpChanges.total(), 0u) << phase.text();
+      }
+      ASSERT_TRUE(report.host) << host.log();
+      EXPECT_EQ(report.host->triplesPublished, 1u);
+      EXPECT_EQ(report.host->triplesRunning, 1u);
+      EXPECT_GT(report.host->numSelDeactivateOps, 0u);
+      EXPECT_EQ(std::tuple(report.host->groups, report.host->members, report.host->statuses),
+                std::tuple(0u, 0u, 0u));
+   }
+   EXPECT_EQ(host.stop(), 0) << host.log();
    EXPECT_EQ(segmentsUnder(host.root()), std::vector<std::string>());
 }
 

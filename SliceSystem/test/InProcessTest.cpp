@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <tuple>
+
 #include "Keel/EventLoop.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/PublishTarget.h"
@@ -8,6 +10,9 @@
 
 namespace {
 
+using SliceSystem::EcmpChange;
+using SliceSystem::EcmpTable;
+using SliceSystem::Test::ecmpRun;
 using SliceSystem::Test::smallRun;
 
 // Host and publisher in one process: the manager makes the tables, every write is in
@@ -68,6 +73,47 @@ TEST(InProcess, PublishChurnReaddConvergesWithTheChipHoldingTheConfiguration) {
       }
    }
    EXPECT_EQ(host.statusLine(), host.counters().text());
+}
+
+// Every ECMP phase converges hitlessly with statuses equal to the configurations, and the
+// host's counters tell the selector's story: each next hop and member that came also went, and
+// re-pointing the only active member of a vector broke a deadlock.
+TEST(InProcess, EcmpPhasesConvergeHitlesslyAndTheCountersAddUp) {
+   Keel::EventLoop loop;
+   SliceSystem::AgentHostOptions hostOptions;
+   hostOptions.log = [](const std::string&) {};
+   SliceSystem::AgentHost host(loop, hostOptions);
+   SliceSystem::LocalPublishTarget target(host);
+   SliceSystem::Publisher publisher(target, ecmpRun());
+
+   SliceSystem::PublisherReport report = publisher.run();
+   EXPECT_TRUE(report.ok()) << report.text();
+   ASSERT_EQ(report.phases.size(), 7u) << report.text();
+   SliceSystem::EcmpCounts all;
+   for (const SliceSystem::PhaseResult& phase : report.phases) {
+      EXPECT_EQ(phase.violations, 0u) << phase.text();
+      for (std::size_t t = 0; t < SliceSystem::numEcmpTables; ++t) {
+         for (std::size_t k = 0; k < SliceSystem::numEcmpChanges; ++k)
+            all.count[t][k] += phase.ecmpChanges.count[t][k];
+      }
+   }
+   // Every route, member and next hop of the build is one placement operation.
+   const SliceSystem::EcmpCounts& build = report.phases[0].ecmpChanges;
+   EXPECT_EQ(report.phases[0].placementOps, build.of(EcmpTable::nextHop, EcmpChange::add) +
+                                                build.of(EcmpTable::member, EcmpChange::add) +
+                                                build.of(EcmpTable::route, EcmpChange::add));
+
+   ASSERT_TRUE(report.host);
+   const SliceSystem::HostCounters& c = *report.host;
+   EXPECT_EQ(c.triplesRunning, 1u);
+   EXPECT_EQ(std::tuple(c.groups, c.members, c.entries, c.statuses, c.pending),
+             std::tuple(0u, 0u, 0u, 0u, 0u));
+   EXPECT_EQ(c.numAdtAddOps, all.of(EcmpTable::nextHop, EcmpChange::add));
+   EXPECT_EQ(c.numAdtDelOps, c.numAdtAddOps);
+   EXPECT_EQ(c.numSelDelOps, c.numSelAddOps);
+   EXPECT_GT(all.of(EcmpTable::member, EcmpChange::repointSole), 0u);
+   EXPECT_GT(c.numDeadlockBreakOps, 0u);
+   EXPECT_EQ(c.numViolations, 0u);
 }
 
 }  // namespace

@@ -22,4 +22,29 @@ inline PublisherOptions smallRun() {
    return options;
 }
 
+// The default chip's ECMP triple, a few hundred groups strong: every phase of the workload and
+// multi-vector groups among them, small enough for the suite.
+inline EcmpTableSpec smallEcmp() {
+   EcmpTableSpec spec;
+   std::string error;
+   EXPECT_TRUE(ecmpSpecFor(ChipModel::ChipProfile::defaultProfile(), "nexthop_ecmp", "default",
+                           spec, error));
+   EcmpSizes& sizes = spec.workload.sizes;
+   sizes.numNextHops = 256;
+   sizes.numGroups = 300;
+   sizes.numMembers = 300 * 6;
+   sizes.maxGroupMembers = 200;
+   sizes.numRoutes = 1024;
+   spec.workload.churnFraction = 0.2;
+   return spec;
+}
+
+// Only the triple, through every ECMP phase.
+inline PublisherOptions ecmpRun() {
+   PublisherOptions options = smallRun();
+   options.tables.clear();
+   options.ecmp = smallEcmp();
+   return options;
+}
+
 }  // namespace SliceSystem::Test
