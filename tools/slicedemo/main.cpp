@@ -1,11 +1,11 @@
 // The demo: the whole system on the default chip and the routing table snapshot, in one
 // command. By default the agent host and the publishers are separate processes over shared
 // tables under a fresh root: a first publisher dies in the middle of its churn, a second one
-// replaces it, publishes, churns and re-adds (with two announcements the host must skip), and
-// the host is stopped at the end. With --in-process the host and one publisher share this
-// process, its event loop and in-memory tables. Either way the demo ends with the audit: in this
-// process, every 50 ms, first under a publisher's churn, then with faults injected into the
-// chip (--audit runs only that part).
+// replaces it, publishes, churns and re-adds (with two announcements the host must skip), then
+// takes the ECMP triple through a router's phases, and the host is stopped at the end. With
+// --in-process the host and one publisher share this process, its event loop and in-memory
+// tables. Either way the demo ends with the audit: in this process, every 50 ms, first under a
+// publisher's churn, then with faults injected into the chip (--audit runs only that part).
 
 #include <signal.h>
 #include <sys/mman.h>
@@ -42,6 +42,7 @@ const char* usage =
     "  --in-process  host and publisher in this one process (test mode, in-memory tables)\n"
     "  --audit       only the audit part: churn, then injected faults, audited every 50 ms\n"
     "  --no-crash    leave out the publisher that dies mid-way\n"
+    "  --no-ecmp     leave out the ECMP triple (published unless this is given)\n"
     "publisher options, passed on to slicepub:\n";
 
 void say(const std::string& line) {
@@ -328,6 +329,17 @@ int twoProcesses(const std::vector<std::string>& passOn,
 }  // namespace
 
 int main(int argc, char** argv) {
+   // The triple goes with the single tables unless asked otherwise; the publishers are told so.
+   std::vector<char*> argvEcmp(argv, argv + argc);
+   bool withEcmp = true;
+   for (int i = 1; i < argc; ++i) {
+      std::string arg = argv[i];
+      if (arg == "--no-ecmp" || arg == "--ecmp") withEcmp = false;
+   }
+   static char ecmpFlag[] = "--ecmp";
+   if (withEcmp) argvEcmp.push_back(ecmpFlag);
+   argc = static_cast<int>(argvEcmp.size());
+   argv = argvEcmp.data();
    SliceSystem::Args args(argc, argv);
    if (args.flag("help")) {
       std::cout << usage << SliceSystem::publisherArgsUsage;
@@ -336,6 +348,7 @@ int main(int argc, char** argv) {
    bool local = args.flag("in-process");
    bool auditOnly = args.flag("audit");
    bool crash = !args.flag("no-crash");
+   args.flag("no-ecmp");
    std::string profilePath = args.text("profile");
    ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    std::string error;
@@ -359,7 +372,8 @@ int main(int argc, char** argv) {
    std::vector<std::string> passOn;
    for (int i = 1; i < argc; ++i) {
       std::string arg = argv[i];
-      if (arg == "--in-process" || arg == "--no-crash" || arg == "--audit") continue;
+      if (arg == "--in-process" || arg == "--no-crash" || arg == "--audit" || arg == "--no-ecmp")
+         continue;
       if (arg == "--profile") {
          ++i;
          continue;
