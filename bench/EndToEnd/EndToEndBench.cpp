@@ -3,7 +3,9 @@
 // slicehost binary serving shared tables, the publisher here) against, in the same run, the
 // same work in one process (host in test mode, in-memory tables, no event loop between them)
 // and the engine alone (in-memory tables, the slice's helper and the engine, configurations
-// written one after the other, as the engine's own benchmark does).
+// written one after the other, as the engine's own benchmark does). Then the ECMP build of the
+// default chip's triple (next hops, groups, their members, routes), from the first write to the
+// last status, across two processes and in one process, counted in placement operations.
 //
 //   EndToEndBench [--quick]     --quick: a tenth of the entries
 
@@ -18,6 +20,7 @@
 #include <cstring>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <string>
 #include <thread>
 
@@ -33,6 +36,7 @@
 #include "SliceSystem/Routes.h"
 #include "SliceSystem/SegmentId.h"
 #include "SliceSystem/TablePlan.h"
+#include "SliceSystem/TableRequests.h"
 
 namespace {
 
@@ -227,6 +231,105 @@ void scenario(const Scenario& s) {
    std::fflush(stdout);
 }
 
+SliceSystem::PublisherOptions ecmpOptions(std::uint32_t scale) {
+   SliceSystem::PublisherOptions options;
+   SliceSystem::EcmpTableSpec spec;
+   std::string error;
+   if (!SliceSystem::ecmpSpecFor(ChipModel::ChipProfile::defaultProfile(), "nexthop_ecmp",
+                                 "default", spec, error)) {
+      std::printf("NOT SOUND: %s\n", error.c_str());
+   }
+   SliceSystem::EcmpSizes& sizes = spec.workload.sizes;
+   sizes.numGroups /= scale;
+   sizes.numMembers /= scale;
+   sizes.numNextHops /= scale;
+   sizes.numRoutes /= scale;
+   options.ecmp = spec;
+   options.timeout = 600;
+   return options;
+}
+
+// The build converged hitlessly with every status equal to its configuration.
+Run ecmpBuildOf(SliceSystem::Publisher& publisher) {
+   Run run;
+   std::optional<SliceSystem::PhaseResult> phase =
+       publisher.ecmpPhase(SliceSystem::EcmpPhaseKind::build);
+   if (!phase) {
+      run.why = "the triple could not be published\n";
+      return run;
+   }
+   run.seconds = phase->seconds;
+   run.entries = phase->placementOps.value_or(0);
+   run.sound = phase->converged() && phase->mismatches == 0 && phase->strayStatuses == 0 &&
+               phase->violations == 0u && run.entries > 0;
+   if (!run.sound) run.why = phase->text() + "\n";
+   return run;
+}
+
+Run ecmpInProcess(std::uint32_t scale) {
+   Keel::EventLoop loop;
+   SliceSystem::AgentHostOptions hostOptions;
+   hostOptions.log = [](const std::string&) {};
+   SliceSystem::AgentHost host(loop, hostOptions);
+   SliceSystem::LocalPublishTarget target(host);
+   SliceSystem::Publisher publisher(target, ecmpOptions(scale));
+   return ecmpBuildOf(publisher);
+}
+
+Run ecmpTwoProcesses(std::uint32_t scale) {
+   std::string root = "e2ebench-ecmp-" + std::to_string(::getpid());
+   pid_t host = ::fork();
+   if (host == 0) {
+      int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, 1);
+      ::execl(SLICEHOST_PATH, SLICEHOST_PATH, "--root", root.c_str(), "--status-interval", "0",
+              nullptr);
+      std::_Exit(127);
+   }
+   Run run;
+   {
+      Atlas::EntityManager names(root);
+      while (!SliceSystem::segmentId(names.shmName("mbb/hostCounters")) &&
+             ::waitpid(host, nullptr, WNOHANG) == 0) {
+         std::this_thread::sleep_for(std::chrono::milliseconds(10));
+      }
+      Keel::EventLoop loop;
+      SliceSystem::ShmPublishTarget target(loop, root);
+      SliceSystem::Publisher publisher(target, ecmpOptions(scale));
+      run = ecmpBuildOf(publisher);
+   }
+   ::kill(host, SIGTERM);
+   ::waitpid(host, nullptr, 0);
+   return run;
+}
+
+void ecmpScenario(std::uint32_t scale) {
+   std::printf(
+       "== ECMP build: %u groups x %u members, next hops, %u routes, first write to last "
+       "status\n",
+       4096 / scale, 64u, 16384 / scale);
+   std::fflush(stdout);
+   Run local = ecmpInProcess(scale);
+   Run shared = ecmpTwoProcesses(scale);
+   for (const Run* run : {&local, &shared}) {
+      if (!run->sound) std::printf("NOT SOUND:\n%s", run->why.c_str());
+   }
+   const double localRate = local.entries / local.seconds;
+   const double sharedRate = shared.entries / shared.seconds;
+   const double ratio = sharedRate / localRate;
+   std::printf("figure: ECMP build in one process = %.0f placement ops/s (%llu ops, %.3f s)%s\n",
+               localRate, static_cast<unsigned long long>(local.entries), local.seconds,
+               local.sound ? "" : " UNSOUND");
+   std::printf(
+       "figure: ECMP build across two processes = %.0f placement ops/s (%llu ops, %.3f s)%s "
+       "(target >= 150000) %s\n",
+       sharedRate, static_cast<unsigned long long>(shared.entries), shared.seconds,
+       shared.sound ? "" : " UNSOUND", shared.sound && sharedRate >= 150000 ? "met" : "NOT MET");
+   std::printf("figure: ECMP build two processes / one process rate = %.2f (target >= 0.8) %s\n",
+               ratio, shared.sound && local.sound && ratio >= 0.8 ? "met" : "NOT MET");
+   std::fflush(stdout);
+}
+
 }  // namespace
 
 int main(int argc, char** argv) {
@@ -234,5 +337,6 @@ int main(int argc, char** argv) {
    std::uint32_t scale = quick ? 10 : 1;
    scenario({"1 table x 1M", 1, 1u << 20, 1'000'000 / scale});
    scenario({"16 tables x 64K", 16, 65536, 65536 / scale});
+   ecmpScenario(scale);
    return 0;
 }
