@@ -345,6 +345,19 @@ void ChipMbbEngineHelper::deleteEntry(const EntryConfig& entry) {
       clearDefault(entry);
       return;
    }
+   matDelete(entry, !entry.isDel());
+}
+
+void ChipMbbEngineHelper::deleteReplacedEntry(const EntryConfig& entry) {
+   DUALLOG(sliceLog, 8, __PRETTY_FUNCTION__);
+   if (entry.index() == EntryConfig::defaultEntryIndex) {
+      MbbEngineHelper::deleteReplacedEntry(entry);
+      return;
+   }
+   matDelete(entry, false);
+}
+
+void ChipMbbEngineHelper::matDelete(const EntryConfig& entry, bool removeFromStatus) {
    numMatDelOpsInc(1);
    p4_pd_plcmt_info_t* info = getMatPlcmtInfo();
    matOpTrace("mat_del", entry, false);
@@ -352,7 +365,7 @@ void ChipMbbEngineHelper::deleteEntry(const EntryConfig& entry) {
             " hdl:", FlashLog::hex(entry.entryHandle()));
    matInBatchNotify(entry.key());
    bf_status_t status = p4_pd_set_one_plcmt_op_mat_del(info, entry.entryHandle());
-   matOpRecorded(status, entry, !entry.isDel());
+   matOpRecorded(status, entry, removeFromStatus);
 }
 
 void ChipMbbEngineHelper::deleteEntryDeadlock(const EntryConfig& entry) {

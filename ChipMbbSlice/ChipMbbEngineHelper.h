@@ -136,6 +136,8 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
    void addEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void deleteEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void deleteEntryDeadlock(const Vault::MbbEngine::EntryConfig& entry) override;
+   // The replaced entry's delete writes the key's new status instead of removing it.
+   void deleteReplacedEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void moveEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void updateEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void setDefault(const Vault::MbbEngine::EntryConfig& entry);
@@ -566,6 +568,7 @@ class ChipMbbEngineHelper : public MbbEngine::MbbEngineHelper {
    void matSingleIndexCheck(const Vault::MbbEngine::EntryConfig& entry);
    void matOpTrace(const char* op, const Vault::MbbEngine::EntryConfig& entry, bool withOpId);
    void matInBatchNotify(Vault::MbbEngine::EntryKey key);
+   void matDelete(const Vault::MbbEngine::EntryConfig& entry, bool removeFromStatus);
    void matOpRecorded(bf_status_t status, const Vault::MbbEngine::EntryConfig& entry,
                       bool removeFromStatus);
 

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <cstdlib>
+#include <string>
 
 namespace Brio {
 
@@ -31,6 +32,11 @@ void assertFailed(const char* expr, const char* file, int line) {
    currentHandler(expr, file, line);
    // A handler that returns would let the caller run on a broken invariant.
    std::abort();
+}
+
+void assertFailedMsg(const char* expr, const char* message, const char* file, int line) {
+   const std::string text = std::string(expr) + ": " + message;
+   assertFailed(text.c_str(), file, line);
 }
 
 void throwingAssertHandler(const char* expr, const char* file, int line) {

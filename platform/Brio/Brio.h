@@ -19,6 +19,10 @@ AssertHandler assertHandler();
 AssertHandler assertHandlerIs(AssertHandler handler);
 
 [[gnu::cold]] void assertFailed(const char* expr, const char* file, int line);
+// For an assertion that explains itself beside its expression: the handler is given
+// "<expr>: <message>", so that both reach the log.
+[[gnu::cold]] void assertFailedMsg(const char* expr, const char* message, const char* file,
+                                   int line);
 
 // The handler tests install: throws AssertionFailure carrying the expression text.
 void throwingAssertHandler(const char* expr, const char* file, int line);
@@ -65,3 +69,6 @@ class CorruptionDetectedException : public std::runtime_error {
 
 #define BRIO_ASSERT(expr) \
    ((expr) ? static_cast<void>(0) : ::Brio::assertFailed(#expr, __FILE__, __LINE__))
+
+#define BRIO_ASSERT_MSG(expr, message) \
+   ((expr) ? static_cast<void>(0) : ::Brio::assertFailedMsg(#expr, (message), __FILE__, __LINE__))

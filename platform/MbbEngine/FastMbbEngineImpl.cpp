@@ -234,11 +234,9 @@ void FastMbbEngineImpl::issue(const EntryKey& key, const std::optional<CurrentEn
    if (!sameHandle && current->index != next.index) {
       DUALLOG(mbbEngineLog, 9, name_ << ": replace key " << key << " opId " << config.opId());
       place(key, [&] { helper()->addEntry(config); });
-      place(key, [&] { helper()->deleteEntry(deletion(*current, current->opId)); });
+      place(key, [&] { helper()->deleteReplacedEntry(deletion(*current, config.opId())); });
       current_.update(next);
       released(*current, &next);
-      // The delete of the replaced entry took the key's status with it.
-      helper()->noopAck(key, config.opId());
       return;
    }
    // The old entry stands in the new one's way: a new handle at the same index, or a handle
@@ -269,6 +267,9 @@ void FastMbbEngineImpl::processDelete(const EntryKey& key, const EntryConfig& co
       return;
    }
    pending_.erase(key);
+   // What the key's entry depended on is released with it, and a key that waited for its
+   // dependencies stops waiting.
+   processDependantTables(EntryConfig(), key);
    if (!found) {
       deleteAck(key, config);
       return;

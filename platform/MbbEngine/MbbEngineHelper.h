@@ -39,6 +39,13 @@ class MbbEngineHelper : public Orb::Entity<MbbEngineHelper> {
    // Deletes an entry that has to go before its replacement can come: the engine breaks a
    // cycle of keys waiting for each other's indices or handles with it.
    virtual void deleteEntryDeadlock(const Vault::MbbEngine::EntryConfig& entry) = 0;
+   // Deletes the entry that the key's new entry, placed already, replaces; `entry` carries the
+   // new op id. The key's status moves to that op id instead of going, so that a publisher
+   // never sees it vanish. A helper that cannot say so writes it again right after.
+   virtual void deleteReplacedEntry(const Vault::MbbEngine::EntryConfig& entry) {
+      deleteEntry(entry);
+      noopAck(entry.key(), entry.opId());
+   }
    virtual void moveEntry(const Vault::MbbEngine::EntryConfig& entry) = 0;
    virtual void updateEntry(const Vault::MbbEngine::EntryConfig& entry) = 0;
    // Commits whatever has been recorded and not committed yet. A helper that commits every

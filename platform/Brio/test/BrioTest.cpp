@@ -17,6 +17,12 @@ TEST(BrioAssert, MessageIsTheExpressionTextWithStringParts) {
    }
    status = BF_SUCCESS;
    EXPECT_NO_THROW(BRIO_ASSERT(status == BF_SUCCESS && "Not succesful status"));
+   try {
+      BRIO_ASSERT_MSG(status > 0, "status must be set");
+      FAIL() << "assertion did not fire";
+   } catch (const Brio::AssertionFailure& failure) {
+      EXPECT_EQ(failure.expression(), "status > 0: status must be set");
+   }
 }
 
 TEST(BrioAssert, HandlerIsRestoredAndDefaultAborts) {

@@ -34,13 +34,31 @@ struct Published {
    std::uint8_t data = 0;
 };
 
-// Every status written must describe what the hardware holds at that moment.
+// Every status written must describe what the hardware holds at that moment. A key's status
+// only moves to a newer op id or to the key's delete: it vanishes while the key is configured
+// only when the engine takes the key's entry out to break a deadlock.
 class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
  public:
    void onEntry(const EntryKey& key) override {
       const auto written = status->entry(key);
-      if (written == Vault::MbbEngine::EntryStatus()) return;
-      if (written.opId() == Vault::MbbEngine::delAckOpId) return;
+      if (written == Vault::MbbEngine::EntryStatus()) {
+         const EntryConfig left = config->entry(key);
+         if (!(left == EntryConfig()) && !left.isDel() &&
+             helper->numDeleteDeadlockOps() == deadlocksSeen) {
+            violations.push_back("status of key " + Orb::toString(key) + " vanished");
+         }
+         deadlocksSeen = helper->numDeleteDeadlockOps();
+         lastOpId.erase(key);
+         return;
+      }
+      if (written.opId() == Vault::MbbEngine::delAckOpId) {
+         lastOpId.erase(key);
+         return;
+      }
+      if (written.opId() < lastOpId[key]) {
+         violations.push_back("status of key " + Orb::toString(key) + " went back");
+      }
+      lastOpId[key] = written.opId();
       const EntryConfig configured = config->entry(key);
       if (configured.opId() != written.opId()) {
          violations.push_back("status of key " + Orb::toString(key) + " ahead of configuration");
@@ -55,7 +73,10 @@ class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
    Vault::MbbEngine::TableStatus* status = nullptr;
    Vault::MbbEngine::TableConfig* config = nullptr;
    const ChipModel::MatTable* mat = nullptr;
+   const MbbEngine::Test::ChipCommitHelper* helper = nullptr;
    std::vector<std::string> violations;
+   std::map<EntryKey, Vault::MbbEngine::OpId> lastOpId;
+   std::uint64_t deadlocksSeen = 0;
 };
 
 class ChurnTest : public ::testing::TestWithParam<bool> {
@@ -79,6 +100,7 @@ class ChurnTest : public ::testing::TestWithParam<bool> {
       statusWatch.status = status.get();
       statusWatch.config = config.get();
       statusWatch.mat = chip->matTable(0, tableHdl);
+      statusWatch.helper = helper.get();
       statusWatch.notifierIs(status.get());
       if (atcam()) {
          impl = Orb::ptrNew<MbbEngine::FastMbbEngineAtcamImpl>("churn", config, nullptr, nullptr,

@@ -80,15 +80,19 @@ void ChipCommitHelper::updateEntry(const EntryConfig& entry) {
 }
 
 void ChipCommitHelper::deleteEntry(const EntryConfig& entry) {
-   deleteChecked(entry, false);
+   deleteChecked(entry, false, !entry.isDel());
+}
+
+void ChipCommitHelper::deleteReplacedEntry(const EntryConfig& entry) {
+   deleteChecked(entry, false, false);
 }
 
 void ChipCommitHelper::deleteEntryDeadlock(const EntryConfig& entry) {
    ++numDeleteDeadlockOps_;
-   deleteChecked(entry, true);
+   deleteChecked(entry, true, !entry.isDel());
 }
 
-void ChipCommitHelper::deleteChecked(const EntryConfig& entry, bool deadlock) {
+void ChipCommitHelper::deleteChecked(const EntryConfig& entry, bool deadlock, bool removeStatus) {
    ++numDeleteOps_;
    commit([&](p4_pd_plcmt_info_t* info) {
       if (entry.isDefaultEntry()) {
@@ -107,7 +111,7 @@ void ChipCommitHelper::deleteChecked(const EntryConfig& entry, bool deadlock) {
       }
       if (left == 0) entriesOfKey_.erase(entry.key().value());
    }
-   statusWrite(entry, !entry.isDel());
+   statusWrite(entry, removeStatus);
 }
 
 }  // namespace MbbEngine::Test

@@ -27,6 +27,7 @@ class ChipCommitHelper : public MbbEngineHelper {
    void addEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void deleteEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void deleteEntryDeadlock(const Vault::MbbEngine::EntryConfig& entry) override;
+   void deleteReplacedEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void moveEntry(const Vault::MbbEngine::EntryConfig& entry) override;
    void updateEntry(const Vault::MbbEngine::EntryConfig& entry) override;
 
@@ -46,7 +47,7 @@ class ChipCommitHelper : public MbbEngineHelper {
    template <class Record>
    void commit(const Record& record);
    void statusWrite(const Vault::MbbEngine::EntryConfig& entry, bool remove);
-   void deleteChecked(const Vault::MbbEngine::EntryConfig& entry, bool deadlock);
+   void deleteChecked(const Vault::MbbEngine::EntryConfig& entry, bool deadlock, bool removeStatus);
 
    std::uint8_t devId_;
    std::uint32_t tblHdl_;
