@@ -1,6 +1,7 @@
 #include "TableAuditSm/FlagSm.h"
 
 #include "Brio/Brio.h"
+#include "ChipMbbSliceMatAdtSelSm/MatAdtSelSm.h"
 #include "Orb/Enum.h"
 #include "TableAuditSm/detail/AuditTrace.h"
 
@@ -32,11 +33,25 @@ void MbbNotifier::notifyOnKey(EntryKey key) {
    BRIO_ASSERT(false && "invalid table type");
 }
 
-void MbbNotifier::notifyDependencyEngine(MbbEngine::MbbEngineSm&, EntryKey) {
-   // Only the triple audit's notifier knows the dependency engine and its handlers; to any other
-   // notifier the engine it holds is not one.
-   const MbbEngine::MbbEngineSm* matAdtSelSm = nullptr;
+// A key of an ADT, selector group or selector member is taken up by the triple's dependency
+// engine; only a triple's notifier is given these table types.
+void MbbNotifier::notifyDependencyEngine(MbbEngine::MbbEngineSm& engine, EntryKey key) {
+   auto* matAdtSelSm = dynamic_cast<MatAdtSelSm*>(&engine);
    BRIO_ASSERT(matAdtSelSm && "dynamic cast failed");
+   switch (tableType_) {
+      case TableType::adt:
+         matAdtSelSm->handleAdtEntry(key);
+         return;
+      case TableType::selGrp:
+         matAdtSelSm->handleSelGrpEntry(key);
+         return;
+      case TableType::selMbr:
+         matAdtSelSm->handleSelMbrEntry(ChipMbbShared::SelMbrEntryKey(key.value()));
+         return;
+      case TableType::mat:
+         break;
+   }
+   BRIO_ASSERT(false && "invalid table type");
 }
 
 FlagSm::FlagSm(Orb::Ptr<const AuditInstance> configInstance,

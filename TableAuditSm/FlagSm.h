@@ -90,13 +90,9 @@ class MbbNotifier : public Orb::Entity<MbbNotifier> {
 
    void notifyOnKey(Vault::MbbEngine::EntryKey key);
 
- protected:
-   // Hands a key of an ADT, selector group or selector member to the triple's dependency
-   // engine; the triple audit's notifier provides it.
-   virtual void notifyDependencyEngine(MbbEngine::MbbEngineSm& engine,
-                                       Vault::MbbEngine::EntryKey key);
-
  private:
+   void notifyDependencyEngine(MbbEngine::MbbEngineSm& engine, Vault::MbbEngine::EntryKey key);
+
    Orb::WeakPtr<MbbEngine::MbbEngineSm> mbbEngineSm_;
    TableType tableType_;
    std::uint32_t notificationCount_ = 0;

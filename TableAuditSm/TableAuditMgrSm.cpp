@@ -95,6 +95,9 @@ void TableAuditMgrSm::addMatAdtSelTable(const TableConfigMountKey& key,
                "ChipMbbShared::TableConfigMountKey&, const Ptr&) "
                    << key,
                "addMatAdtSelTable tbl:", FlashLog::hex(key.tableId()));
+   if (!initialized_) return;
+   tableAuditSmIs(key, MatAdtSelTableAuditSmIs(configInstance_, sessHdl_, failedAuditStatus_,
+                                               auditPolicy_, hwPdIntf_, key, sm));
 }
 
 void TableAuditMgrSm::delMatAdtSelTable(const TableConfigMountKey& key) {

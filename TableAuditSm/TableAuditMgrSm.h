@@ -14,6 +14,7 @@
 #include "Orb/Time.h"
 #include "TableAuditSm/AuditTypes.h"
 #include "TableAuditSm/FailedAuditStatus.h"
+#include "TableAuditSm/MatAdtSelTableAudit.h"
 #include "TableAuditSm/TableAudit.h"
 
 namespace ChipMbbSlice {
@@ -63,8 +64,6 @@ class TableAuditMgrSm : public Orb::Entity<TableAuditMgrSm>, public TableAuditRe
    void addTable(const ChipMbbShared::TableConfigMountKey& key,
                  const Orb::WeakPtr<MbbEngine::MbbEngineSm>& engine) override;
    void delTable(const ChipMbbShared::TableConfigMountKey& key) override;
-   // Triples are audited by their own audit, which comes with the dependency engine; until then
-   // a triple is registered and withdrawn without being audited.
    void addMatAdtSelTable(const ChipMbbShared::TableConfigMountKey& key,
                           const Orb::WeakPtr<MatAdtSelSm>& sm) override;
    void delMatAdtSelTable(const ChipMbbShared::TableConfigMountKey& key) override;

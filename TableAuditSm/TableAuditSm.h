@@ -6,5 +6,6 @@
 #include "TableAuditSm/AuditTypes.h"
 #include "TableAuditSm/FailedAuditStatus.h"
 #include "TableAuditSm/FlagSm.h"
+#include "TableAuditSm/MatAdtSelTableAudit.h"
 #include "TableAuditSm/TableAudit.h"
 #include "TableAuditSm/TableAuditMgrSm.h"
