@@ -76,6 +76,9 @@ Orb::Ptr<Orb::Object> EntityManager::mount(const std::string& path, const std::s
    Mount mount{typeName, mode,
                mode == MountMode::writer ? type->writerNew(path, shmName(path), capacity)
                                          : type->readerNew(path, shmName(path))};
+   mount.table.corruptionHandlerIs([this, path](const std::string& reason) {
+      if (corruptionHandler_) corruptionHandler_(path, reason);
+   });
    auto entity = mount.table.entity;
    auto [it, inserted] = mounts_.emplace(path, std::move(mount));
    watch(path, it->second);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -60,6 +61,10 @@ class EntityManager : public Orb::Entity<EntityManager> {
    std::size_t numMounts() const { return mounts_.size(); }
    // The name of the segment that holds `path`.
    std::string shmName(const std::string& path) const;
+   // Called with the path and the reason when a mounted table finds its segment damaged, from
+   // inside the access that found it: the handler must not unmount anything there.
+   using CorruptionHandler = std::function<void(const std::string& path, const std::string&)>;
+   void corruptionHandlerIs(CorruptionHandler handler) { corruptionHandler_ = std::move(handler); }
    // Readers dropped from the event loop because their segment turned out corrupt.
    std::size_t numCorruptionDetectedOps() const { return numCorruptionDetectedOps_; }
 
@@ -77,6 +82,7 @@ class EntityManager : public Orb::Entity<EntityManager> {
    Keel::EventLoop* eventLoop_;
    std::map<std::string, Mount> mounts_;
    std::size_t numCorruptionDetectedOps_ = 0;
+   CorruptionHandler corruptionHandler_;
 };
 
 // Mount requests gathered and carried out at close(): all of them, or, when one fails, none

@@ -36,9 +36,16 @@ const TableProfile* findTable(const ChipProfile& profile, std::uint32_t handle) 
 
 std::string checkTable(const ChipProfile& profile, const TableProfile& table) {
    if (table.name.empty()) return "a table has no name";
+   if (table.name.size() > maxTableNameSize) {
+      return "a table name is longer than " + std::to_string(maxTableNameSize) + " characters";
+   }
    std::string where = "table '" + table.name + "': ";
    if (table.handle == 0) return where + "handle 0";
    if (table.size == 0) return where + "size 0";
+   if (table.size > maxTableSize) {
+      return where + "size " + std::to_string(table.size) + " is above the limit of " +
+             std::to_string(maxTableSize);
+   }
    if (table.atcamPartitions != 0 &&
        (table.kind != ChipSdk::TableKind::mat || table.atcamPartitions > table.size)) {
       return where + "atcamPartitions only on a MAT, at most its size";
@@ -61,6 +68,7 @@ std::string checkTable(const ChipProfile& profile, const TableProfile& table) {
 std::string ChipProfile::validate() const {
    if (numPipes == 0 || numPipes > maxPipes)
       return "numPipes must be 1.." + std::to_string(maxPipes);
+   if (tables.size() > maxTables) return "more than " + std::to_string(maxTables) + " tables";
    for (std::uint8_t devId : devices) {
       if (devId >= maxDevices) return "device " + std::to_string(devId) + " out of range";
    }

@@ -13,6 +13,12 @@ namespace ChipModel {
 
 constexpr std::uint8_t maxDevices = 32;
 constexpr std::uint16_t maxPipes = 16;
+// What a profile may declare: far above any chip's tables, yet small enough that a table's
+// shared segments and the host's bookkeeping for it fit a machine. A name must leave room for
+// the paths a publisher derives from it.
+constexpr std::uint32_t maxTableSize = 1u << 24;
+constexpr std::size_t maxTableNameSize = 96;
+constexpr std::size_t maxTables = 1024;
 // Member slots per selector vector.
 constexpr std::uint32_t selVectorMembers = 120;
 

@@ -1,7 +1,9 @@
 #include "FlashLog/Handle.h"
 
 #include <fcntl.h>
+#include <sys/file.h>
 #include <sys/mman.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cstdlib>
@@ -80,19 +82,48 @@ bool disabledByEnv() {
    return std::getenv("FLASHLOG_DISABLE") != nullptr;
 }
 
+namespace {
+
+// The file is this process's alone: opened without following a symbolic link that someone put
+// in its place, readable by its user only, and locked for as long as it is written, so that a
+// second process given the same name writes beside it (NAME.PID) rather than over it.
+int traceFileOpen(std::string& path) {
+   for (int attempt = 0; attempt < 2; ++attempt) {
+      const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+      if (fd < 0) return -1;
+      struct stat st {};
+      if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
+         ::close(fd);
+         return -1;
+      }
+      if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+         ::fchmod(fd, 0600);
+         return fd;
+      }
+      ::close(fd);
+      path += "." + std::to_string(getpid());
+   }
+   return -1;
+}
+
+}  // namespace
+
 bool Handle::open(std::string_view name, const LevelSizes& sizesKiB, Writers writers) {
    close();
    FileHeader layout{};
    const std::uint64_t fileSize = layOut(layout, sizesKiB);
-   const std::string path = tracePath(name);
-   const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_TRUNC | O_CLOEXEC, 0644);
+   std::string path = tracePath(name);
+   const int fd = traceFileOpen(path);
    if (fd < 0) return false;
    void* map = MAP_FAILED;
-   if (ftruncate(fd, static_cast<off_t>(fileSize)) == 0) {
+   if (ftruncate(fd, 0) == 0 && ftruncate(fd, static_cast<off_t>(fileSize)) == 0) {
       map = mmap(nullptr, fileSize, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
    }
-   ::close(fd);
-   if (map == MAP_FAILED) return false;
+   if (map == MAP_FAILED) {
+      ::close(fd);
+      return false;
+   }
+   lockFd_ = fd;
 
    layout.version = fileVersion;
    layout.numLevels = numLevels;
@@ -122,6 +153,8 @@ bool Handle::open(std::string_view name, const LevelSizes& sizesKiB, Writers wri
 void Handle::close() {
    if (!base_) return;
    header()->clockLast = clockPair();
+   ::close(lockFd_);
+   lockFd_ = -1;
    munmap(base_, mapSize_);
    base_ = nullptr;
    mapSize_ = 0;

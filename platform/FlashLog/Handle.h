@@ -99,6 +99,8 @@ class Handle {
    }
 
    char* base_ = nullptr;
+   // Holds the file's lock while it is written.
+   int lockFd_ = -1;
    std::size_t mapSize_ = 0;
    std::string path_;
    std::atomic<std::uint32_t> maxStringLen_{defaultMaxStringLen};

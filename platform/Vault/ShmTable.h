@@ -32,6 +32,19 @@ Orb::Ptr<T> shmTableReaderNew(const std::string& name, const std::string& shmNam
    return table;
 }
 
+// Segments owned by this group are served as well as the user's own; by default only the
+// user's own are.
+inline void shmTrustedGroupIs(gid_t group) {
+   Shm::trustedGroupIs(group);
+}
+
+// Removes the segments whose names start with `prefix` ("/root.") that a writer of this user
+// left behind when it died; a live writer's segments and other users' stay. Returns how many
+// went.
+inline std::size_t shmStaleSegmentsRemove(const std::string& prefix) {
+   return Shm::staleSegmentsRemove(prefix);
+}
+
 // How a shared table's segment is laid out, for sizing it and for benchmarks.
 struct ShmFootprint {
    std::size_t mappedBytes;

@@ -19,6 +19,8 @@ struct MountedTable {
    std::function<int()> changeFd;
    std::function<void()> changesDrain;
    std::function<void()> retire;
+   // Sets what the table calls when it finds its segment damaged (Table::corruptionHandlerIs).
+   std::function<void(std::function<void(const std::string&)>)> corruptionHandlerIs;
 };
 
 // Shared-memory table types by name, so that tables can be mounted by the name a publisher
@@ -48,7 +50,10 @@ template <class T>
 MountedTable mountedTable(Orb::Ptr<T> table) {
    T* raw = table.get();
    return {table, [raw] { return raw->changeFd(); }, [raw] { raw->changesDrain(); },
-           [raw] { raw->store().retire(); }};
+           [raw] { raw->store().retire(); },
+           [raw](std::function<void(const std::string&)> handler) {
+              raw->corruptionHandlerIs(std::move(handler));
+           }};
 }
 
 // Registers T under T::vaultTypeName. Used as `inline const bool registered =

@@ -15,6 +15,7 @@
 // Index: open addressing over U64 cells. The low half is 0 for an empty cell, all ones for a
 // deleted one, else slot + 1; the high half holds the upper half of the key's hash, so that a
 // probe reads only the slots that are likely to hold the key.
+// The writer hands out slots from the bottom up, so the slots in use sit below slotsUsed.
 // Ring: the keys of the last changes; cell p % ringSize holds change p, tagged p + 1.
 // Waiters: readers that sleep in an event loop leave the name of a datagram socket here; the
 // writer pokes the armed ones after a change.
@@ -30,7 +31,7 @@
 namespace Vault::Shm {
 
 inline constexpr std::uint64_t magic = 0x315447455354564bULL;
-inline constexpr std::uint32_t layoutVersion = 2;
+inline constexpr std::uint32_t layoutVersion = 3;
 inline constexpr std::size_t typeNameSize = 96;
 inline constexpr std::uint32_t maxWaiters = 64;
 inline constexpr std::size_t waiterNameSize = 108;
@@ -78,6 +79,9 @@ struct alignas(64) Header {
    alignas(64) std::atomic<std::uint32_t> writerPid;
    std::atomic<std::uint32_t> count;
    std::atomic<std::uint32_t> indexSeq;  // odd while the writer rebuilds the index
+   // Slots at and above this one were never written; readers scan no further, so that a
+   // large, sparsely used segment is not paged in.
+   std::atomic<std::uint32_t> slotsUsed;
    alignas(64) std::atomic<std::uint64_t> ringHead;
    alignas(64) std::atomic<std::uint64_t> armedMask;
 };

@@ -5,6 +5,7 @@
 #include <sys/mman.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
+#include <sys/statvfs.h>
 #include <sys/timerfd.h>
 #include <sys/un.h>
 #include <unistd.h>
@@ -13,7 +14,11 @@
 #include <bit>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <cstring>
+#include <filesystem>
+#include <limits>
+#include <mutex>
 #include <new>
 #include <thread>
 
@@ -23,8 +28,11 @@
 namespace Vault::Shm {
 
 std::uint32_t defaultRingSize(std::uint32_t capacity) {
+   // A whole table's worth of changes, up to a million: a publisher that fills a table while
+   // the reader is busy leaves it behind by that much, and a reader that falls off the ring
+   // pays a full scan. The ring costs 16 bytes a change against a slot's hundred or more.
    std::uint32_t size = std::bit_ceil(std::max<std::uint32_t>(capacity, 1));
-   return std::clamp<std::uint32_t>(size, 1024, 65536);
+   return std::clamp<std::uint32_t>(size, 1024, 1u << 20);
 }
 
 std::optional<Geometry> geometryFor(std::uint32_t keySize, std::uint32_t valueSize,
@@ -60,28 +68,61 @@ std::uint64_t headerChecksum(const Header& header) {
 
 namespace {
 
+// A zombie has finished: it will never complete a write or remove its segments.
 bool processAlive(std::uint32_t pid) {
-   if (pid == 0) return false;
-   return ::kill(static_cast<pid_t>(pid), 0) == 0 || errno != ESRCH;
+   if (pid == 0 || pid > std::uint32_t(std::numeric_limits<pid_t>::max())) return false;
+   if (::kill(static_cast<pid_t>(pid), 0) != 0 && errno == ESRCH) return false;
+   char path[32];
+   std::snprintf(path, sizeof path, "/proc/%u/stat", pid);
+   int fd = ::open(path, O_RDONLY | O_CLOEXEC);
+   if (fd < 0) return true;
+   char buffer[256];
+   ssize_t n = ::read(fd, buffer, sizeof buffer - 1);
+   ::close(fd);
+   if (n <= 0) return true;
+   buffer[n] = '\0';
+   const char* state = std::strrchr(buffer, ')');
+   return !(state && state[1] == ' ' && (state[2] == 'Z' || state[2] == 'X'));
+}
+
+gid_t trustedGroup = gid_t(-1);
+
+// Only segments of this user, or of the group it was told to trust, are served: another
+// user's segment could hold anything and be changed at any time.
+std::string foreignOwner(const struct stat& st) {
+   if (st.st_uid == ::geteuid() || (trustedGroup != gid_t(-1) && st.st_gid == trustedGroup)) {
+      return "";
+   }
+   return "owned by uid " + std::to_string(st.st_uid) + ", not this user";
 }
 
 std::string sysError(const std::string& what, const std::string& name) {
    return what + " " + name + ": " + std::strerror(errno);
 }
 
+// Populated at once: the first touch of each page would otherwise fault in the middle of
+// convergence, and on a virtual machine a fault costs microseconds.
 void* mapShared(int fd, std::size_t size) {
-   void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
    return base == MAP_FAILED ? nullptr : base;
 }
 
 // A writer that creates a segment is its owner until the segment is unlinked. A segment whose
 // creator is gone can be taken over, since nobody else would ever remove it.
+// Throws when the segment is someone else's or its writer still runs.
 bool staleSegment(const std::string& shmName) {
    int fd = ::shm_open(shmName.c_str(), O_RDONLY, 0);
+   if (fd < 0 && errno == EACCES) {
+      throw MountException("cannot take over " + shmName + ": permission denied (another user's)");
+   }
    if (fd < 0) return errno == ENOENT;
    struct stat st {};
    bool stale = true;
-   if (::fstat(fd, &st) == 0 && std::size_t(st.st_size) >= sizeof(Header)) {
+   if (::fstat(fd, &st) == 0 && !foreignOwner(st).empty()) {
+      ::close(fd);
+      throw MountException("cannot take over " + shmName + ": " + foreignOwner(st));
+   }
+   if (std::size_t(st.st_size) >= sizeof(Header)) {
       void* base = ::mmap(nullptr, sizeof(Header), PROT_READ, MAP_SHARED, fd, 0);
       if (base != MAP_FAILED) {
          auto* header = static_cast<Header*>(base);
@@ -93,6 +134,84 @@ bool staleSegment(const std::string& shmName) {
    return stale;
 }
 
+// A process that can write a segment can also truncate it, and touching a mapped page past
+// the end of the file raises SIGBUS. Rather than dying, the process puts private zeros in
+// place of the whole mapping, marks it lost and lets the access go on; the store then reports
+// the table as corrupt. Mappings are registered in a fixed array that the handler can read
+// without locks or allocation.
+struct GuardedMapping {
+   std::atomic<std::uintptr_t> base{0};
+   std::atomic<std::size_t> size{0};
+   std::atomic<bool> lost{false};
+};
+
+constexpr int maxGuardedMappings = 8192;
+GuardedMapping guardedMappings[maxGuardedMappings];
+struct sigaction previousBusAction {};
+
+void busHandler(int signo, siginfo_t* info, void* context) {
+   const auto address = reinterpret_cast<std::uintptr_t>(info->si_addr);
+   for (GuardedMapping& m : guardedMappings) {
+      const std::uintptr_t base = m.base.load(std::memory_order_acquire);
+      if (base == 0 || address < base || address - base >= m.size.load()) continue;
+      void* replaced = ::mmap(reinterpret_cast<void*>(base), m.size.load(), PROT_READ | PROT_WRITE,
+                              MAP_PRIVATE | MAP_ANONYMOUS | MAP_FIXED, -1, 0);
+      if (replaced != MAP_FAILED) {
+         m.lost.store(true, std::memory_order_release);
+         return;
+      }
+      break;
+   }
+   // Not one of ours: whoever handled it before decides, or the default kills.
+   if ((previousBusAction.sa_flags & SA_SIGINFO) && previousBusAction.sa_sigaction) {
+      previousBusAction.sa_sigaction(signo, info, context);
+      return;
+   }
+   if (previousBusAction.sa_handler != SIG_DFL && previousBusAction.sa_handler != SIG_IGN &&
+       previousBusAction.sa_handler) {
+      previousBusAction.sa_handler(signo);
+      return;
+   }
+   ::signal(SIGBUS, SIG_DFL);
+}
+
+int mappingGuard(void* base, std::size_t size) {
+   static std::once_flag installed;
+   std::call_once(installed, [] {
+      struct sigaction action {};
+      action.sa_sigaction = busHandler;
+      action.sa_flags = SA_SIGINFO | SA_NODEFER;
+      sigemptyset(&action.sa_mask);
+      ::sigaction(SIGBUS, &action, &previousBusAction);
+   });
+   for (int i = 0; i < maxGuardedMappings; ++i) {
+      GuardedMapping& m = guardedMappings[i];
+      std::uintptr_t free = 0;
+      if (m.base.load(std::memory_order_relaxed) != 0) continue;
+      m.size.store(size);
+      m.lost.store(false);
+      if (m.base.compare_exchange_strong(free, reinterpret_cast<std::uintptr_t>(base))) return i;
+   }
+   return -1;
+}
+
+void mappingUnguard(int guard) {
+   if (guard >= 0) guardedMappings[guard].base.store(0, std::memory_order_release);
+}
+
+// Creating a segment larger than the shared-memory file system can still hold would only fail
+// later, at some write, with SIGBUS; it is refused up front instead.
+void spaceCheck(const std::string& shmName, std::uint64_t size) {
+   struct statvfs fs {};
+   if (::statvfs("/dev/shm", &fs) != 0) return;
+   const std::uint64_t available = std::uint64_t(fs.f_bavail) * fs.f_frsize;
+   if (size > available) {
+      throw MountException("not enough shared memory for " + shmName + ": it needs " +
+                           std::to_string(size) + " bytes, " + std::to_string(available) +
+                           " are free");
+   }
+}
+
 }  // namespace
 
 Segment::Segment(std::string shmName, unsigned char* base, std::size_t mappedSize,
@@ -102,12 +221,18 @@ Segment::Segment(std::string shmName, unsigned char* base, std::size_t mappedSiz
       mappedSize_(mappedSize),
       geometry_(geometry),
       owner_(owner),
-      linked_(owner) {}
+      linked_(owner),
+      guard_(mappingGuard(base, mappedSize)) {}
 
 Segment::~Segment() {
    unlink();
    if (pokeFd_ >= 0) ::close(pokeFd_);
+   mappingUnguard(guard_);
    ::munmap(base_, mappedSize_);
+}
+
+bool Segment::lost() const {
+   return guard_ >= 0 && guardedMappings[guard_].lost.load(std::memory_order_acquire);
 }
 
 std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string_view typeName,
@@ -122,10 +247,11 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
       throw MountException("no segment layout for capacity " + std::to_string(capacity) + " of " +
                            std::string(typeName));
    }
+   spaceCheck(shmName, geometry->totalSize);
    int fd = ::shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
    if (fd < 0 && errno == EEXIST) {
       if (!staleSegment(shmName)) {
-         throw MountException("table " + shmName + " already has a writer");
+         throw MountException("table " + shmName + " already has a writer that is running");
       }
       ::shm_unlink(shmName.c_str());
       fd = ::shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
@@ -144,12 +270,12 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
 
    // The file starts zeroed: every slot free, every index cell empty, every ring tag 0.
    auto* header = new (base) Header{};
+   header->writerPid.store(static_cast<std::uint32_t>(::getpid()), std::memory_order_release);
    header->layoutVersion = layoutVersion;
    header->headerSize = sizeof(Header);
    std::memcpy(header->typeName, typeName.data(), typeName.size());
    header->geometry = *geometry;
    header->checksum = headerChecksum(*header);
-   header->writerPid.store(static_cast<std::uint32_t>(::getpid()), std::memory_order_relaxed);
    std::atomic_ref<std::uint64_t>(header->magic).store(magic, std::memory_order_release);
    return std::unique_ptr<Segment>(
        new Segment(shmName, static_cast<unsigned char*>(base), size, *geometry, true));
@@ -163,6 +289,10 @@ std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_v
    if (::fstat(fd, &st) != 0) {
       ::close(fd);
       throw MountException(sysError("cannot stat table", shmName));
+   }
+   if (std::string foreign = foreignOwner(st); !foreign.empty()) {
+      ::close(fd);
+      throw MountException("not serving " + shmName + ": " + foreign);
    }
    std::size_t size = static_cast<std::size_t>(st.st_size);
    if (size < sizeof(Header)) {
@@ -178,8 +308,11 @@ std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_v
    };
    auto* header = static_cast<Header*>(mapped);
    std::atomic_ref<std::uint64_t> magicRef(header->magic);
-   // A writer that is still setting the header up stores the magic last.
-   for (int i = 0; i < 100 && magicRef.load(std::memory_order_acquire) == 0; ++i) {
+   // A writer that is still setting the header up stores the magic last, its pid before it;
+   // without a live writer nothing is coming.
+   for (int i = 0; i < 100 && magicRef.load(std::memory_order_acquire) == 0 &&
+                   processAlive(header->writerPid.load(std::memory_order_acquire));
+        ++i) {
       std::this_thread::sleep_for(std::chrono::milliseconds(1));
    }
    std::uint64_t found = magicRef.load(std::memory_order_acquire);
@@ -220,8 +353,29 @@ std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_v
 void Segment::unlink() {
    if (!linked_) return;
    linked_ = false;
-   header().writerPid.store(0, std::memory_order_release);
+   if (!lost()) header().writerPid.store(0, std::memory_order_release);
    ::shm_unlink(shmName_.c_str());
+}
+
+void trustedGroupIs(gid_t group) {
+   trustedGroup = group;
+}
+
+std::size_t staleSegmentsRemove(const std::string& prefix) {
+   std::size_t removed = 0;
+   std::error_code ec;
+   const std::string stem = prefix.substr(prefix.starts_with("/") ? 1 : 0);
+   for (const auto& file : std::filesystem::directory_iterator("/dev/shm", ec)) {
+      const std::string name = "/" + file.path().filename().string();
+      if (!file.path().filename().string().starts_with(stem)) continue;
+      struct stat st {};
+      if (::stat(file.path().c_str(), &st) != 0 || st.st_uid != ::geteuid()) continue;
+      try {
+         if (staleSegment(name) && ::shm_unlink(name.c_str()) == 0) ++removed;
+      } catch (const MountException&) {
+      }
+   }
+   return removed;
 }
 
 bool Segment::writerAlive() const {

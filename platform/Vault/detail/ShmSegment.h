@@ -1,5 +1,7 @@
 #pragma once
 
+#include <sys/types.h>
+
 #include <cstddef>
 #include <cstdint>
 #include <memory>
@@ -9,6 +11,10 @@
 #include "Vault/detail/ShmLayout.h"
 
 namespace Vault::Shm {
+
+// Segments owned by this group, besides the user's own, are served too.
+void trustedGroupIs(gid_t group);
+std::size_t staleSegmentsRemove(const std::string& prefix);
 
 // One mapped table segment. The writer creates it and removes it when it goes; readers open
 // it, after checking everything in its header that they will rely on.
@@ -61,6 +67,11 @@ class Segment {
       return reinterpret_cast<Waiter*>(base_ + geometry_.waitersOffset)[i];
    }
 
+   // The segment shrank under this mapping and the memory behind it is gone: what is mapped
+   // now is private zeros, so that no access faults, and none of it may be trusted. Stores
+   // check it after every operation.
+   bool lost() const;
+
    bool writerAlive() const;
    // Writer: removes the segment's name, so that no reader can map it any more and a new
    // writer may create it afresh. Whoever mapped it keeps the memory.
@@ -80,6 +91,7 @@ class Segment {
    bool owner_;
    bool linked_;
    int pokeFd_ = -1;
+   int guard_ = -1;
 };
 
 // A reader's doorbell: a datagram socket whose name it leaves in one of the segment's waiter

@@ -1,8 +1,10 @@
 #pragma once
 
+#include <algorithm>
 #include <chrono>
 #include <cstring>
 #include <functional>
+#include <iterator>
 #include <memory>
 #include <set>
 #include <string>
@@ -24,7 +26,10 @@ namespace Vault {
 //
 // Readers trust nothing they read: every record is taken under its sequence lock and checked
 // against its checksum, every index cell against the slot count, every loop is bounded. What
-// does not hold together throws StoreCorruption; a record being written is retried.
+// does not hold together throws StoreCorruption; a record being written is retried. The writer
+// trusts the segment no more than readers do, since any process that can write it can damage
+// it: its probes are bounded and check every cell they follow. A writer that found its segment
+// damaged reports it once and from then on neither reads nor writes it.
 template <class K, class V>
 requires ShmStorable<K> && ShmStorable<V>
 class ShmStore : public Store<K, V> {
@@ -48,23 +53,28 @@ class ShmStore : public Store<K, V> {
    bool find(const K& key, V& value) const override {
       std::uint64_t hash = hashOf(key);
       if (writable()) {
+         if (damaged_) return false;
          std::uint32_t slot = writerSlot(key, hash).slot;
+         lostCheck();
          if (slot == noSlot) return false;
          valueDecode(segment_->slotValue(slot), value);
          return true;
       }
+      bool found = false;
       if constexpr (std::is_same_v<StoredValue, V>) {
-         return readerFind(key, hash, value);
+         found = readerFind(key, hash, value);
       } else {
          StoredValue stored;
-         if (!readerFind(key, hash, stored)) return false;
-         ValueCodec::decode(stored, value);
-         return true;
+         found = readerFind(key, hash, stored);
+         if (found) ValueCodec::decode(stored, value);
       }
+      lostCheck();
+      return found;
    }
 
    bool put(const K& key, const V& value) override {
       BRIO_ASSERT(writable());
+      if (damaged_) return false;
       std::uint64_t hash = hashOf(key);
       Probe probe = writerSlot(key, hash);
       if (probe.slot != noSlot && valueOf(storedValue(probe.slot)) == value) {
@@ -81,8 +91,7 @@ class ShmStore : public Store<K, V> {
             throw TableFullException("table full: all " + std::to_string(geometry().capacity) +
                                      " entries in use");
          }
-         std::uint32_t slot = free_.back();
-         free_.pop_back();
+         std::uint32_t slot = slotTake();
          slotWrite(slot, true, storedKey, stored);
          if (Shm::cellSlot(probe.cell.load(std::memory_order_relaxed)) == Shm::deletedCell) {
             --deletedCells_;
@@ -93,11 +102,13 @@ class ShmStore : public Store<K, V> {
       }
       ringPush(storedKey);
       if (count_ + deletedCells_ > geometry().indexSize / 4 * 3) indexRebuild();
+      lostCheck();
       return true;
    }
 
    bool erase(const K& key) override {
       BRIO_ASSERT(writable());
+      if (damaged_) return false;
       Probe probe = writerSlot(key, hashOf(key));
       if (probe.slot == noSlot) return false;
       StoredKey storedKey = this->storedKey(probe.slot);
@@ -109,6 +120,7 @@ class ShmStore : public Store<K, V> {
       countIs(count_ - 1);
       if (ordered_) ordered_->erase(key);
       ringPush(storedKey);
+      lostCheck();
       return true;
    }
 
@@ -138,7 +150,13 @@ class ShmStore : public Store<K, V> {
       doorbell_->drain();
       std::unordered_set<K> batch;
       std::vector<K> changed;
-      for (;;) {
+      // A head that keeps moving (a busy writer, or a damaged one) is followed a few rounds,
+      // then left to the next call.
+      for (unsigned round = 0;; ++round) {
+         if (round == maxDrainRounds) {
+            doorbell_->ringSelf();
+            break;
+         }
          std::uint64_t head = segment_->header().ringHead.load(std::memory_order_acquire);
          if (head < cursor_ || head - cursor_ > geometry().ringSize) return resync(sink);
          std::uint64_t end = std::min(head, cursor_ + maxChangesPerDrain);
@@ -156,17 +174,14 @@ class ShmStore : public Store<K, V> {
          doorbell_->arm();
          if (segment_->header().ringHead.load(std::memory_order_seq_cst) == cursor_) break;
       }
-      for (const K& key : changed) {
-         if (ordered_) {
-            V value;
-            if (find(key, value)) {
-               ordered_->insert(key);
-            } else {
-               ordered_->erase(key);
-            }
-         }
-         sink.keyChanged(key);
+      lostCheck();
+      if (ordered_) orderedPending_.insert(orderedPending_.end(), changed.begin(), changed.end());
+      // Nobody walked in order for a whole table's worth of changes: a scan is cheaper then.
+      if (orderedPending_.size() > geometry().capacity) {
+         ordered_.reset();
+         orderedPending_.clear();
       }
+      for (const K& key : changed) sink.keyChanged(key);
    }
    int changeFd() const override { return doorbell_ ? doorbell_->fd() : -1; }
    void retire() override {
@@ -180,6 +195,10 @@ class ShmStore : public Store<K, V> {
    using Clock = std::chrono::steady_clock;
    static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
    static constexpr std::uint64_t maxChangesPerDrain = 4096;
+   static constexpr unsigned maxDrainRounds = 16;
+   // An index that keeps changing under a reader this often is not being rebuilt; it is
+   // being damaged.
+   static constexpr unsigned maxIndexRetries = 4096;
    static constexpr std::size_t keySpan = Shm::roundUp(sizeof(StoredKey), 8);
 
    struct Probe {
@@ -189,8 +208,6 @@ class ShmStore : public Store<K, V> {
 
    explicit ShmStore(std::unique_ptr<Shm::Segment> segment) : segment_(std::move(segment)) {
       if (writable()) {
-         free_.reserve(geometry().capacity);
-         for (std::uint32_t s = geometry().capacity; s-- > 0;) free_.push_back(s);
          head_ = segment_->header().ringHead.load(std::memory_order_relaxed);
       } else {
          cursor_ = segment_->header().ringHead.load(std::memory_order_acquire);
@@ -247,12 +264,27 @@ class ShmStore : public Store<K, V> {
       return (std::uint64_t(slot) << 1) | (live ? 1 : 0);
    }
 
-   // The writer's lookup: it is the only one changing the segment, so it reads plainly.
+   [[noreturn, gnu::cold, gnu::noinline]] void writerCorrupt(const std::string& what) const {
+      damaged_ = true;
+      throw StoreCorruption(what);
+   }
+
+   void lostCheck() const {
+      if (segment_->lost()) [[unlikely]] {
+         damaged_ = damaged_ || writable();
+         throw StoreCorruption("segment shrank under its mapping");
+      }
+   }
+
+   // The writer's lookup: it is the only one changing the segment, so it reads plainly. Every
+   // cell it follows must name a slot it handed out and that is live; a whole lap of the
+   // index without an empty cell cannot happen below the rebuild threshold.
    Probe writerSlot(const K& key, std::uint64_t hash) const {
       const std::uint64_t mask = geometry().indexSize - 1;
       const std::uint32_t tag = tagOf(hash);
       std::atomic<std::uint64_t>* firstDeleted = nullptr;
-      for (std::uint64_t i = hash & mask;; i = (i + 1) & mask) {
+      std::uint64_t i = hash & mask;
+      for (std::uint64_t n = 0; n <= mask; ++n, i = (i + 1) & mask) {
          auto& cell = segment_->cell(i);
          std::uint64_t c = cell.load(std::memory_order_relaxed);
          std::uint32_t s = Shm::cellSlot(c);
@@ -261,10 +293,28 @@ class ShmStore : public Store<K, V> {
             if (!firstDeleted) firstDeleted = &cell;
             continue;
          }
+         if (s > slotsUsed_ || segment_->slot(s - 1).live != 1) {
+            writerCorrupt("index cell " + std::to_string(i) + " names slot " +
+                          std::to_string(s - 1) + ", which is not in use");
+         }
          if (Shm::cellTag(c) == tag && keyOf(storedKey(s - 1)) == key) {
             return {s - 1, cell};
          }
       }
+      writerCorrupt("index has no empty cell");
+      __builtin_unreachable();
+   }
+
+   // Freed slots first, then the lowest never used, so that the slots in use stay at the
+   // bottom and nothing is kept per slot that was never used.
+   std::uint32_t slotTake() {
+      if (!free_.empty()) {
+         std::uint32_t slot = free_.back();
+         free_.pop_back();
+         return slot;
+      }
+      segment_->header().slotsUsed.store(slotsUsed_ + 1, std::memory_order_release);
+      return slotsUsed_++;
    }
 
    void slotWrite(std::uint32_t slot, bool live, const StoredKey& key, const StoredValue& value) {
@@ -310,15 +360,26 @@ class ShmStore : public Store<K, V> {
       for (std::uint64_t i = 0; i <= mask; ++i) {
          segment_->cell(i).store(Shm::emptyCell, std::memory_order_relaxed);
       }
-      for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
+      std::uint32_t live = 0;
+      StoredKey key;
+      StoredValue value;
+      for (std::uint32_t slot = 0; slot < slotsUsed_; ++slot) {
          if (!segment_->slot(slot).live) continue;
-         std::uint64_t hash = hashOf(keyOf(storedKey(slot)));
+         std::memcpy(&key, segment_->slotKey(slot), sizeof key);
+         std::memcpy(&value, segment_->slotValue(slot), sizeof value);
+         if (++live > count_ ||
+             segment_->slot(slot).checksum !=
+                 Shm::checksum(&key, sizeof key, &value, sizeof value, slotSeed(slot, true))) {
+            writerCorrupt("slot " + std::to_string(slot) + " changed behind the writer");
+         }
+         std::uint64_t hash = hashOf(keyOf(key));
          std::uint64_t i = hash & mask;
          while (segment_->cell(i).load(std::memory_order_relaxed) != Shm::emptyCell) {
             i = (i + 1) & mask;
          }
          segment_->cell(i).store(Shm::cellOf(tagOf(hash), slot), std::memory_order_relaxed);
       }
+      if (live != count_) writerCorrupt("live slots do not match the count");
       deletedCells_ = 0;
       seq.store(s + 2, std::memory_order_release);
    }
@@ -363,7 +424,10 @@ class ShmStore : public Store<K, V> {
          std::uint32_t flag = header.live;
          std::uint64_t sum = header.checksum;
          std::atomic_thread_fence(std::memory_order_acquire);
-         if (header.seq.load(std::memory_order_relaxed) != seq) continue;
+         if (header.seq.load(std::memory_order_relaxed) != seq) {
+            writerWait("slot ", slot, attempt, since);
+            continue;
+         }
          if (flag > 1 || sum != Shm::checksum(&key, sizeof key, &value, sizeof value,
                                               slotSeed(slot, flag == 1))) [[unlikely]] {
             badSlot(slot);
@@ -402,6 +466,7 @@ class ShmStore : public Store<K, V> {
          }
          std::atomic_thread_fence(std::memory_order_acquire);
          if (indexSeq.load(std::memory_order_relaxed) == seq) return false;
+         if (attempt > maxIndexRetries) throw StoreCorruption("index keeps changing");
       }
    }
 
@@ -422,7 +487,11 @@ class ShmStore : public Store<K, V> {
       StoredKey key;
       StoredValue value;
       bool live = false;
-      for (std::uint32_t slot = 0; slot < geometry().capacity; ++slot) {
+      const std::uint32_t used =
+          writable() ? slotsUsed_
+                     : std::min(segment_->header().slotsUsed.load(std::memory_order_acquire),
+                                geometry().capacity);
+      for (std::uint32_t slot = 0; slot < used; ++slot) {
          if (writable()) {
             if (segment_->slot(slot).live) keys.insert(keyOf(storedKey(slot)));
          } else if (slotRead(slot, key, value, live) && live) {
@@ -432,15 +501,35 @@ class ShmStore : public Store<K, V> {
       return keys;
    }
 
-   // Built on the first ordered walk, kept up to date from then on.
+   // Built on the first ordered walk and brought up to date by the walks after it, so that a
+   // reader pays for the order only when somebody walks, once per changed key.
    const std::set<K>& orderedKeys() const {
-      if (!ordered_) ordered_ = scan();
+      if (!ordered_) {
+         ordered_ = scan();
+         orderedPending_.clear();
+      }
+      if (orderedPending_.empty()) return *ordered_;
+      std::sort(orderedPending_.begin(), orderedPending_.end());
+      orderedPending_.erase(std::unique(orderedPending_.begin(), orderedPending_.end()),
+                            orderedPending_.end());
+      auto hint = ordered_->begin();
+      for (const K& key : orderedPending_) {
+         V value;
+         if (find(key, value)) {
+            hint = std::next(ordered_->insert(hint, key));
+         } else {
+            ordered_->erase(key);
+            hint = ordered_->lower_bound(key);
+         }
+      }
+      orderedPending_.clear();
       return *ordered_;
    }
 
    void resync(ChangeSink<K>& sink) {
       ++numResyncs_;
       cursor_ = segment_->header().ringHead.load(std::memory_order_acquire);
+      orderedPending_.clear();
       if (ordered_) ordered_ = scan();
       doorbell_->arm();
       if (segment_->header().ringHead.load(std::memory_order_seq_cst) != cursor_) {
@@ -452,6 +541,8 @@ class ShmStore : public Store<K, V> {
    std::unique_ptr<Shm::Segment> segment_;
    // Writer.
    std::vector<std::uint32_t> free_;
+   std::uint32_t slotsUsed_ = 0;
+   mutable bool damaged_ = false;
    std::uint32_t count_ = 0;
    std::uint32_t deletedCells_ = 0;
    std::uint64_t head_ = 0;
@@ -460,6 +551,8 @@ class ShmStore : public Store<K, V> {
    std::uint64_t cursor_ = 0;
    std::uint64_t numResyncs_ = 0;
    mutable std::optional<std::set<K>> ordered_;
+   // Keys drained since the last ordered walk, in any order and repeated.
+   mutable std::vector<K> orderedPending_;
 };
 
 }  // namespace Vault

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/wait.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <random>
 
@@ -147,23 +148,91 @@ void readAll(VersionTable& reader) {
    (void)reader.size();
 }
 
+// Whatever another process writes into the writer's own segment, the writer neither spins nor
+// strays out of bounds: it reports the damage once and leaves the segment alone from then on.
+TEST(VaultShmCorruption, DamageUnderTheWriterIsReportedOnceAndNeverSpunOn) {
+   auto expectDamageFound = [](const char* what, auto damage, const std::string& reason) {
+      std::string shmName = uniqueShmName("wdmg");
+      auto writer = filledWriter(shmName, 5);
+      int reports = 0;
+      std::string said;
+      writer->corruptionHandlerIs([&](const std::string& r) {
+         ++reports;
+         said = r;
+      });
+      RawSegment raw(shmName);
+      damage(raw, reinterpret_cast<Header*>(raw.bytes())->geometry);
+      EXPECT_THROW(writer->entryIs(99, 1), Brio::CorruptionDetectedException) << what;
+      EXPECT_NE(said.find(reason), std::string::npos) << what << ": " << said;
+      writer->entryIs(100, 1);
+      writer->entryDel(3);
+      EXPECT_EQ(writer->entry(6), 0u) << what;
+      EXPECT_EQ(reports, 1) << what;
+   };
+   auto cells = [](RawSegment& raw, const Vault::Shm::Geometry& g) {
+      return reinterpret_cast<std::uint64_t*>(raw.bytes() + g.indexOffset);
+   };
+   expectDamageFound(
+       "index of 0xFF",
+       [&](RawSegment& raw, const Vault::Shm::Geometry& g) {
+          std::memset(cells(raw, g), 0xFF, std::size_t(g.indexSize) * 8);
+       },
+       "index has no empty cell");
+   expectDamageFound(
+       "cells naming slots never used",
+       [&](RawSegment& raw, const Vault::Shm::Geometry& g) {
+          for (std::uint32_t i = 0; i < g.indexSize; ++i) cells(raw, g)[i] = g.capacity;
+       },
+       "not in use");
+}
+
+// A segment cut short under its writer and a reader: neither dies of the fault.
+TEST(VaultShmCorruption, ASegmentCutShortUnderItsMappingsIsCorruptionNotAFault) {
+   std::string shmName = uniqueShmName("trunc");
+   auto writer = filledWriter(shmName, 5);
+   auto reader = Vault::shmTableReaderNew<VersionTable>("status", shmName);
+   ASSERT_EQ(reader->entry(3), 1u);
+   int fd = ::shm_open(shmName.c_str(), O_RDWR, 0);
+   ASSERT_EQ(::ftruncate(fd, 0), 0);
+   ::close(fd);
+   EXPECT_THROW(reader->entry(3), Brio::CorruptionDetectedException);
+   EXPECT_THROW(writer->entryIs(3, 7), Brio::CorruptionDetectedException);
+   writer->entryIs(4, 7);
+   EXPECT_EQ(writer->entry(4), 0u);
+}
+
+std::uint64_t fuzzSeed() {
+   const char* env = std::getenv("VAULT_FUZZ_SEED");
+   std::uint64_t seed = env ? std::strtoull(env, nullptr, 0) : std::random_device()();
+   std::printf("fuzz seed %llu (VAULT_FUZZ_SEED to repeat)\n", (unsigned long long)seed);
+   return seed;
+}
+
+int fuzzIterations() {
+   const char* env = std::getenv("VAULT_FUZZ_ITERATIONS");
+   return env ? std::atoi(env) : 300;
+}
+
+void bitsFlip(std::mt19937_64& random, unsigned char* bytes, std::size_t size) {
+   int flips = 1 + static_cast<int>(random() % 8);
+   for (int f = 0; f < flips; ++f) {
+      // Half the damage goes into the header and the slots, where most of the checks are.
+      std::size_t span = random() % 2 ? std::min<std::size_t>(4096, size) : size;
+      bytes[random() % span] ^= static_cast<unsigned char>(1u << (random() % 8));
+   }
+}
+
 TEST(VaultShmCorruption, RandomlyDamagedSegmentsNeverCrashAReader) {
    std::string shmName = uniqueShmName("fuzz");
    auto writer = filledWriter(shmName, 20);
    for (std::uint64_t key = 3; key <= 30; key += 3) writer->entryDel(key);
    const auto good = RawSegment(shmName).copy();
-   const char* env = std::getenv("VAULT_FUZZ_ITERATIONS");
-   const int iterations = env ? std::atoi(env) : 300;
-   std::mt19937_64 random(20240601);
+   const int iterations = fuzzIterations();
+   std::mt19937_64 random(fuzzSeed());
    int mounted = 0;
    for (int i = 0; i < iterations; ++i) {
       auto bytes = good;
-      int flips = 1 + static_cast<int>(random() % 8);
-      for (int f = 0; f < flips; ++f) {
-         // Half the damage goes into the header and the slots, where most of the checks are.
-         std::size_t span = random() % 2 ? 4096 : bytes.size();
-         bytes[random() % span] ^= static_cast<unsigned char>(1u << (random() % 8));
-      }
+      bitsFlip(random, bytes.data(), bytes.size());
       headerOf(bytes).writerPid = 0;  // a half-written slot should not make the reader wait
       ShmCopy copy(bytes);
       Orb::Ptr<VersionTable> reader;
@@ -178,6 +247,41 @@ TEST(VaultShmCorruption, RandomlyDamagedSegmentsNeverCrashAReader) {
       readAll(*reader);
    }
    EXPECT_GT(mounted, 0);
+}
+
+// The writer's side: its own segment damaged in place between its changes. It may refuse to go
+// on, never crash or spin; a writer that refused is replaced by a fresh one.
+TEST(VaultShmCorruption, RandomlyDamagedSegmentsNeverCrashTheirWriter) {
+   const int iterations = fuzzIterations();
+   std::mt19937_64 random(fuzzSeed());
+   std::string shmName = uniqueShmName("wfuzz");
+   Orb::Ptr<VersionTable> writer;
+   std::unique_ptr<RawSegment> raw;
+   int refusals = 0;
+   for (int i = 0; i < iterations; ++i) {
+      if (!writer) {
+         writer = filledWriter(shmName, 20);
+         raw = std::make_unique<RawSegment>(shmName);
+      }
+      bitsFlip(random, raw->bytes(), raw->size());
+      try {
+         for (int op = 0; op < 4; ++op) {
+            std::uint64_t key = random() % 40;
+            if (random() % 3 == 0) {
+               writer->entryDel(key);
+            } else {
+               writer->entryIs(key, random());
+            }
+            writer->entry(random() % 40);
+         }
+      } catch (const Vault::TableFullException&) {
+      } catch (const Brio::CorruptionDetectedException&) {
+         ++refusals;
+         raw.reset();
+         writer.reset();
+      }
+   }
+   std::printf("writer refused %d of %d damaged segments\n", refusals, iterations);
 }
 
 }  // namespace
