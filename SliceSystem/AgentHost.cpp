@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <iostream>
+#include <map>
 #include <set>
 
 #include "Brio/Brio.h"
@@ -11,6 +12,7 @@
 #include "ChipModel/ModelHwPd.h"
 #include "ChipModel/ModelResourceInfo.h"
 #include "Vault/Errors.h"
+#include "Vault/ShmTable.h"
 
 namespace SliceSystem {
 
@@ -77,6 +79,13 @@ AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
       tripleMgrNew();
    } else {
       entityManager_ = Orb::ptrNew<Atlas::EntityManager>(options_.root, &loop_);
+      if (std::size_t n = Vault::shmStaleSegmentsRemove(entityManager_->shmName(""))) {
+         log("removed " + std::to_string(n) + " segments that dead processes left under the root");
+      }
+      entityManager_->corruptionHandlerIs(
+          [this](const std::string& path, const std::string& reason) {
+             handleSegmentDamage(path, reason);
+          });
       countersTable_ = entityManager_->mount<HostCountersTable>(options_.countersPath,
                                                                 Atlas::MountMode::writer, 4);
       handlePublicationProbe();
@@ -143,6 +152,11 @@ ChipMbbSlice::CliTableDir::TableMgrMap AgentHost::tableMgrs() const {
    return {{options_.tableInfoPath, tableMgr_}};
 }
 
+ChipMbbSlice::CliTableDir::TripleMgrMap AgentHost::tripleMgrs() const {
+   if (!tripleMgr_) return {};
+   return {{options_.tripleInfoPath, tripleMgr_}};
+}
+
 void AgentHost::tripleMgrNew() {
    tripleMgr_ = Orb::ptrNew<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm>(
        tripleMountInfo_, entityManager_, options_.supportedDevices, options_.sessHdl,
@@ -167,7 +181,7 @@ void AgentHost::triplePublicationProbe() {
    } catch (const Vault::MountException& e) {
       return;
    } catch (const Brio::CorruptionDetectedException& e) {
-      log(std::string("cannot read publication: ") + e.what());
+      badPublication(segment, e.what());
       return;
    }
    if (segmentId(entityManager_->shmName(path)) != segment) {
@@ -202,8 +216,78 @@ void AgentHost::triplePublicationRelease() {
    tripleInfoSegment_.reset();
 }
 
+void AgentHost::handleSegmentDamage(const std::string& path, const std::string& reason) {
+   if (!damagedPaths_.insert(path).second) return;
+   ++numDamagedSegments_;
+   log("segment of " + path + " damaged (" + reason + "); stopping its table");
+}
+
+namespace {
+
+bool entryUses(const ChipMbbShared::MatAdtSelTableConfigMountEntry& e, const std::string& path) {
+   for (const std::string* p :
+        {&e.matConfigPath(), &e.adtConfigPath(), &e.selGrpConfigPath(), &e.selMbrConfigPath(),
+         &e.matStatusPath(), &e.adtStatusPath(), &e.selGrpStatusPath(), &e.selMbrStatusPath()}) {
+      if (*p == path) return true;
+   }
+   return false;
+}
+
+bool entryUses(const ChipMbbShared::TableConfigMountEntry& e, const std::string& path) {
+   return e.configPath() == path || e.statusPath() == path;
+}
+
+}  // namespace
+
+// Out of the access that found the damage, which may be deep in an engine: the table goes as
+// if withdrawn. A segment the publisher writes is served again once it is replaced; one the
+// host writes itself was removed with the table and is made afresh at once.
+void AgentHost::damagedTablesStop() {
+   for (const std::string& path : damagedPaths_) {
+      if (path == options_.countersPath) {
+         entityManager_->unmount(path);
+         countersTable_ =
+             entityManager_->mount<HostCountersTable>(path, Atlas::MountMode::writer, 4);
+         continue;
+      }
+      auto stop = [&](auto& mgr, bool triple, const std::string& configPath, const auto& key) {
+         SegmentId config;
+         if (configPath == path) config = segmentId(entityManager_->shmName(configPath));
+         stoppedTables_.push_back({key, triple, configPath, config});
+         mgr->tableStop(key);
+      };
+      if (tableMgr_) {
+         for (const auto& [key, e] : std::map(tableMgr_->mountInfos())) {
+            if (entryUses(e, path)) stop(tableMgr_, false, e.configPath(), key);
+         }
+      }
+      if (tripleMgr_) {
+         for (const auto& [key, e] : std::map(tripleMgr_->mountInfos())) {
+            if (entryUses(e, path)) stop(tripleMgr_, true, e.matConfigPath(), key);
+         }
+      }
+   }
+   damagedPaths_.clear();
+}
+
+void AgentHost::damagedTablesRestart() {
+   std::vector<StoppedTable> waiting;
+   for (StoppedTable& t : stoppedTables_) {
+      if (t.configSegment && segmentId(entityManager_->shmName(t.configPath)) == t.configSegment) {
+         waiting.push_back(t);
+      } else if (t.triple && tripleMgr_) {
+         tripleMgr_->handleTableMount(t.key);
+      } else if (!t.triple && tableMgr_) {
+         tableMgr_->handleTableMount(t.key);
+      }
+   }
+   stoppedTables_ = std::move(waiting);
+}
+
 void AgentHost::handlePublicationProbe() {
    if (testmode()) return;
+   damagedTablesRestart();
+   damagedTablesStop();
    triplePublicationProbe();
    SegmentId segment = segmentId(entityManager_->shmName(options_.tableInfoPath));
    if (tableMountInfo_ && segment == tableInfoSegment_) return;
@@ -231,7 +315,7 @@ void AgentHost::publicationMount(const SegmentId& segment) {
    } catch (const Vault::MountException& e) {
       return;  // not all there yet; the next probe tries again
    } catch (const Brio::CorruptionDetectedException& e) {
-      log(std::string("cannot read publication: ") + e.what());
+      badPublication(segment, e.what());
       return;
    }
    // Replaced again while it was being mounted: start over at the next probe.
@@ -251,6 +335,14 @@ void AgentHost::publicationMount(const SegmentId& segment) {
       tableMgr_.reset();
       log("cannot serve publication " + options_.tableInfoPath + ": " + e.what());
    }
+}
+
+// Said once per segment: the probe meets it again every period until it is replaced.
+void AgentHost::badPublication(const SegmentId& segment, const std::string& reason) {
+   if (badPublications_.contains(segment)) return;
+   badPublications_.insert(segment);
+   ++numDamagedSegments_;
+   log("cannot read publication: " + reason);
 }
 
 void AgentHost::publicationRelease() {
@@ -274,6 +366,7 @@ HostCounters AgentHost::counters() const {
    c.pid = static_cast<std::uint32_t>(::getpid());
    c.publications = publications_;
    c.numHandlerFailures = numHandlerFailures_;
+   c.numDamagedSegments = numDamagedSegments_;
    c.numViolations = chip_.numViolations();
    if (tableMountInfo_) c.tablesPublished = static_cast<std::uint32_t>(tableMountInfo_->size());
    tripleCountersAdd(c);
@@ -331,6 +424,8 @@ void AgentHost::serve() {
       try {
          loop_.run();
          return;
+      } catch (const Brio::CorruptionDetectedException&) {
+         // Already reported by the damaged table's handler, and its table is being stopped.
       } catch (const std::exception& e) {
          handlerFailure(e.what());
       }

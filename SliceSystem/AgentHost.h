@@ -4,8 +4,10 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <utility>
+#include <vector>
 
 #include "Agent/CliServer.h"
 #include "Atlas/EntityManager.h"
@@ -133,11 +135,18 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    void tableMgrNew();
    void cliNew();
    TableMgrMap tableMgrs() const override;
+   TripleMgrMap tripleMgrs() const override;
    void tripleMgrNew();
    // Triples are announced in a collection of their own, served as the single tables' is.
    void triplePublicationProbe();
    void triplePublicationRelease();
    void tripleCountersAdd(HostCounters& c) const;
+   // A mounted segment found damaged: reported once, its table stopped at the next probe and
+   // offered again once the segment is a new one.
+   void handleSegmentDamage(const std::string& path, const std::string& reason);
+   void damagedTablesStop();
+   void badPublication(const SegmentId& segment, const std::string& reason);
+   void damagedTablesRestart();
 
    Keel::EventLoop& loop_;
    AgentHostOptions options_;
@@ -160,6 +169,18 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    std::uint32_t publications_ = 0;
    std::uint64_t seq_ = 0;
    std::uint64_t numHandlerFailures_ = 0;
+   std::uint64_t numDamagedSegments_ = 0;
+   // Damaged paths not yet acted on, and the tables stopped for them with the configuration
+   // segment they had then (empty when the damage was in a segment the host writes itself).
+   std::set<std::string> damagedPaths_;
+   struct StoppedTable {
+      ChipMbbShared::TableConfigMountKey key;
+      bool triple = false;
+      std::string configPath;
+      SegmentId configSegment;
+   };
+   std::vector<StoppedTable> stoppedTables_;
+   std::set<SegmentId> badPublications_;
    PeriodicTimer countersTimer_;
    PeriodicTimer probeTimer_;
    Orb::Ptr<ChipMbbSlice::CliCallback> cliCallback_;

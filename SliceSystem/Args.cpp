@@ -1,88 +1,68 @@
 #include "SliceSystem/Args.h"
 
+#include <cerrno>
+#include <cmath>
 #include <cstdlib>
+#include <iostream>
 
 namespace SliceSystem {
 
-Args::Args(int argc, char** argv) {
-   for (int i = 1; i < argc; ++i) {
-      std::string arg = argv[i];
-      if (arg.rfind("--", 0) != 0) {
-         error_ += "unexpected argument '" + arg + "'; ";
-         continue;
-      }
-      Item item;
-      item.name = arg.substr(2);
-      if (auto eq = item.name.find('='); eq != std::string::npos) {
-         item.value = item.name.substr(eq + 1);
-         item.name.resize(eq);
-         item.hasValue = true;
-      } else if (i + 1 < argc && std::string(argv[i + 1]).rfind("--", 0) != 0) {
-         item.value = argv[++i];
-         item.hasValue = true;
-      }
-      items_.push_back(item);
+namespace {
+
+bool countParse(const std::string& text, std::uint64_t& value) {
+   if (text.empty() || text.front() == '-' || text.front() == '+' || std::isspace(text.front())) {
+      return false;
    }
-}
-
-Args::Item* Args::find(const std::string& name) {
-   Item* found = nullptr;
-   for (Item& item : items_) {
-      if (item.name != name) continue;
-      item.used = true;
-      found = &item;
-   }
-   return found;
-}
-
-std::string Args::text(const std::string& name, const std::string& fallback) {
-   Item* item = find(name);
-   if (!item) return fallback;
-   if (!item->hasValue) error_ += "--" + name + " needs a value; ";
-   return item->value;
-}
-
-double Args::number(const std::string& name, double fallback) {
-   std::string value = text(name);
-   if (value.empty()) return fallback;
    char* end = nullptr;
-   double n = std::strtod(value.c_str(), &end);
-   if (*end != '\0') error_ += "--" + name + " wants a number, not '" + value + "'; ";
-   return n;
+   errno = 0;
+   value = std::strtoull(text.c_str(), &end, 0);
+   return errno == 0 && *end == '\0';
 }
 
-std::uint64_t Args::count(const std::string& name, std::uint64_t fallback) {
-   std::string value = text(name);
-   if (value.empty()) return fallback;
-   char* end = nullptr;
-   std::uint64_t n = std::strtoull(value.c_str(), &end, 0);
-   if (*end != '\0') error_ += "--" + name + " wants a count, not '" + value + "'; ";
-   return n;
+}  // namespace
+
+CLI::Validator numberIn(double min, double max) {
+   auto check = [min, max](std::string& text) -> std::string {
+      char* end = nullptr;
+      errno = 0;
+      double value = std::strtod(text.c_str(), &end);
+      if (text.empty() || *end != '\0' || errno != 0 || !std::isfinite(value)) {
+         return "'" + text + "' is not a finite number";
+      }
+      if (!(value >= min && value <= max)) {
+         return text + " is outside " + CLI::detail::to_string(min) + " to " +
+                CLI::detail::to_string(max);
+      }
+      return "";
+   };
+   return CLI::Validator(check, "NUMBER in [" + CLI::detail::to_string(min) + ", " +
+                                    CLI::detail::to_string(max) + "]");
 }
 
-std::vector<std::string> Args::texts(const std::string& name) {
-   std::vector<std::string> values;
-   for (Item& item : items_) {
-      if (item.name != name) continue;
-      item.used = true;
-      if (!item.hasValue) error_ += "--" + name + " needs a value; ";
-      values.push_back(item.value);
+CLI::Validator countIn(std::uint64_t min, std::uint64_t max) {
+   auto check = [min, max](std::string& text) -> std::string {
+      std::uint64_t value = 0;
+      if (!countParse(text, value)) return "'" + text + "' is not a whole number that fits";
+      if (value < min || value > max) {
+         return text + " is outside " + std::to_string(min) + " to " + std::to_string(max);
+      }
+      return "";
+   };
+   return CLI::Validator(check,
+                         "COUNT in [" + std::to_string(min) + ", " + std::to_string(max) + "]");
+}
+
+std::optional<int> argsParse(CLI::App& app, int argc, char** argv) {
+   try {
+      app.parse(argc, argv);
+   } catch (const CLI::CallForHelp&) {
+      std::cout << app.help();
+      return 0;
+   } catch (const CLI::ParseError& e) {
+      std::cerr << app.get_name() << ": " << e.what() << "\n" << app.help();
+      return 2;
    }
-   return values;
-}
-
-bool Args::flag(const std::string& name) {
-   Item* item = find(name);
-   if (item && item->hasValue) error_ += "--" + name + " takes no value; ";
-   return item != nullptr;
-}
-
-std::string Args::error() const {
-   std::string out = error_;
-   for (const Item& item : items_) {
-      if (!item.used) out += "unknown option --" + item.name + "; ";
-   }
-   return out;
+   return std::nullopt;
 }
 
 }  // namespace SliceSystem

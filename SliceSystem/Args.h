@@ -1,40 +1,23 @@
 #pragma once
 
+#include <CLI/CLI.hpp>
 #include <cstdint>
+#include <optional>
 #include <string>
-#include <vector>
 
 namespace SliceSystem {
 
-// The command line of the tools: "--name value" options, "--flag" switches and nothing else.
-// A malformed line is reported through error() rather than thrown, so mains print it with
-// their usage.
-class Args {
- public:
-   Args(int argc, char** argv);
+// The tools' command lines go through CLI11. Its own range check lets "nan" through and its
+// integer conversion silently narrows, so every number a tool takes is checked here instead:
+// finite, written in full, and inside the range the option allows.
 
-   // Takes the value of an option given once; `fallback` when it is absent.
-   std::string text(const std::string& name, const std::string& fallback = "");
-   double number(const std::string& name, double fallback);
-   std::uint64_t count(const std::string& name, std::uint64_t fallback);
-   // Every value of an option that may repeat.
-   std::vector<std::string> texts(const std::string& name);
-   bool flag(const std::string& name);
+// Accepts a finite number in [min, max].
+CLI::Validator numberIn(double min, double max);
+// Accepts a whole number (decimal or C notation) in [min, max], refusing what overflows.
+CLI::Validator countIn(std::uint64_t min, std::uint64_t max);
 
-   // What was not understood: unknown options, missing values, bad numbers.
-   std::string error() const;
-
- private:
-   struct Item {
-      std::string name;
-      std::string value;
-      bool hasValue = false;
-      bool used = false;
-   };
-   Item* find(const std::string& name);
-
-   std::vector<Item> items_;
-   std::string error_;
-};
+// Parses the command line; the exit status to end with when the tool should not go on (0 after
+// --help, 2 with the error and the usage on stderr after a bad line).
+std::optional<int> argsParse(CLI::App& app, int argc, char** argv);
 
 }  // namespace SliceSystem

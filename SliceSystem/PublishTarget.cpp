@@ -3,6 +3,7 @@
 #include "Brio/Brio.h"
 #include "SliceSystem/AgentHost.h"
 #include "Vault/Errors.h"
+#include "Vault/ShmTable.h"
 
 namespace SliceSystem {
 
@@ -14,6 +15,8 @@ ShmPublishTarget::ShmPublishTarget(Keel::EventLoop& loop, const std::string& roo
       entityManager_(root, &loop),
       countersPath_(countersPath),
       tripleInfoPath_(tripleInfoPath) {
+   // What a publisher or host that died left under the root goes before anything is made.
+   Vault::shmStaleSegmentsRemove(entityManager_.shmName(""));
    tableMountInfo_ = entityManager_.mount<ChipMbbShared::TableConfigMountInfo>(
        tableInfoPath, Atlas::MountMode::writer, 64);
 }

@@ -8,6 +8,8 @@
 #include <memory>
 #include <unordered_set>
 
+#include <zlib.h>
+
 namespace SliceSystem {
 
 std::uint64_t mix64(std::uint64_t x) {
@@ -49,21 +51,6 @@ bool routeParse(const std::string& line, Route& route) {
    return true;
 }
 
-struct PipeCloser {
-   void operator()(FILE* f) const { pclose(f); }
-};
-
-bool endsWith(const std::string& s, const std::string& suffix) {
-   return s.size() >= suffix.size() &&
-          s.compare(s.size() - suffix.size(), suffix.size(), suffix) == 0;
-}
-
-std::string shellQuoted(const std::string& s) {
-   std::string out = "'";
-   for (char c : s) out += c == '\'' ? std::string("'\\''") : std::string(1, c);
-   return out + "'";
-}
-
 }  // namespace
 
 bool routesFromFile(const std::string& path, std::size_t count, std::vector<Route>& routes,
@@ -72,16 +59,8 @@ bool routesFromFile(const std::string& path, std::size_t count, std::vector<Rout
       error = "cannot read " + path;
       return false;
    }
-   std::unique_ptr<FILE, PipeCloser> pipe;
-   std::unique_ptr<FILE, int (*)(FILE*)> file(nullptr, fclose);
-   FILE* in = nullptr;
-   if (endsWith(path, ".gz")) {
-      pipe.reset(popen(("gzip -dc " + shellQuoted(path) + " 2>/dev/null").c_str(), "r"));
-      in = pipe.get();
-   } else {
-      file.reset(std::fopen(path.c_str(), "r"));
-      in = file.get();
-   }
+   // zlib reads a plain file as it is, so one reader serves both.
+   std::unique_ptr<gzFile_s, int (*)(gzFile)> in(gzopen(path.c_str(), "rb"), gzclose);
    if (!in) {
       error = "cannot open " + path;
       return false;
@@ -89,10 +68,16 @@ bool routesFromFile(const std::string& path, std::size_t count, std::vector<Rout
    std::unordered_set<std::uint64_t> keys;
    char buf[256];
    Route route;
-   while (routes.size() < count && std::fgets(buf, sizeof buf, in)) {
+   while (routes.size() < count && gzgets(in.get(), buf, sizeof buf)) {
       std::string line(buf);
       while (!line.empty() && (line.back() == '\n' || line.back() == '\r')) line.pop_back();
       if (routeParse(line, route) && keys.insert(route.key()).second) routes.push_back(route);
+   }
+   int status = Z_OK;
+   gzerror(in.get(), &status);
+   if (status != Z_OK && status != Z_STREAM_END) {
+      error = path + " is damaged: " + gzerror(in.get(), &status);
+      return false;
    }
    if (routes.empty()) {
       error = "no prefixes in " + path;

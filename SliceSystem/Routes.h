@@ -22,7 +22,7 @@ struct Route {
 };
 
 // Reads up to `count` prefixes in CIDR form, one per line ("10.0.0.0/8", "2001:db8::/32"),
-// from a text file or a gzip file (read through `gzip -dc`). Lines that do not parse are
+// from a text file or a gzip file (read with zlib). Lines that do not parse are
 // skipped. False, with the reason in `error`, when the file cannot be read at all.
 bool routesFromFile(const std::string& path, std::size_t count, std::vector<Route>& routes,
                     std::string& error);

@@ -1,6 +1,7 @@
 #include "SliceSystem/TableRequests.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cstdlib>
 
 namespace SliceSystem {
@@ -47,14 +48,16 @@ bool tableSpecsFor(const ChipModel::ChipProfile& profile, const std::vector<std:
       }
       std::uint32_t entries = defaultFor(*table);
       if (name.size() < request.size()) {
+         const char* text = request.c_str() + name.size() + 1;
          char* end = nullptr;
-         entries =
-             static_cast<std::uint32_t>(std::strtoul(request.c_str() + name.size() + 1, &end, 0));
-         if (*end != '\0' || entries > table->size) {
+         errno = 0;
+         const unsigned long long count = std::strtoull(text, &end, 0);
+         if (*text == '-' || *end != '\0' || end == text || errno != 0 || count > table->size) {
             error = "bad entry count in '" + request + "' (table size " +
                     std::to_string(table->size) + ")";
             return false;
          }
+         entries = static_cast<std::uint32_t>(count);
       }
       specs.push_back(specOf(*table, entries));
    }

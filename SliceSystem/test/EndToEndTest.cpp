@@ -37,10 +37,13 @@ std::vector<std::string> segmentsUnder(const std::string& root) {
 // The agent host binary on its own root, its output kept in a file.
 class HostProcess {
  public:
-   HostProcess() {
+   explicit HostProcess(std::string root = "") : root_(std::move(root)) {
       static int serial = 0;
-      root_ = "e2e-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
-      logPath_ = (std::filesystem::temp_directory_path() / (root_ + ".log")).string();
+      if (root_.empty())
+         root_ = "e2e-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
+      logPath_ = (std::filesystem::temp_directory_path() /
+                  (root_ + "." + std::to_string(++serial) + ".log"))
+                     .string();
       pid_ = ::fork();
       if (pid_ == 0) {
          int fd = ::open(logPath_.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
@@ -75,6 +78,16 @@ class HostProcess {
       ::waitpid(pid_, &status_, 0);
       exited_ = true;
       return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+   }
+   // Exit status once it ended by itself; -1 when it did not exit normally.
+   int wait() {
+      ::waitpid(pid_, &status_, 0);
+      exited_ = true;
+      return WIFEXITED(status_) ? WEXITSTATUS(status_) : -1;
+   }
+   void kill() {
+      ::kill(pid_, SIGKILL);
+      wait();
    }
    std::string log() const {
       std::ifstream in(logPath_);
@@ -180,6 +193,31 @@ TEST(EndToEnd, PublisherDyingMidWayLeavesTheHostServingAndItsSuccessorConverges)
    EXPECT_EQ(report.host->numViolations, 0u);
    EXPECT_EQ(host.stop(), 0) << host.log();
    EXPECT_NE(host.log().find("replaced"), std::string::npos) << host.log();
+}
+
+// A second host on a root in use says why and leaves; a host killed outright leaves its
+// segments behind, and the next host on the root removes them before it starts.
+TEST(EndToEnd, OneHostPerRootAndNothingLeftBehindByOneThatWasKilled) {
+   HostProcess first;
+   for (int i = 0; i < 500 && segmentsUnder(first.root()).empty(); ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+   }
+   ASSERT_FALSE(segmentsUnder(first.root()).empty()) << first.log();
+   HostProcess second(first.root());
+   EXPECT_EQ(second.wait(), 1) << second.log();
+   EXPECT_NE(second.log().find("already has a writer that is running"), std::string::npos)
+       << second.log();
+   first.kill();
+   const std::size_t left = segmentsUnder(first.root()).size();
+   EXPECT_GT(left, 0u);
+   HostProcess third(first.root());
+   for (int i = 0; i < 500 && third.log().find("slicehost: pid") == std::string::npos; ++i) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+   }
+   EXPECT_EQ(third.stop(), 0) << third.log();
+   EXPECT_NE(third.log().find("removed " + std::to_string(left) + " segments"), std::string::npos)
+       << third.log();
+   EXPECT_EQ(segmentsUnder(first.root()), std::vector<std::string>());
 }
 
 }  // namespace

@@ -1,7 +1,9 @@
 #include <gtest/gtest.h>
 
-#include "SliceSystem/Args.h"
+#include <algorithm>
+
 #include "SliceSystem/HostCounters.h"
+#include "SliceSystem/PublisherArgs.h"
 #include "SliceSystem/StatusWatch.h"
 
 namespace {
@@ -48,29 +50,52 @@ TEST(StatusWatch, KeysLeaveWhenTheirStatusShowsTheExpectedOpIdOrIsGoneForDeletes
    EXPECT_EQ(watch.numOutstanding(), 0u);
 }
 
-TEST(Args, OptionsFlagsAndWhatIsNotUnderstood) {
-   const char* argv[] = {"tool",      "--root",        "r1",   "--table", "a:10",
-                         "--table=b", "--churn",       "0.25", "--quiet", "--entries",
-                         "0x10",      "--crash-after", "x",    "--bogus", "--timeout"};
-   SliceSystem::Args args(sizeof argv / sizeof *argv, const_cast<char**>(argv));
-   EXPECT_EQ(args.text("root"), "r1");
-   EXPECT_EQ(args.texts("table"), (std::vector<std::string>{"a:10", "b"}));
-   EXPECT_DOUBLE_EQ(args.number("churn", 0.1), 0.25);
-   EXPECT_TRUE(args.flag("quiet"));
-   EXPECT_FALSE(args.flag("in-process"));
-   EXPECT_EQ(args.count("entries", 5), 16u);
-   EXPECT_EQ(args.count("seed", 7), 7u);
-   args.count("crash-after", 0);
-   args.number("timeout", 1);
-   std::string error = args.error();
-   EXPECT_NE(error.find("--crash-after wants a count"), std::string::npos) << error;
-   EXPECT_NE(error.find("unknown option --bogus"), std::string::npos) << error;
-   EXPECT_NE(error.find("--timeout needs a value"), std::string::npos) << error;
-
-   const char* good[] = {"tool", "--root", "r"};
-   SliceSystem::Args clean(3, const_cast<char**>(good));
-   EXPECT_EQ(clean.text("root"), "r");
-   EXPECT_EQ(clean.error(), "");
+// Every number a tool takes is refused unless it is finite, whole where a count is meant, and
+// inside its range; a count that would wrap into the option's type is refused, not narrowed.
+TEST(Args, NumbersAreCheckedBeforeTheyAreTaken) {
+   auto parse = [](std::vector<std::string> words, std::string& error) {
+      CLI::App app{"", "tool"};
+      SliceSystem::PublisherArgs pub;
+      SliceSystem::publisherArgsAdd(app, pub);
+      std::reverse(words.begin(), words.end());
+      error.clear();
+      try {
+         app.parse(words);
+      } catch (const CLI::ParseError& e) {
+         error = e.what();
+      }
+      return pub;
+   };
+   std::string error;
+   auto pub = parse({"--entries", "0x10", "--table", "a:10", "--table", "b", "--timeout", "2.5",
+                     "--instance-id", "65535", "--ecmp", "--ecmp-order", "shuffled"},
+                    error);
+   EXPECT_EQ(error, "");
+   EXPECT_EQ(pub.entries, 16u);
+   EXPECT_EQ(pub.tables, (std::vector<std::string>{"a:10", "b"}));
+   EXPECT_DOUBLE_EQ(pub.options.timeout, 2.5);
+   EXPECT_EQ(pub.options.instanceId, 65535);
+   EXPECT_TRUE(pub.ecmp);
+   for (std::vector<std::string> bad : {std::vector<std::string>{"--timeout", "nan"},
+                                        {"--timeout", "inf"},
+                                        {"--timeout", "-1"},
+                                        {"--churn", "1.5"},
+                                        {"--entries", "4294967297"},
+                                        {"--entries", "-1"},
+                                        {"--entries", "12x"},
+                                        {"--instance-id", "65536"},
+                                        {"--seed", "18446744073709551616"},
+                                        {"--ecmp-order", "sideways"},
+                                        {"--bogus"}}) {
+      parse(bad, error);
+      EXPECT_NE(error, "") << bad[0] << " " << (bad.size() > 1 ? bad[1] : "");
+   }
+   // A table's own count is held to the table, also where it would wrap.
+   pub = parse({"--table", "ipv4_host:4294967297"}, error);
+   SliceSystem::PublisherOptions options;
+   EXPECT_FALSE(SliceSystem::publisherOptionsFor(pub, ChipModel::ChipProfile::defaultProfile(),
+                                                 options, error));
+   EXPECT_NE(error.find("bad entry count"), std::string::npos) << error;
 }
 
 TEST(HostCounters, TextCountsEveryDeleteOnceAndNamesTheDeadlockBreaks) {

@@ -9,6 +9,7 @@
 
 #include <signal.h>
 #include <sys/mman.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -36,15 +37,6 @@
 
 namespace {
 
-const char* usage =
-    "usage: slicedemo [--help] [--in-process | --audit] [--no-crash] [--profile chip.json]\n"
-    "                 [publisher options]\n"
-    "  --in-process  host and publisher in this one process (test mode, in-memory tables)\n"
-    "  --audit       only the audit part: churn, then injected faults, audited every 50 ms\n"
-    "  --no-crash    leave out the publisher that dies mid-way\n"
-    "  --no-ecmp     leave out the ECMP triple (published unless this is given)\n"
-    "publisher options, passed on to slicepub:\n";
-
 void say(const std::string& line) {
    std::cout << "slicedemo: " << line << std::endl;
 }
@@ -53,6 +45,8 @@ pid_t spawn(const std::string& path, const std::vector<std::string>& args) {
    std::cout << std::flush;
    pid_t pid = ::fork();
    if (pid != 0) return pid;
+   // The host and the publishers stop (and clean up) when the demo dies, however it dies.
+   ::prctl(PR_SET_PDEATHSIG, SIGTERM);
    sigset_t none;
    sigemptyset(&none);
    sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -329,38 +323,36 @@ int twoProcesses(const std::vector<std::string>& passOn,
 }  // namespace
 
 int main(int argc, char** argv) {
+   CLI::App app{
+       "The whole system on the default chip and the routing table snapshot: an agent "
+       "host, a publisher that dies mid-way, one that replaces it, then the audit. "
+       "The publisher options are passed on to slicepub.",
+       "slicedemo"};
+   bool local = false;
+   bool auditOnly = false;
+   bool noCrash = false;
+   bool noEcmp = false;
+   std::string profilePath;
+   app.add_flag("--in-process", local,
+                "host and publisher in this one process (test mode, in-memory tables)");
+   app.add_flag("--audit", auditOnly,
+                "only the audit part: churn, then injected faults, audited every 50 ms")
+       ->excludes("--in-process");
+   app.add_flag("--no-crash", noCrash, "leave out the publisher that dies mid-way");
+   app.add_flag("--no-ecmp", noEcmp, "leave out the ECMP triple (published unless this is given)");
+   app.add_option("--profile", profilePath, "chip profile (JSON; default: the built-in one)");
+   SliceSystem::PublisherArgs pubArgs;
+   SliceSystem::publisherArgsAdd(app, pubArgs);
+   if (auto status = SliceSystem::argsParse(app, argc, argv)) return *status;
    // The triple goes with the single tables unless asked otherwise; the publishers are told so.
-   std::vector<char*> argvEcmp(argv, argv + argc);
-   bool withEcmp = true;
-   for (int i = 1; i < argc; ++i) {
-      std::string arg = argv[i];
-      if (arg == "--no-ecmp" || arg == "--ecmp") withEcmp = false;
-   }
-   static char ecmpFlag[] = "--ecmp";
-   if (withEcmp) argvEcmp.push_back(ecmpFlag);
-   argc = static_cast<int>(argvEcmp.size());
-   argv = argvEcmp.data();
-   SliceSystem::Args args(argc, argv);
-   if (args.flag("help")) {
-      std::cout << usage << SliceSystem::publisherArgsUsage;
-      return 0;
-   }
-   bool local = args.flag("in-process");
-   bool auditOnly = args.flag("audit");
-   bool crash = !args.flag("no-crash");
-   args.flag("no-ecmp");
-   std::string profilePath = args.text("profile");
+   const bool passEcmp = !noEcmp && !pubArgs.ecmp;
+   pubArgs.ecmp = pubArgs.ecmp || !noEcmp;
    ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
-   std::string error;
-   if (!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, profile, error)) {
-      std::cerr << "slicedemo: " << error << "\n";
-      return 2;
-   }
    SliceSystem::PublisherOptions options;
-   bool parsed = SliceSystem::publisherOptionsParse(args, profile, options, error);
-   if (!parsed || !args.error().empty()) {
-      std::cerr << "slicedemo: " << (parsed ? args.error() : error) << "\n"
-                << usage << SliceSystem::publisherArgsUsage;
+   std::string error;
+   if ((!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, profile, error)) ||
+       !SliceSystem::publisherOptionsFor(pubArgs, profile, options, error)) {
+      std::cerr << "slicedemo: " << error << "\n";
       return 2;
    }
    if (auditOnly) return auditDemo(profile, options);
@@ -370,6 +362,7 @@ int main(int argc, char** argv) {
       return std::max(status, auditDemo(profile, options));
    }
    std::vector<std::string> passOn;
+   if (passEcmp) passOn.push_back("--ecmp");
    for (int i = 1; i < argc; ++i) {
       std::string arg = argv[i];
       if (arg == "--in-process" || arg == "--no-crash" || arg == "--audit" || arg == "--no-ecmp")
@@ -381,6 +374,6 @@ int main(int argc, char** argv) {
       if (arg.rfind("--profile=", 0) == 0) continue;
       passOn.push_back(arg);
    }
-   const int status = twoProcesses(passOn, options, profilePath, crash);
+   const int status = twoProcesses(passOn, options, profilePath, !noCrash);
    return std::max(status, auditDemo(profile, options));
 }

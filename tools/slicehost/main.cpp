@@ -1,6 +1,7 @@
 // The agent host: serves the single match tables that a feature agent publishes under a root,
 // programming them into the chip model, until SIGINT or SIGTERM. SIGUSR1 prints the status.
 
+#include <grp.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -14,23 +15,18 @@
 #include "SliceSystem/Args.h"
 #include "SliceSystem/FaultOption.h"
 #include "SliceSystem/SignalWatch.h"
+#include "Vault/ShmTable.h"
 
 namespace {
 
-const char* usage =
-    "usage: slicehost --root NAME [--profile chip.json] [--table-info PATH]\n"
-    "                 [--sync-gen-time T] [--status-interval SECONDS]\n"
-    "                 [--audit-interval SECONDS] [--audit-hardware] [--fault FAULT]...\n"
-    "  Serves the tables announced in the mount-info collection PATH (default mbb/tableInfo)\n"
-    "  of the shared tables under NAME, and the triples announced in mbb/tripleInfo, and\n"
-    "  writes its counters to mbb/hostCounters.\n"
-    "  Prints a status line every SECONDS (default 1) when something changed, on SIGUSR1,\n"
-    "  and when it stops on SIGINT or SIGTERM.\n"
-    "  The audit of the tables runs every --audit-interval seconds (default 30);\n"
-    "  --audit-hardware also compares every entry with what the chip holds.\n"
-    "  --fault KIND:TABLE:HANDLE[:INDEX[:SUB]][@SECONDS] changes the chip model behind the\n"
-    "  slice's back SECONDS after start: drop an entry, corrupt its data, or add a stray one\n"
-    "  (at INDEX); on an ADT HANDLE is the member handle, on a selector INDEX:SUB the member.\n";
+const char* description =
+    "The agent host: serves the tables announced in the mount-info collection --table-info\n"
+    "(default mbb/tableInfo) of the shared tables under --root, and the triples announced in\n"
+    "mbb/tripleInfo, and writes its counters to mbb/hostCounters. Prints a status line every\n"
+    "--status-interval seconds when something changed, on SIGUSR1, and when it stops on\n"
+    "SIGINT or SIGTERM.";
+
+constexpr double maxSeconds = 86400;
 
 // Prints the status line when it says something new, and always when asked.
 class StatusPrinter : public Keel::TimerWheel::Timer {
@@ -71,39 +67,8 @@ class FaultTimer : public Keel::TimerWheel::Timer {
    ChipModel::Fault fault_;
 };
 
-}  // namespace
-
-int main(int argc, char** argv) {
-   SliceSystem::Args args(argc, argv);
-   if (args.flag("help")) {
-      std::cout << usage;
-      return 0;
-   }
-   SliceSystem::AgentHostOptions options;
-   options.root = args.text("root");
-   options.tableInfoPath = args.text("table-info", options.tableInfoPath);
-   options.syncGenTime = args.number("sync-gen-time", options.syncGenTime);
-   std::string profilePath = args.text("profile");
-   Orb::Seconds statusInterval = args.number("status-interval", 1.0);
-   options.auditInterval = args.number("audit-interval", options.auditInterval);
-   options.auditHardware = args.flag("audit-hardware");
-   std::vector<SliceSystem::TimedFault> faults;
-   std::string error;
-   for (const std::string& text : args.texts("fault")) {
-      SliceSystem::TimedFault timed;
-      if (!SliceSystem::faultOptionParse(text, timed, error)) break;
-      faults.push_back(timed);
-   }
-   if (error.empty()) error = args.error();
-   if (!error.empty() || options.root.empty()) {
-      std::cerr << (error.empty() ? "--root is required" : error) << "\n" << usage;
-      return 2;
-   }
-   if (!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, options.profile, error)) {
-      std::cerr << "slicehost: " << error << "\n";
-      return 2;
-   }
-
+int serve(const SliceSystem::AgentHostOptions& options, Orb::Seconds statusInterval,
+          const std::vector<SliceSystem::TimedFault>& faults) {
    Keel::EventLoop loop;
    StatusPrinter* printer = nullptr;
    SliceSystem::SignalWatch signals(loop, {SIGINT, SIGTERM, SIGUSR1}, [&](int signo) {
@@ -127,4 +92,64 @@ int main(int argc, char** argv) {
    statusPrinter.print(true);
    std::cout << "slicehost: stopped" << std::endl;
    return 0;
+}
+}  // namespace
+
+int main(int argc, char** argv) {
+   CLI::App app{description, "slicehost"};
+   SliceSystem::AgentHostOptions options;
+   std::string profilePath;
+   Orb::Seconds statusInterval = 1.0;
+   std::vector<std::string> faultTexts;
+   app.add_option("--root", options.root, "root of the shared tables")->required();
+   app.add_option("--profile", profilePath, "chip profile (JSON; default: the built-in one)");
+   app.add_option("--table-info", options.tableInfoPath, "the mount-info collection to serve");
+   app.add_option("--sync-gen-time", options.syncGenTime, "generation time of a sync")
+       ->check(SliceSystem::numberIn(0, 1e12));
+   app.add_option("--status-interval", statusInterval,
+                  "seconds between status lines (0: only on SIGUSR1 and at the end)")
+       ->check(SliceSystem::numberIn(0, maxSeconds));
+   app.add_option("--audit-interval", options.auditInterval,
+                  "start an audit of the served tables every S seconds (default 30)")
+       ->check(SliceSystem::numberIn(0.001, maxSeconds));
+   app.add_flag("--audit-hardware", options.auditHardware,
+                "the audit also compares every entry with what the chip holds");
+   std::string group;
+   app.add_option("--group", group,
+                  "also serve segments owned by this group (default: only this user's)");
+   app.add_option("--fault", faultTexts,
+                  "KIND:TABLE:HANDLE[:INDEX[:SUB]][@SECONDS] (repeatable): SECONDS after start, "
+                  "change the chip model behind the slice's back: drop an entry, corrupt its "
+                  "data, or add a stray one (at INDEX); on an ADT HANDLE is the member handle, "
+                  "on a selector INDEX:SUB the member");
+   if (auto status = SliceSystem::argsParse(app, argc, argv)) return *status;
+   std::vector<SliceSystem::TimedFault> faults;
+   std::string error;
+   for (const std::string& text : faultTexts) {
+      SliceSystem::TimedFault timed;
+      if (!SliceSystem::faultOptionParse(text, timed, error)) {
+         std::cerr << "slicehost: --fault: " << error << "\n";
+         return 2;
+      }
+      faults.push_back(timed);
+   }
+   if (!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, options.profile, error)) {
+      std::cerr << "slicehost: " << error << "\n";
+      return 2;
+   }
+   if (!group.empty()) {
+      const struct group* entry = ::getgrnam(group.c_str());
+      if (!entry) {
+         std::cerr << "slicehost: no group '" << group << "'\n";
+         return 2;
+      }
+      Vault::shmTrustedGroupIs(entry->gr_gid);
+   }
+   try {
+      return serve(options, statusInterval, faults);
+   } catch (const std::exception& e) {
+      // Another host on the root, a root this user may not use, ...
+      std::cerr << "slicehost: cannot serve " << options.root << ": " << e.what() << "\n";
+      return 1;
+   }
 }

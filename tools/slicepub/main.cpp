@@ -1,6 +1,8 @@
 // The publisher: announces single match tables under a root, fills them with routes, churns
 // them, waits each time until the agent host has every change in hardware, and reports.
 
+#include <signal.h>
+
 #include <iostream>
 
 #include "ChipModel/ChipProfile.h"
@@ -9,49 +11,55 @@
 #include "SliceSystem/PublishTarget.h"
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/PublisherArgs.h"
-
-namespace {
-
-const char* usage =
-    "usage: slicepub --root NAME [--profile chip.json] [--table-info PATH] [--quiet] [options]\n";
-
-}  // namespace
+#include "SliceSystem/SignalWatch.h"
 
 int main(int argc, char** argv) {
-   SliceSystem::Args args(argc, argv);
-   bool help = args.flag("help");
-   std::string root = args.text("root");
-   std::string profilePath = args.text("profile");
-   std::string tableInfoPath = args.text("table-info", "mbb/tableInfo");
-   bool quiet = args.flag("quiet");
+   CLI::App app{
+       "One publisher run: announces tables under a root, publishes, churns and re-adds, "
+       "waiting each time until the agent host has every change in hardware. Exit "
+       "status 0 when everything converged with statuses equal to configurations.",
+       "slicepub"};
+   std::string root;
+   std::string profilePath;
+   std::string tableInfoPath = "mbb/tableInfo";
+   bool quiet = false;
+   app.add_option("--root", root, "root of the shared tables")->required();
+   app.add_option("--profile", profilePath, "chip profile (JSON; default: the built-in one)");
+   app.add_option("--table-info", tableInfoPath, "the mount-info collection to announce in");
+   app.add_flag("--quiet", quiet, "no progress lines");
+   SliceSystem::PublisherArgs pubArgs;
+   SliceSystem::publisherArgsAdd(app, pubArgs);
+   if (auto status = SliceSystem::argsParse(app, argc, argv)) return *status;
    ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
-   std::string error;
-   if (!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, profile, error)) {
-      std::cerr << "slicepub: " << error << "\n";
-      return 2;
-   }
    SliceSystem::PublisherOptions options;
-   bool parsed = SliceSystem::publisherOptionsParse(args, profile, options, error);
-   if (help) {
-      std::cout << usage << SliceSystem::publisherArgsUsage;
-      return 0;
-   }
-   if (!parsed || !args.error().empty() || root.empty()) {
-      std::cerr << "slicepub: "
-                << (!parsed        ? error
-                    : root.empty() ? "--root is required"
-                                   : args.error())
-                << "\n"
-                << usage << SliceSystem::publisherArgsUsage;
+   std::string error;
+   if ((!profilePath.empty() && !ChipModel::chipProfileLoad(profilePath, profile, error)) ||
+       !SliceSystem::publisherOptionsFor(pubArgs, profile, options, error)) {
+      std::cerr << "slicepub: " << error << "\n";
       return 2;
    }
    if (!quiet)
       options.log = [](const std::string& line) { std::cout << "slicepub: " << line << std::endl; };
 
+   // SIGINT and SIGTERM alike unwind the run, so that its segments go with it.
+   struct Stopped {
+      int signo;
+   };
    Keel::EventLoop loop;
-   SliceSystem::ShmPublishTarget target(loop, root, tableInfoPath);
-   SliceSystem::Publisher publisher(target, options);
-   SliceSystem::PublisherReport report = publisher.run();
-   std::cout << "slicepub report (root " << root << "):\n" << report.text() << std::flush;
-   return report.ok() ? 0 : 1;
+   SliceSystem::SignalWatch signals(loop, {SIGINT, SIGTERM},
+                                    [](int signo) { throw Stopped{signo}; });
+   try {
+      SliceSystem::ShmPublishTarget target(loop, root, tableInfoPath);
+      SliceSystem::Publisher publisher(target, options);
+      SliceSystem::PublisherReport report = publisher.run();
+      std::cout << "slicepub report (root " << root << "):\n" << report.text() << std::flush;
+      return report.ok() ? 0 : 1;
+   } catch (const Stopped& stopped) {
+      std::cerr << "slicepub: stopped by signal " << stopped.signo << "\n";
+      return 128 + stopped.signo;
+   } catch (const std::exception& e) {
+      // Another publisher on the root, a segment of another user, ...
+      std::cerr << "slicepub: cannot publish under " << root << ": " << e.what() << "\n";
+      return 1;
+   }
 }
