@@ -15,11 +15,8 @@ namespace ChipMbbSlice {
 
 namespace {
 
-constexpr std::string_view mgrType = ChipSliceMatAdtSelTableMgrSm::orbTypeName;
-
 using detail::badEntryLevel;
 using detail::decisionLevel;
-using detail::handlerLevel;
 using detail::recordName;
 
 using Vault::MbbEngine::TableStatus;
@@ -60,64 +57,16 @@ ChipSliceMatAdtSelTableMgrSm::ChipSliceMatAdtSelTableMgrSm(
     std::uint32_t sessHdl, Orb::Seconds syncGenTime, Orb::Ptr<Keel::TimerWheel> timerWheel,
     Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus, Orb::Ptr<MountConfig> mountConfig,
     Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf)
-    : Entity(tableMountInfoDir ? tableMountInfoDir->name() : std::string()),
-      tableMountInfoDir_(std::move(tableMountInfoDir)),
-      entityManager_(std::move(entityManager)),
-      supportedDevices_(supportedDevices),
-      sessHdl_(sessHdl),
-      syncGenTime_(syncGenTime),
-      timerWheel_(std::move(timerWheel)),
-      flushStatus_(std::move(flushStatus)),
-      mountConfig_(std::move(mountConfig)),
-      resourceInfoIntf_(std::move(resourceInfoIntf)),
-      mountInfoReactor_(this),
-      mountConfigReactor_(this) {
-   if (!tableMountInfoDir_) Orb::throwNullParameter("tableMountInfoDir", mgrType);
-   if (!timerWheel_) Orb::throwNullParameter("timerWheel", mgrType);
-   if (!flushStatus_) Orb::throwNullParameter("flushStatus", mgrType);
-   if (!mountConfig_) Orb::throwNullParameter("mountConfig", mgrType);
-   if (!resourceInfoIntf_) Orb::throwNullParameter("resourceInfoIntf", mgrType);
-   mountInfoReactor_.notifierIs(tableMountInfoDir_.get());
-   mountConfigReactor_.notifierIs(mountConfig_.get());
+    : TableMgrBase(std::move(tableMountInfoDir), std::move(entityManager), supportedDevices,
+                   sessHdl, syncGenTime, std::move(timerWheel), std::move(flushStatus),
+                   std::move(mountConfig), std::move(resourceInfoIntf)) {
    handleInitialized();
 }
 
 // Triples are not unmounted here: whoever drops the manager drops the agent's state with it.
 ChipSliceMatAdtSelTableMgrSm::~ChipSliceMatAdtSelTableMgrSm() = default;
 
-Orb::Ptr<DebugIntf> ChipSliceMatAdtSelTableMgrSm::debugIs(const Key& key) {
-   if (!debug_.has(key)) debug_.is(key, Orb::ptrNew<DebugIntf>(key), notifier(&Notifiee::onDebug));
-   return debug_(key);
-}
-
-void ChipSliceMatAdtSelTableMgrSm::handleInitialized() {
-   initQt();
-   findMaxPublishedInstanceId();
-   initializedIs(true);
-   handleTableMount();
-}
-
-void ChipSliceMatAdtSelTableMgrSm::findMaxPublishedInstanceId() {
-   core_.findMaxPublishedInstanceId();
-}
-
-void ChipSliceMatAdtSelTableMgrSm::handleTableMount() {
-   core_.handleTableMount();
-}
-
-void ChipSliceMatAdtSelTableMgrSm::handleTableMount(const Key& key) {
-   core_.handleTableMount(key);
-}
-
-void ChipSliceMatAdtSelTableMgrSm::handleMountConfig() {
-   DUALLOG(sliceLog, handlerLevel,
-           "handleMountConfig"
-               << " mountConfig()->mode() = " << stringValue(mountConfig_->mode()));
-   handleTableMount();
-}
-
-void ChipSliceMatAdtSelTableMgrSm::handleTableAuditMgrSm() {
-   if (!tableAuditMgrSm()) return;
+void ChipSliceMatAdtSelTableMgrSm::auditRegisterAll() {
    for (const auto& [key, sm] : matAdtSelSliceSms()) tableAuditMgrSm()->addMatAdtSelTable(key, sm);
 }
 
@@ -272,7 +221,7 @@ ChipSliceMatAdtSelTableMgrSm::TripleColls ChipSliceMatAdtSelTableMgrSm::mountedC
 }
 
 void ChipSliceMatAdtSelTableMgrSm::unmountTable(const Key& key) {
-   if (!core_.unmountBegins(key, matAdtSelSliceSm(key)->mbbEngineImpl()->qtId())) return;
+   if (!unmountBegins(key, matAdtSelSliceSm(key)->mbbEngineImpl()->qtId())) return;
    const MountEntry entry = mountInfo(key);
    matAdtSelSliceSmDel(key);
    for (const std::string* path :

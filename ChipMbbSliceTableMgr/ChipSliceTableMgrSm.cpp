@@ -20,10 +20,7 @@ namespace ChipMbbSlice {
 
 namespace {
 
-constexpr std::string_view mgrType = ChipSliceTableMgrSm::orbTypeName;
-
 using detail::decisionLevel;
-using detail::handlerLevel;
 
 // The value of the SDK's entry-scope property for a table on `devTgt`.
 struct TblPropertyValue {
@@ -45,54 +42,14 @@ ChipSliceTableMgrSm::ChipSliceTableMgrSm(
     std::uint32_t sessHdl, Orb::Seconds syncGenTime, Orb::Ptr<Keel::TimerWheel> timerWheel,
     Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus, Orb::Ptr<MountConfig> mountConfig,
     Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf)
-    : Entity(tableMountInfoDir ? tableMountInfoDir->name() : std::string()),
-      tableMountInfoDir_(std::move(tableMountInfoDir)),
-      entityManager_(std::move(entityManager)),
-      supportedDevices_(supportedDevices),
-      sessHdl_(sessHdl),
-      syncGenTime_(syncGenTime),
-      timerWheel_(std::move(timerWheel)),
-      flushStatus_(std::move(flushStatus)),
-      mountConfig_(std::move(mountConfig)),
-      resourceInfoIntf_(std::move(resourceInfoIntf)),
-      mountInfoReactor_(this),
-      mountConfigReactor_(this) {
-   if (!tableMountInfoDir_) Orb::throwNullParameter("tableMountInfoDir", mgrType);
-   if (!timerWheel_) Orb::throwNullParameter("timerWheel", mgrType);
-   if (!flushStatus_) Orb::throwNullParameter("flushStatus", mgrType);
-   if (!mountConfig_) Orb::throwNullParameter("mountConfig", mgrType);
-   if (!resourceInfoIntf_) Orb::throwNullParameter("resourceInfoIntf", mgrType);
-   mountInfoReactor_.notifierIs(tableMountInfoDir_.get());
-   mountConfigReactor_.notifierIs(mountConfig_.get());
+    : TableMgrBase(std::move(tableMountInfoDir), std::move(entityManager), supportedDevices,
+                   sessHdl, syncGenTime, std::move(timerWheel), std::move(flushStatus),
+                   std::move(mountConfig), std::move(resourceInfoIntf)) {
    handleInitialized();
 }
 
 // Tables are not unmounted here: whoever drops the manager drops the agent's state with it.
 ChipSliceTableMgrSm::~ChipSliceTableMgrSm() = default;
-
-Orb::Ptr<DebugIntf> ChipSliceTableMgrSm::debugIs(const Key& key) {
-   if (!debug_.has(key)) debug_.is(key, Orb::ptrNew<DebugIntf>(key), notifier(&Notifiee::onDebug));
-   return debug_(key);
-}
-
-void ChipSliceTableMgrSm::handleInitialized() {
-   initQt();
-   findMaxPublishedInstanceId();
-   initializedIs(true);
-   handleTableMount();
-}
-
-void ChipSliceTableMgrSm::findMaxPublishedInstanceId() {
-   core_.findMaxPublishedInstanceId();
-}
-
-void ChipSliceTableMgrSm::handleTableMount() {
-   core_.handleTableMount();
-}
-
-void ChipSliceTableMgrSm::handleTableMount(const Key& key) {
-   core_.handleTableMount(key);
-}
 
 std::vector<ChipSliceTableMgrSm::Key> ChipSliceTableMgrSm::runningKeys() const {
    std::vector<Key> keys;
@@ -100,15 +57,7 @@ std::vector<ChipSliceTableMgrSm::Key> ChipSliceTableMgrSm::runningKeys() const {
    return keys;
 }
 
-void ChipSliceTableMgrSm::handleMountConfig() {
-   DUALLOG(sliceLog, handlerLevel,
-           "handleMountConfig"
-               << " mountConfig()->mode() = " << stringValue(mountConfig_->mode()));
-   handleTableMount();
-}
-
-void ChipSliceTableMgrSm::handleTableAuditMgrSm() {
-   if (!tableAuditMgrSm()) return;
+void ChipSliceTableMgrSm::auditRegisterAll() {
    for (const auto& [key, engine] : mbbEngineSms()) tableAuditMgrSm()->addTable(key, engine);
 }
 
@@ -225,7 +174,7 @@ Orb::Ptr<MbbEngine::MbbEngineImpl> ChipSliceTableMgrSm::mbbEngineImplNew(
 }
 
 void ChipSliceTableMgrSm::unmountTable(const Key& key) {
-   if (!core_.unmountBegins(key, mbbEngineSm(key)->mbbEngineImpl()->qtId())) return;
+   if (!unmountBegins(key, mbbEngineSm(key)->mbbEngineImpl()->qtId())) return;
    const MountEntry entry = mountInfo(key);
    mbbEngineSmDel(key);
    entityManager_->unmount(entry.configPath());

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <string>
+#include <utility>
 
 #include "Agent/CliOutput.h"
 
@@ -13,6 +14,10 @@ namespace ChipMbbSlice {
 class CliText {
  public:
    static constexpr std::size_t flushBytes = 32 * 1024;
+
+   CliText() = default;
+   // Room for a full buffer and the line that made it full.
+   explicit CliText(std::size_t reserved) { text_.reserve(reserved); }
 
    __attribute__((format(printf, 2, 3))) void add(const char* format, ...) {
       char line[512];
@@ -41,6 +46,7 @@ class CliText {
       text_.append(text, sizeof text);
    }
    void add(char c) { text_ += c; }
+   std::string take() { return std::exchange(text_, {}); }
    bool full() const { return text_.size() >= flushBytes; }
    // False when the client went away.
    bool flush(int fd) {

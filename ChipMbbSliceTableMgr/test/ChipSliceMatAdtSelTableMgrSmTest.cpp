@@ -105,23 +105,8 @@ struct TripleMgrWorld : World {
    Orb::Ptr<ChipSliceMatAdtSelTableMgrSm> tmgr;
 };
 
-struct TripleCase {
-   std::string name;
-   std::function<void(TripleMgrWorld&)> run;
-   std::string assertion;
-   std::vector<std::string> traces;
-   std::vector<std::string> absentTraces;
-   std::vector<std::string> records;
-   std::vector<std::string> running;
-   std::function<void(TripleMgrWorld&)> check;
-};
-
-std::string p(const std::string& name) {
-   return namePrefix + name;
-}
-
-const std::vector<TripleCase>& tripleCases() {
-   static const std::vector<TripleCase> cases = {
+const std::vector<DecisionCase<TripleMgrWorld>>& tripleCases() {
+   static const std::vector<DecisionCase<TripleMgrWorld>> cases = {
        {.name = "a current triple is mounted with statuses sized by the chip",
         .run =
             [](TripleMgrWorld& w) {
@@ -239,28 +224,7 @@ const std::vector<TripleCase>& tripleCases() {
 }
 
 TEST(ChipSliceMatAdtSelTableMgrSmTest, DecisionSteps) {
-   for (const TripleCase& c : tripleCases()) {
-      SCOPED_TRACE(c.name);
-      TripleMgrWorld w;
-      const std::uint32_t firstQtId = getNextQtId() + 1;
-      std::string failed;
-      try {
-         c.run(w);
-      } catch (const Brio::AssertionFailure& e) {
-         failed = e.expression();
-      }
-      EXPECT_EQ(failed, c.assertion);
-      for (const std::string& text : c.traces) EXPECT_TRUE(w.capture.contains(text)) << text;
-      for (const std::string& text : c.absentTraces) EXPECT_FALSE(w.capture.contains(text)) << text;
-      for (std::string text : c.records) {
-         if (text.starts_with("1:")) text = std::to_string(firstQtId) + text.substr(1);
-         EXPECT_TRUE(hasRecord(text)) << text;
-      }
-      if (c.assertion.empty()) {
-         EXPECT_EQ(w.runningTriples(), c.running);
-         if (c.check) c.check(w);
-      }
-   }
+   runDecisionCases(tripleCases(), [](const TripleMgrWorld& w) { return w.runningTriples(); });
 }
 
 // A route through a group of one vector whose members share a next hop; the member status is

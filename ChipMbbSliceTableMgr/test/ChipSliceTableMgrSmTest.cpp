@@ -17,32 +17,12 @@ namespace {
 
 using ::testing::ElementsAre;
 
-// One decision of the manager: what happens, and what it must leave behind.
 // A case names only the fields it checks; g++ 12 warns about the others although they are
 // value-initialised as the language says.
 #pragma GCC diagnostic ignored "-Wmissing-field-initializers"
 
-struct DecisionCase {
-   std::string name;
-   std::function<void(World&)> run;
-   // The failed assertion's expression, empty when none may fail.
-   std::string assertion;
-   // Text traces that must have been written, exactly, and texts that must not have been.
-   std::vector<std::string> traces;
-   std::vector<std::string> absentTraces;
-   // Ring-buffer records that must have been written, as the decoder prints them.
-   std::vector<std::string> records;
-   // Tables running at the end.
-   std::vector<std::string> running;
-   std::function<void(World&)> check;
-};
-
-std::string p(const std::string& name) {
-   return namePrefix + name;
-}
-
-const std::vector<DecisionCase>& decisionCases() {
-   static const std::vector<DecisionCase> cases = {
+const std::vector<DecisionCase<World>>& decisionCases() {
+   static const std::vector<DecisionCase<World>> cases = {
        {.name = "a current table is mounted and its steps traced",
         .run =
             [](World& w) {
@@ -287,31 +267,8 @@ const std::vector<DecisionCase>& decisionCases() {
    return cases;
 }
 
-// The records of a case carry trace id 1 where a table's id shows: each case starts the count
-// from where the process is, so ids are compared by their offset.
 TEST(ChipSliceTableMgrSmTest, DecisionSteps) {
-   for (const DecisionCase& c : decisionCases()) {
-      SCOPED_TRACE(c.name);
-      World w;
-      const std::uint32_t firstQtId = getNextQtId() + 1;
-      std::string failed;
-      try {
-         c.run(w);
-      } catch (const Brio::AssertionFailure& e) {
-         failed = e.expression();
-      }
-      EXPECT_EQ(failed, c.assertion);
-      for (const std::string& text : c.traces) EXPECT_TRUE(w.capture.contains(text)) << text;
-      for (const std::string& text : c.absentTraces) EXPECT_FALSE(w.capture.contains(text)) << text;
-      for (std::string text : c.records) {
-         if (text.starts_with("1:")) text = std::to_string(firstQtId) + text.substr(1);
-         EXPECT_TRUE(hasRecord(text)) << text;
-      }
-      if (c.assertion.empty()) {
-         EXPECT_EQ(w.running(), c.running);
-         if (c.check) c.check(w);
-      }
-   }
+   runDecisionCases(decisionCases(), [](const World& w) { return w.running(); });
 }
 
 TEST(ChipSliceTableMgrSmTest, TablesDrawConsecutiveTraceIds) {

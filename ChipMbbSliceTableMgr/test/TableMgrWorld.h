@@ -7,9 +7,12 @@
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
+#include <functional>
 #include <memory>
 #include <string>
 #include <vector>
+
+#include <gtest/gtest.h>
 
 #include "Brio/Brio.h"
 #include "ChipMbbSliceTableMgr/ChipMbbSliceTableMgr.h"
@@ -158,5 +161,56 @@ struct World {
        Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flushStatus");
    Orb::Ptr<ChipSliceTableMgrSm> mgr;
 };
+
+// One decision of a manager: what happens, and what it must leave behind. A case names only
+// the fields it checks.
+template <class W>
+struct DecisionCase {
+   std::string name;
+   std::function<void(W&)> run;
+   // The failed assertion's expression, empty when none may fail.
+   std::string assertion;
+   // Text traces that must have been written, exactly, and texts that must not have been.
+   std::vector<std::string> traces;
+   std::vector<std::string> absentTraces;
+   // Ring-buffer records that must have been written, as the decoder prints them. A record
+   // that starts "1:" carries the trace id of the case's first table: each case starts the
+   // count from where the process is, so ids are compared by their offset.
+   std::vector<std::string> records;
+   // Tables running at the end.
+   std::vector<std::string> running;
+   std::function<void(W&)> check;
+};
+
+// Runs each case in a world of its own; `running(w)` names the tables running in it.
+template <class W, class Running>
+void runDecisionCases(const std::vector<DecisionCase<W>>& cases, Running running) {
+   for (const DecisionCase<W>& c : cases) {
+      SCOPED_TRACE(c.name);
+      W w;
+      const std::uint32_t firstQtId = getNextQtId() + 1;
+      std::string failed;
+      try {
+         c.run(w);
+      } catch (const Brio::AssertionFailure& e) {
+         failed = e.expression();
+      }
+      EXPECT_EQ(failed, c.assertion);
+      for (const std::string& text : c.traces) EXPECT_TRUE(w.capture.contains(text)) << text;
+      for (const std::string& text : c.absentTraces) EXPECT_FALSE(w.capture.contains(text)) << text;
+      for (std::string text : c.records) {
+         if (text.starts_with("1:")) text = std::to_string(firstQtId) + text.substr(1);
+         EXPECT_TRUE(hasRecord(text)) << text;
+      }
+      if (c.assertion.empty()) {
+         EXPECT_EQ(running(w), c.running);
+         if (c.check) c.check(w);
+      }
+   }
+}
+
+inline std::string p(const std::string& name) {
+   return namePrefix + name;
+}
 
 }  // namespace ChipMbbSlice::test

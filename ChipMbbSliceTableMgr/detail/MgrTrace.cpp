@@ -1,4 +1,4 @@
-#include "ChipMbbSliceTableMgr/detail/TableMgrCore.h"
+#include "ChipMbbSliceTableMgr/detail/MgrTrace.h"
 
 #include <algorithm>
 
