@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <cstdlib>
+#include <set>
 
 #include "Agent/CliOutput.h"
 #include "Brio/Brio.h"
@@ -64,7 +65,8 @@ CliCallback::CliCallback(std::string name, std::string agentName, const CliTable
       resourceInfoIntf_(std::move(resourceInfoIntf)),
       hwPdIntf_(std::move(hwPdIntf)),
       sessHdl_(sessHdl),
-      clock_(std::move(clock)) {
+      clock_(std::move(clock)),
+      sliceOut_(std::make_unique<CliText>(2 * CliText::flushBytes)) {
    handleInitialized();
 }
 
@@ -73,9 +75,11 @@ CliCallback::~CliCallback() {
    cliYieldSm_.reset();
 }
 
+// Without a clock the runner waits for cliYieldSmIs: the watcher makes its timer wheel after
+// the show commands.
 void CliCallback::handleInitialized() {
    initQt();
-   cliYieldSmIs(clock_, this);
+   if (clock_) cliYieldSmIs(clock_, this);
    initialized_ = true;
 }
 
@@ -118,19 +122,61 @@ void CliCallback::handleHwCommand(int socket, const std::string& command, std::u
 }
 
 void CliCallback::dumpAgents(int socket, const std::string& command) {
+   const auto singles = watcher_->tableMgrs();
+   const auto triples = watcher_->tripleMgrs();
+   std::set<std::string> agents;
+   for (const auto& [agent, mgr] : singles) {
+      if (mgr && !mgr->mbbEngineSms().empty()) agents.insert(agent);
+   }
+   for (const auto& [agent, mgr] : triples) {
+      if (mgr && !mgr->matAdtSelSliceSms().empty()) agents.insert(agent);
+   }
    CliText out;
-   for (const auto& [agent, mgr] : watcher_->tableMgrs()) {
-      if (!mgr || mgr->mbbEngineSms().empty()) continue;
+   for (const std::string& agent : agents) {
       out.add("FeatureAgent %s\n", agent.c_str());
-      for (const auto& [key, engine] : mgr->mbbEngineSms()) {
-         const auto resource = resourceInfoIntf_->hwResourceByHandle(key.tableId());
-         const auto entry = mgr->mountInfo(key);
-         out.add(" table %s id:0x%08x type: single\n  config: %s\n", resource.name.c_str(),
-                 key.tableId(), entry.configPath().c_str());
-         if (entry.needStatus()) out.add("  status: %s\n", entry.statusPath().c_str());
+      if (auto it = singles.find(agent); it != singles.end() && it->second) {
+         dumpAgentSingles(out, *it->second);
+      }
+      if (auto it = triples.find(agent); it != triples.end() && it->second) {
+         dumpAgentTriples(out, *it->second);
       }
    }
    out.flush(socket);
+}
+
+std::string CliCallback::resourceName(std::uint32_t handle) const {
+   return resourceInfoIntf_->hwResourceByHandle(handle).name;
+}
+
+void CliCallback::dumpAgentSingles(CliText& out, const ChipSliceTableMgrSm& mgr) const {
+   for (const auto& [key, engine] : mgr.mbbEngineSms()) {
+      const auto entry = mgr.mountInfo(key);
+      out.add(" table %s id:0x%08x type: single\n  config: %s\n",
+              resourceName(key.tableId()).c_str(), key.tableId(), entry.configPath().c_str());
+      if (entry.needStatus()) out.add("  status: %s\n", entry.statusPath().c_str());
+   }
+}
+
+void CliCallback::dumpAgentTriples(CliText& out, const ChipSliceMatAdtSelTableMgrSm& mgr) const {
+   for (const auto& [key, sm] : mgr.matAdtSelSliceSms()) {
+      const auto entry = mgr.mountInfo(key);
+      out.add(" table %s/%s/%s id:0x%08x/0x%08x/0x%08x type: triple\n",
+              resourceName(key.tableId()).c_str(), resourceName(entry.adtTableId()).c_str(),
+              resourceName(entry.selTableId()).c_str(), key.tableId(), entry.adtTableId(),
+              entry.selTableId());
+      out.add(
+          "  mat config     %s\n  adt config:    %s\n  selgrp config: %s\n"
+          "  selmbr config: %s\n",
+          entry.matConfigPath().c_str(), entry.adtConfigPath().c_str(),
+          entry.selGrpConfigPath().c_str(), entry.selMbrConfigPath().c_str());
+      out.add("  adt status:    %s\n  selgrp status: %s\n", entry.adtStatusPath().c_str(),
+              entry.selGrpStatusPath().c_str());
+      // Only these two follow the announcement's needStatus.
+      if (entry.needStatus()) {
+         out.add("  mat status:    %s\n  selmbr status: %s\n", entry.matStatusPath().c_str(),
+                 entry.selMbrStatusPath().c_str());
+      }
+   }
 }
 
 CliCallback::TableRequest CliCallback::tableRequest(const std::string& command) {
@@ -148,13 +194,32 @@ CliCallback::TableRequest CliCallback::tableRequest(const std::string& command) 
 // answers to any.
 std::optional<CliCallback::TableMatch> CliCallback::managedTable(std::uint32_t tableHandle,
                                                                  std::uint32_t pipe) const {
+   auto servesPipe = [pipe](const ChipSliceTableMgrSm::Key& key) {
+      return key.devTgt().pipeId == allPipes || key.devTgt().pipeId == pipe;
+   };
    for (const auto& [agent, mgr] : watcher_->tableMgrs()) {
       if (!mgr) continue;
       for (const auto& [key, engine] : mgr->mbbEngineSms()) {
-         const std::uint16_t keyPipe = key.devTgt().pipeId;
-         if (key.tableId() == tableHandle && (keyPipe == allPipes || keyPipe == pipe)) {
-            return TableMatch{agent, key, mgr};
-         }
+         if (key.tableId() != tableHandle || !servesPipe(key)) continue;
+         CliText header;
+         header.add("%s table: %s id: 0x%08x pipe: 0x%04hx needStatus: %d\n", agent.c_str(),
+                    key.name().c_str(), key.tableId(), key.devTgt().pipeId,
+                    mgr->mountInfo(key).needStatus() ? 1 : 0);
+         return TableMatch{key, engine, mgr->debug(key), header.take()};
+      }
+   }
+   for (const auto& [agent, mgr] : watcher_->tripleMgrs()) {
+      if (!mgr) continue;
+      for (const auto& [key, sm] : mgr->matAdtSelSliceSms()) {
+         if (key.tableId() != tableHandle || !servesPipe(key)) continue;
+         const auto entry = mgr->mountInfo(key);
+         CliText header;
+         header.add("%s table %s/%s/%s id:0x%08x/0x%08x/0x%08x pipe: 0x%04hx needStatus: %d\n",
+                    agent.c_str(), resourceName(key.tableId()).c_str(),
+                    resourceName(entry.adtTableId()).c_str(),
+                    resourceName(entry.selTableId()).c_str(), key.tableId(), entry.adtTableId(),
+                    entry.selTableId(), key.devTgt().pipeId, entry.needStatus() ? 1 : 0);
+         return TableMatch{key, sm, mgr->debug(key), header.take()};
       }
    }
    return std::nullopt;
@@ -167,8 +232,8 @@ bool CliCallback::largeTableRequest(const std::string& command) const {
    if (index == HwResourceInfo::unknownIndex) return false;
    auto table = managedTable(resourceInfoIntf_->hwResource(index).handle, request.pipe);
    if (!table) return false;
-   const auto& engine = table->mgr->mbbEngineSm(table->key);
-   return engine->tableConfig() && engine->tableConfig()->size() > mbbTableInlineEntries;
+   const auto& config = table->engine->tableConfig();
+   return config && config->size() > mbbTableInlineEntries;
 }
 
 void CliCallback::dumpTable(int socket, const std::string& command) {
@@ -195,24 +260,20 @@ bool CliCallback::dumpTableSlice(int socket, const std::string& command, MbbTabl
 bool CliCallback::dumpMatTable(int socket, const TableMatch& table, std::uint64_t key,
                                MbbTableBookmark& bookmark, bool yielding) {
    using Part = MbbTableBookmark::Part;
-   const auto engine = table.mgr->mbbEngineSm(table.key);
-   const auto& sm = engine;
+   const auto& sm = table.engine;
    BRIO_ASSERT(sm->tableConfig());
-   const auto debugIntf = table.mgr->debug(table.key);
+   const auto& debugIntf = table.debugIntf;
    BRIO_ASSERT(debugIntf);
    const auto& status = debugIntf->debugStatusIs("status");
    if (yielding && bookmark.part != Part::header && clientLags(socket)) return false;
-   CliText out;
+   CliText& out = *sliceOut_;
    auto yield = [&](EntryKey at) {
       bookmark.nextKey = at;
       return !out.flush(socket);
    };
 
    if (bookmark.part == Part::header) {
-      const auto entry = table.mgr->mountInfo(table.key);
-      out.add("%s table: %s id: 0x%08x pipe: 0x%04hx needStatus: %d\n", table.agent.c_str(),
-              table.key.name().c_str(), table.key.tableId(), table.key.devTgt().pipeId,
-              entry.needStatus() ? 1 : 0);
+      out.add(table.header);
       const auto& config = debugIntf->debugConfigIs("config");
       config->versionIs(config->version() + 1);
       BRIO_ASSERT(config->version() == status->version());
@@ -271,7 +332,7 @@ bool CliCallback::clientLags(int socket) const {
 bool CliCallback::dumpMatEntry(int socket, std::uint32_t tableHandle, std::uint64_t key,
                                std::uint64_t ti, const EntryConfig& entry, bool isDefault,
                                bool isStale) {
-   CliText out;
+   CliText& out = *sliceOut_;
    out.add("key: 0x%08llx ti: %8lld ", static_cast<unsigned long long>(key),
            static_cast<long long>(ti));
    out.add("hdl: 0x%08x prioGrp: %d prio: %d opId: 0x%016llx%s%s\n", entry.entryHandle(),
@@ -289,14 +350,18 @@ bool CliCallback::dumpHwTable(int socket, const std::string& command, std::uint8
    std::size_t pos = hwTableFieldsAt;
    const std::string name = nextFieldS(command, &pos);
    pos += 4;
-   const std::uint32_t pipe = nextFieldN(command, &pos);
+   const auto pipe = static_cast<std::uint16_t>(nextFieldN(command, &pos));
    const std::uint32_t index = resourceInfoIntf_->hwResourceIndex(name);
-   CliText out;
+   CliText& out = *sliceOut_;
    if (index == HwResourceInfo::unknownIndex) {
       out.add("None");
       out.flush(socket);
       return true;
    }
+   const std::uint32_t handle = resourceInfoIntf_->hwResource(index).handle;
+   // Setting up costs several allocations, and the first ones after a large release of memory
+   // elsewhere in the process can take the allocator long; the slice's clock is asked between
+   // the steps, so that the set-up spreads over slices when it is slow.
    if (bookmark) {
       DUALLOG(sliceLog, sliceLevel,
               "dumpHwTable"
@@ -304,12 +369,15 @@ bool CliCallback::dumpHwTable(int socket, const std::string& command, std::uint8
       // The client has not caught up: nothing more until it does.
       if (clientLags(socket)) return false;
    } else {
-      const std::uint32_t handle = resourceInfoIntf_->hwResource(index).handle;
-      bookmark = std::make_unique<HwPd::HwPdTableIterator>(
-          hwPdIntf_, sessHdl_, devId, static_cast<std::uint16_t>(pipe), handle);
-      out.add("( %s,{", hwPdIntf_->cliSchema(devId, handle).c_str());
+      bookmark =
+          std::make_unique<HwPd::HwPdTableIterator>(hwPdIntf_, sessHdl_, devId, pipe, handle);
+      hwHeaderDue_ = true;
    }
-   const std::uint32_t handle = resourceInfoIntf_->hwResource(index).handle;
+   if (hwHeaderDue_) {
+      if (cliYieldSm_->endTime()) return false;
+      out.add("( %s,{", hwPdIntf_->cliSchema(devId, handle).c_str());
+      hwHeaderDue_ = false;
+   }
    for (;;) {
       if (bookmark->end()) {
          out.add("})");
@@ -324,17 +392,13 @@ bool CliCallback::dumpHwTable(int socket, const std::string& command, std::uint8
       }
       const std::uint32_t entHdl = bookmark->entryHdl();
       out.addHandle(entHdl);
-      out.add(
-          hwPdIntf_->entryValue(sessHdl_, devId, static_cast<std::uint16_t>(pipe), handle, entHdl));
+      out.add(hwPdIntf_->entryValue(sessHdl_, devId, pipe, handle, entHdl));
       out.add(',');
+      bookmark->next();
       if (out.full()) {
          if (!out.flush(socket)) return true;
-         if (clientLags(socket)) {
-            bookmark->next();
-            return false;
-         }
+         if (clientLags(socket)) return false;
       }
-      bookmark->next();
    }
 }
 

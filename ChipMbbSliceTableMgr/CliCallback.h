@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Agent/AgentCommand.h"
+#include "ChipMbbSliceTableMgr/ChipSliceMatAdtSelTableMgrSm.h"
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
 #include "ChipMbbSliceTableMgr/CliYieldSm.h"
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
@@ -24,15 +25,18 @@
 
 namespace ChipMbbSlice {
 
+class CliText;
+
 // What the show commands read of the slice: the table managers by feature agent name. The
-// table watcher is one; a host that runs a manager of its own is another. Triple tables
-// will come through here too, beside the single ones.
+// table watcher is one; a host that runs managers of its own is another.
 class CliTableDir {
  public:
    using TableMgrMap = std::map<std::string, Orb::Ptr<ChipSliceTableMgrSm>>;
+   using TripleMgrMap = std::map<std::string, Orb::Ptr<ChipSliceMatAdtSelTableMgrSm>>;
 
    virtual ~CliTableDir() = default;
    virtual TableMgrMap tableMgrs() const = 0;
+   virtual TripleMgrMap tripleMgrs() const { return {}; }
 };
 
 // Command-line field readers. `pos` stands on the separator before the word: that character
@@ -83,10 +87,13 @@ class CliCallback : public Orb::Entity<CliCallback>, public Agent::AgentCommandC
                             std::unique_ptr<HwPd::HwPdTableIterator>& bookmark);
 
  private:
+   // A table whose engine state "mbb table" prints: a single table or the match table of a
+   // triple, with the line that heads its dump.
    struct TableMatch {
-      std::string agent;
       ChipSliceTableMgrSm::Key key;
-      Orb::Ptr<ChipSliceTableMgrSm> mgr;
+      Orb::Ptr<MbbEngine::MbbEngineSm> engine;
+      Orb::Ptr<DebugIntf> debugIntf;
+      std::string header;
    };
    struct TableRequest {
       std::string name;
@@ -96,6 +103,9 @@ class CliCallback : public Orb::Entity<CliCallback>, public Agent::AgentCommandC
 
    static TableRequest tableRequest(const std::string& command);
    std::optional<TableMatch> managedTable(std::uint32_t tableHandle, std::uint32_t pipe) const;
+   std::string resourceName(std::uint32_t handle) const;
+   void dumpAgentSingles(CliText& out, const ChipSliceTableMgrSm& mgr) const;
+   void dumpAgentTriples(CliText& out, const ChipSliceMatAdtSelTableMgrSm& mgr) const;
    bool largeTableRequest(const std::string& command) const;
    bool dumpMatTable(int socket, const TableMatch& table, std::uint64_t key,
                      MbbTableBookmark& bookmark, bool yielding);
@@ -110,6 +120,10 @@ class CliCallback : public Orb::Entity<CliCallback>, public Agent::AgentCommandC
    std::uint32_t sessHdl_;
    Orb::Ptr<Orb::Clock> clock_;
    Orb::Ptr<CliYieldSm> cliYieldSm_;
+   // What a sliced dump writes, reserved once: a dump grows no buffer while it runs.
+   std::unique_ptr<CliText> sliceOut_;
+   // The iterator of a hardware dump is made, its header not yet written.
+   bool hwHeaderDue_ = false;
    bool initialized_ = false;
 };
 

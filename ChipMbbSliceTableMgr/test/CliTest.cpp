@@ -2,6 +2,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <cstdio>
 #include <cstdlib>
 #include <memory>
 #include <sstream>
@@ -140,6 +141,109 @@ TEST(CliTest, DumpFormats) {
    const std::string one = w.run("mbb table ipv4_host pipe 0 key 0x2");
    EXPECT_NE(one.find("key: 0x00000002"), std::string::npos);
    EXPECT_EQ(one.find("key: 0x00000001"), std::string::npos);
+}
+
+// The same agent with the default profile's triple published beside its single table.
+struct TripleCliWorld : CliWorld {
+   TripleCliWorld() {
+      tripleInfo->mountedIs(true);
+      ChipMbbShared::MatAdtSelTableConfigMountEntry entry;
+      entry.matConfigPathIs("fib/ecmp/config");
+      entry.adtConfigPathIs("fib/ecmp/adtConfig");
+      entry.selGrpConfigPathIs("fib/ecmp/grpConfig");
+      entry.selMbrConfigPathIs("fib/ecmp/mbrConfig");
+      entry.matStatusPathIs("fib/ecmp/status");
+      entry.adtStatusPathIs("fib/ecmp/adtStatus");
+      entry.selGrpStatusPathIs("fib/ecmp/grpStatus");
+      entry.selMbrStatusPathIs("fib/ecmp/mbrStatus");
+      entry.needStatusIs(true);
+      entry.adtTableIdIs(adtHdl);
+      entry.selTableIdIs(selHdl);
+      entry.tableSizeIs(1024);
+      entry.configGenTimeIs(1.0);
+      entry.statusGenTimeIs(1.0);
+      entry.instanceIdIs(1);
+      tripleInfo->entryIs(tripleKey, entry);
+      tmgr = Orb::ptrNew<ChipSliceMatAdtSelTableMgrSm>(
+          tripleInfo, nullptr, 0x1, 7, 1.0, wheel,
+          Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("tflush"),
+          Orb::ptrNew<MountConfig>(MountMode::mountAllTables),
+          ChipModel::modelResourceInfoNew(chip.profile()));
+   }
+   ~TripleCliWorld() { tmgr.reset(); }
+   TripleMgrMap tripleMgrs() const override { return {{"fib", tmgr}}; }
+
+   static constexpr std::uint32_t matHdl = 0x01000010;
+   static constexpr std::uint32_t adtHdl = 0x02000010;
+   static constexpr std::uint32_t selHdl = 0x03000010;
+   ChipMbbShared::TableConfigMountKey tripleKey{ChipDriver::ChipDevTgt{0, 0xFFFF}, "ecmp", matHdl};
+   Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleInfo =
+       Vault::localTableNew<ChipMbbShared::MatAdtSelTableConfigMountInfo>("fib/triples");
+   Orb::Ptr<ChipSliceMatAdtSelTableMgrSm> tmgr;
+};
+
+TEST(CliTest, TripleDumpFormats) {
+   TripleCliWorld w;
+   EXPECT_EQ(w.run("mbb agents"),
+             "mbb agents\nFeatureAgent fib\n table ipv4_host id:0x01000001 type: single\n"
+             "  config: fib/ipv4_host/config\n  status: fib/ipv4_host/status\n"
+             " table nexthop_ecmp/nexthop_ecmp_adt/nexthop_ecmp_sel "
+             "id:0x01000010/0x02000010/0x03000010 type: triple\n"
+             "  mat config     fib/ecmp/config\n  adt config:    fib/ecmp/adtConfig\n"
+             "  selgrp config: fib/ecmp/grpConfig\n  selmbr config: fib/ecmp/mbrConfig\n"
+             "  adt status:    fib/ecmp/adtStatus\n  selgrp status: fib/ecmp/grpStatus\n"
+             "  mat status:    fib/ecmp/status\n  selmbr status: fib/ecmp/mbrStatus\n");
+
+   // One group of one vector with one member over one ADT entry, a match entry over the
+   // group, and a match entry whose group does not exist.
+   const auto sm = w.tmgr->matAdtSelSliceSm(w.tripleKey);
+   sm->adtTableConfig()->entryIs(ChipMbbShared::AdtEntryConfig(
+       0xA1, 1, 11, ChipSdk::PlcmtDataBuilder().adtMember(11).block()));
+   sm->selGrpTableConfig()->entryIs(ChipMbbShared::SelGrpEntryConfig(0x61, 1, 21, 1, 10, 120));
+   sm->selMbrTableConfig()->entryIs(
+       ChipMbbShared::SelMbrEntryConfig(ChipMbbShared::SelMbrEntryKey(0x61, 0, 0), 1, 0xA1, true,
+                                        ChipSdk::PlcmtDataBuilder().block()));
+   sm->matTableConfig()->entryIs(Vault::MbbEngine::EntryConfig(
+       0x300, 1, 31, 0, 0, 1, 5, 10, 0, ChipSdk::PlcmtDataBuilder().selGroup(0x61, 1).block()));
+   sm->matTableConfig()->entryIs(Vault::MbbEngine::EntryConfig(
+       0x301, 1, 32, 0, 0, 1, 6, 20, 0, ChipSdk::PlcmtDataBuilder().selGroup(0x62, 1).block()));
+   w.time->step = 0.01;
+   for (int i = 0; i < 50 && sm->tableStatus()->entry(0x300).opId() != 1; ++i) w.wheel->advance();
+   w.time->step = 0;
+   ASSERT_NE(w.chip.matTable(0, TripleCliWorld::matHdl)->entry(31), nullptr);
+
+   std::istringstream table(w.run("mbb table nexthop_ecmp pipe 0 key 0"));
+   std::vector<std::string> lines;
+   for (std::string line; std::getline(table, line);) lines.push_back(line);
+   const std::vector<std::string> expected = {
+       "mbb table nexthop_ecmp pipe 0 key 0",
+       "fib table nexthop_ecmp/nexthop_ecmp_adt/nexthop_ecmp_sel "
+       "id:0x01000010/0x02000010/0x03000010 pipe: 0xffff needStatus: 1",
+       "Pending entries (1):",
+       "key: 0x00000301 ti: ",
+       "Current entries (2):",
+       "key: 0x00000300 ti:        0 hdl: 0x0000001f prioGrp: 0 prio: 0 opId: 0x0000000000000001",
+       "  plcmtData nexthop_ecmp: ",
+       "key: 0x00000301 ti: ",
+       "  plcmtData nexthop_ecmp: "};
+   ASSERT_EQ(lines.size(), expected.size()) << table.str();
+   for (std::size_t i = 0; i < lines.size(); ++i)
+      EXPECT_TRUE(lines[i].starts_with(expected[i])) << lines[i];
+   EXPECT_TRUE(lines[7].ends_with(" STALE")) << lines[7];
+
+   // The hardware dumps of the triple's three tables.
+   auto rows = [&](std::uint32_t hdl, std::vector<std::uint32_t> hdls) {
+      std::string text = "( " + w.hwPd->cliSchema(0, hdl) + ",{";
+      for (std::uint32_t h : hdls) {
+         char head[16];
+         std::snprintf(head, sizeof head, "0x%08x:", h);
+         text += head + w.hwPd->entryValue(7, 0, 0, hdl, h) + ",";
+      }
+      return text + "})";
+   };
+   EXPECT_EQ(w.run("hw table nexthop_ecmp pipe 0", true), rows(TripleCliWorld::matHdl, {31}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp_adt pipe 0", true), rows(TripleCliWorld::adtHdl, {11}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp_sel pipe 0", true), rows(TripleCliWorld::selHdl, {11}));
 }
 
 struct RunnerTest : ::testing::Test {
