@@ -13,6 +13,8 @@ namespace {
 using ChipMbbShared::SelMbrEntryKey;
 using ChipMbbSlice::AuditFailReason;
 using ChipModel::FaultKind;
+using TableAuditTesting::auditFinish;
+using TableAuditTesting::auditNext;
 using TableAuditTesting::StepTimeSource;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -59,22 +61,8 @@ struct TripleAudit {
       w.adtConfig->entryIs(ChipMbbShared::AdtEntryConfig::deletion(5, 2));
       w.turn();
    }
-   // Completes the running audit, then runs the next one to its end; returns its slices.
-   unsigned audit() {
-      finish();
-      clock->nowIs(mgr->auditTimer().timeMin());
-      wheel.runExpired(clock->peek());
-      return finish();
-   }
-   unsigned finish() {
-      unsigned slices = 0;
-      while (mgr->auditState() == ChipMbbSlice::AuditState::ongoing) {
-         clock->nowIs(mgr->continueTimer().timeMin());
-         wheel.runExpired(clock->peek());
-         ++slices;
-      }
-      return slices;
-   }
+   unsigned audit() { return auditNext(*mgr, *clock, wheel); }
+   unsigned finish() { return auditFinish(*mgr, *clock, wheel); }
    bf_status_t adtFault(FaultKind kind, std::uint32_t mbrHdl) {
       return w.chip.faultInject({kind, 0, P4_PD_PIPE_ALL, World::adtHdl, mbrHdl, 0, 0, 0});
    }

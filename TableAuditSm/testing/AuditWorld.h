@@ -7,6 +7,8 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <utility>
+#include <vector>
 
 #include "ChipModel/ChipModel.h"
 #include "ChipSdk/ChipSdk.h"
@@ -34,23 +36,49 @@ class StepTimeSource : public Orb::TimeSource {
    Orb::Seconds step_ = 0;
 };
 
-inline ChipModel::ChipProfile auditProfile(std::uint32_t tableSize) {
+// Runs the audit under way, if any, to its end; returns the slices it took.
+inline unsigned auditFinish(ChipMbbSlice::TableAuditMgrSm& mgr, StepTimeSource& clock,
+                            Keel::TimerWheel& wheel) {
+   unsigned slices = 0;
+   while (mgr.auditState() == ChipMbbSlice::AuditState::ongoing) {
+      clock.nowIs(mgr.continueTimer().timeMin());
+      wheel.runExpired(clock.peek());
+      ++slices;
+   }
+   return slices;
+}
+
+// Completes the running audit, if any, then starts the next and runs it to its end; returns the
+// number of slices the new audit took.
+inline unsigned auditNext(ChipMbbSlice::TableAuditMgrSm& mgr, StepTimeSource& clock,
+                          Keel::TimerWheel& wheel) {
+   auditFinish(mgr, clock, wheel);
+   clock.nowIs(mgr.auditTimer().timeMin());
+   wheel.runExpired(clock.peek());
+   return auditFinish(mgr, clock, wheel);
+}
+
+// The audited table, and beside it whatever else the caller serves on the same chip.
+inline ChipModel::ChipProfile auditProfile(std::uint32_t tableSize,
+                                           std::vector<ChipModel::TableProfile> moreTables = {}) {
    ChipModel::ChipProfile profile;
    profile.name = "audit";
    profile.numPipes = 2;
    profile.devices = {0};
-   profile.tables = {{"audited", 0x01000100, ChipSdk::TableKind::mat, tableSize, 0, 0, 0}};
+   profile.tables = std::move(moreTables);
+   profile.tables.push_back({"audited", 0x01000100, ChipSdk::TableKind::mat, tableSize, 0, 0, 0});
    return profile;
 }
 
 struct AuditWorld {
    static constexpr std::uint32_t tblHdl = 0x01000100;
 
-   explicit AuditWorld(std::uint32_t tableSize = 64)
+   explicit AuditWorld(std::uint32_t tableSize = 64,
+                       std::vector<ChipModel::TableProfile> moreTables = {})
        : clock(std::make_shared<StepTimeSource>()),
          previousClock(Orb::activityTimeSource()),
          wheel(clock, 1, 600000, true, 1024),
-         chip(auditProfile(tableSize)),
+         chip(auditProfile(tableSize, std::move(moreTables))),
          mountKey({0, P4_PD_PIPE_ALL}, "audited", tblHdl) {
       Orb::activityTimeSourceIs(clock);
       chip.hitlessFatalIs(true);
@@ -91,23 +119,8 @@ struct AuditWorld {
       config->entryIs(entry(key, opId, hdl, index));
    }
 
-   // Completes the running audit, if any, then starts the next and runs its slices until it
-   // completes; returns the number of slices the new audit took.
-   unsigned audit() {
-      finish();
-      clock->nowIs(mgr->auditTimer().timeMin());
-      wheel.runExpired(clock->peek());
-      return finish();
-   }
-   unsigned finish() {
-      unsigned slices = 0;
-      while (mgr->auditState() == ChipMbbSlice::AuditState::ongoing) {
-         clock->nowIs(mgr->continueTimer().timeMin());
-         wheel.runExpired(clock->peek());
-         ++slices;
-      }
-      return slices;
-   }
+   unsigned audit() { return auditNext(*mgr, *clock, wheel); }
+   unsigned finish() { return auditFinish(*mgr, *clock, wheel); }
 
    bf_status_t fault(ChipModel::FaultKind kind, std::uint32_t hdl, std::uint32_t index = 0) {
       ChipModel::Fault f;
