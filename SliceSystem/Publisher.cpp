@@ -211,14 +211,17 @@ PhaseResult Publisher::phase(
          log("no configuration collection for " + table->key.name() + "; left out");
          continue;
       }
+      // Announced before its entries, so that the host mounts it and programs what arrives
+      // while the rest is still being written.
+      if (announce) target_.tableMountInfo().entryIs(table->key, table->entry);
       std::vector<TablePlan::Change> planned = changes(table->plan);
       table->watch.expectReserve(planned.size());
       for (const TablePlan::Change& change : planned) {
          write(*table, change);
          result.changes.add(change.kind);
       }
-      if (announce) target_.tableMountInfo().entryIs(table->key, table->entry);
    }
+   result.writeSeconds = now() - start;
    if (announce && options_.badAnnouncements) badAnnouncementsWrite();
    log("phase " + name + ": " + std::to_string(result.changes.total()) +
        " changes written, waiting for their statuses");
@@ -331,11 +334,12 @@ std::optional<PhaseResult> Publisher::ecmpPhase(EcmpPhaseKind kind) {
    result.name = ecmpPhaseName(kind);
    Orb::Seconds start = now();
    EcmpPhase phase = t.workload.phase(kind);
+   if (kind == EcmpPhaseKind::build) target_.tripleMountInfo()->entryIs(t.key, t.entry);
    for (const EcmpWrite& write : phase.writes) {
       t.watches[std::size_t(write.table)].expect(write.key, write.opId);
       t.workload.apply(phase, write, t.sink);
    }
-   if (kind == EcmpPhaseKind::build) target_.tripleMountInfo()->entryIs(t.key, t.entry);
+   result.writeSeconds = now() - start;
    result.ecmpChanges = phase.counts;
    log("phase " + result.name + ": " + std::to_string(result.numChanges()) +
        " changes written, waiting for their statuses");

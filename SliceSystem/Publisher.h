@@ -65,6 +65,8 @@ struct PhaseResult {
    // The host's placement operations for the phase (ECMP phases only).
    std::optional<std::uint64_t> placementOps;
    Orb::Seconds seconds = 0;
+   // Of those, the time it took to write the changes.
+   Orb::Seconds writeSeconds = 0;
    // Keys whose status did not show their configuration by the timeout.
    std::size_t outstanding = 0;
 
