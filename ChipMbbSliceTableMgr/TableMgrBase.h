@@ -29,9 +29,9 @@ namespace ChipMbbSlice {
 // carry the mount decision, and the decision itself: which published announcements are
 // current, which running tables go, and the order in which that is found out. The managers
 // differ only in what a table is made of, so `Mgr` supplies, to this base only:
-//   static orbTypeName, traceClass, testmodeUnmountText; tableRunning(key), runningKeys(),
-//   runningTablesDelAll(), fitsChip(key, entry), mountTable(key, entry), unmountTable(key)
-//   and auditRegisterAll().
+//   static orbTypeName, traceClass, testmodeUnmountText, mountedPaths(entry); tableRunning(key),
+//   runningKeys(), runningTablesDelAll(), fitsChip(key, entry), mountTable(key, entry),
+//   unmountTable(key), tableTakeDown(key) and auditRegisterAll().
 // `Mgr::Notifiee` derives from `CommonNotifiee` and adds the reactors of its own attributes.
 // `Mgr`'s constructor ends with handleInitialized(), once its own collections exist.
 template <class Mgr, class MountInfoDir>
@@ -236,6 +236,19 @@ class TableMgrBase : public Orb::Entity<Mgr> {
          return false;
       }
       return true;
+   }
+
+   // A manager that goes takes its tables down with it, outside test mode: each engine first,
+   // which takes its entries out of hardware and writes their statuses, then the collections.
+   // Whoever serves the same paths next then mounts the segments as they are by then, not the
+   // ones this manager held. Tables whose engine a newer publisher instance already retired
+   // still have their collections mounted and lose them here too.
+   void tablesTakeDown() {
+      if (testmode()) return;
+      while (!mountInfos().empty()) {
+         const Key key = mountInfos().begin()->first;
+         self().tableTakeDown(key);
+      }
    }
 
    // Declared before the per-table collections of `Mgr`, so that tables go before what they
