@@ -1,11 +1,13 @@
 // The demo: the whole system on the default chip and the routing table snapshot, in one
-// command. By default the agent host and the publishers are separate processes over shared
-// tables under a fresh root: a first publisher dies in the middle of its churn, a second one
-// replaces it, publishes, churns and re-adds (with two announcements the host must skip), then
-// takes the ECMP triple through a router's phases, and the host is stopped at the end. With
-// --in-process the host and one publisher share this process, its event loop and in-memory
-// tables. Either way the demo ends with the audit: in this process, every 50 ms, first under a
-// publisher's churn, then with faults injected into the chip (--audit runs only that part).
+// command. By default it is a tour over shared tables under a fresh root: the agent host
+// (auditing every 0.25 s), a publisher of the single tables that dies in the middle of its
+// churn, its successor under the same name beside a second publisher with the ECMP triple, show
+// commands through slicecli while they work, faults injected through the host's own commands
+// and found by the audit, and the host's final status; "result: OK" only when every publisher
+// converged with its statuses equal to its configuration, no hitless violation occurred and no
+// segment is left. With --in-process the host and one publisher share this process, its event
+// loop and in-memory tables, followed by the audit in this process every 50 ms under churn and
+// with faults (--audit runs only that part).
 
 #include <signal.h>
 #include <sys/mman.h>
@@ -41,10 +43,12 @@ void say(const std::string& line) {
    std::cout << "slicedemo: " << line << std::endl;
 }
 
-pid_t spawn(const std::string& path, const std::vector<std::string>& args) {
+// Runs a tool of the system; its output goes to `out`, by default the demo's own.
+pid_t spawn(const std::string& path, const std::vector<std::string>& args, int out = -1) {
    std::cout << std::flush;
    pid_t pid = ::fork();
    if (pid != 0) return pid;
+   if (out >= 0) ::dup2(out, STDOUT_FILENO);
    // The host and the publishers stop (and clean up) when the demo dies, however it dies.
    ::prctl(PR_SET_PDEATHSIG, SIGTERM);
    sigset_t none;
@@ -143,7 +147,7 @@ void loopFor(Keel::EventLoop& loop, Orb::Seconds seconds) {
 // The faults go into the first served table: one entry dropped, one entry's data changed (which
 // only the hardware comparison sees, so it is switched on), and an entry that nobody placed.
 int auditFaults(Keel::EventLoop& loop, SliceSystem::AgentHost& host, AuditWatch& watch) {
-   const auto& engines = host.tableMgr()->mbbEngineSms();
+   const auto& engines = host.watcher()->tableMgr("slicepub")->mbbEngineSms();
    if (engines.empty()) {
       say("no table to inject faults into");
       return 1;
@@ -234,6 +238,18 @@ int auditDemo(const ChipModel::ChipProfile& profile, SliceSystem::PublisherOptio
    return clean && found ? 0 : 1;
 }
 
+// What the tour runs: the publishers' options as the user gave them (passed on to slicepub),
+// and what the demo needs to know of them.
+struct Tour {
+   std::vector<std::string> passOn;
+   SliceSystem::PublisherOptions options;
+   std::string profilePath;
+   // The largest single table, where the show commands and the faults go; empty without one.
+   std::string largest;
+   bool crash = true;
+   bool ecmp = true;
+};
+
 bool hostReady(const std::string& root, pid_t host) {
    Atlas::EntityManager names(root);
    for (int i = 0; i < 1000; ++i) {
@@ -244,33 +260,117 @@ bool hostReady(const std::string& root, pid_t host) {
    return false;
 }
 
-// The show commands against the host while the publisher works, on its largest table.
-void showCommands(const std::string& root, const SliceSystem::PublisherOptions& options,
-                  pid_t publisher) {
-   const SliceSystem::TableSpec* largest = nullptr;
-   for (const SliceSystem::TableSpec& spec : options.tables) {
-      if (!largest || spec.numEntries > largest->numEntries) largest = &spec;
+// What one slicecli run printed, how it ended and how long it took.
+struct CliRun {
+   int status = -1;
+   std::string out;
+   double seconds = 0;
+
+   bool answered() const { return WIFEXITED(status) && WEXITSTATUS(status) == 0; }
+   std::size_t count(std::string_view what) const {
+      std::size_t n = 0;
+      for (std::size_t at = out.find(what); at != std::string::npos; at = out.find(what, at + 1)) {
+         ++n;
+      }
+      return n;
    }
-   if (!largest) return;
-   auto publishing = [publisher] {
-      siginfo_t info{};
-      return ::waitid(P_PID, publisher, &info, WEXITED | WNOHANG | WNOWAIT) == 0 &&
-             info.si_pid == 0;
-   };
-   say("show commands while the publisher works:");
-   if (!SliceSystem::showCommandsRun(Agent::socketPathFor(root), largest->name, publishing,
-                                     [](const std::string& line) { say("  " + line); })) {
-      say("  the publisher ended before the host served " + largest->name);
+};
+
+CliRun cli(const std::string& root, const std::vector<std::string>& command) {
+   int fds[2];
+   CliRun run;
+   if (::pipe(fds) != 0) return run;
+   std::vector<std::string> args = {"--root", root};
+   args.insert(args.end(), command.begin(), command.end());
+   const auto t0 = std::chrono::steady_clock::now();
+   const pid_t pid = spawn(SLICECLI_PATH, args, fds[1]);
+   ::close(fds[1]);
+   char buffer[65536];
+   for (ssize_t n; (n = ::read(fds[0], buffer, sizeof buffer)) != 0;) {
+      if (n > 0) run.out.append(buffer, std::size_t(n));
+      if (n < 0 && errno != EINTR) break;
    }
+   ::close(fds[0]);
+   run.status = waitFor(pid);
+   run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - t0).count();
+   return run;
 }
 
-int twoProcesses(const std::vector<std::string>& passOn,
-                 const SliceSystem::PublisherOptions& options, const std::string& profilePath,
-                 bool crash) {
+std::string costText(const CliRun& run, std::size_t items, const char* what) {
+   if (!run.answered()) return "no answer (" + exitText(run.status) + ")";
+   char text[160];
+   std::snprintf(text, sizeof text, "%zu %s, %zu bytes in %.1f ms (%.0f %s/s)", items, what,
+                 run.out.size(), run.seconds * 1e3, run.seconds > 0 ? items / run.seconds : 0.0,
+                 what);
+   return text;
+}
+
+bool running(pid_t pid) {
+   siginfo_t info{};
+   return ::waitid(P_PID, pid, &info, WEXITED | WNOHANG | WNOWAIT) == 0 && info.si_pid == 0;
+}
+
+// The show commands through slicecli while a publisher works, on its largest table once the
+// host serves it.
+void showCommands(const std::string& root, const std::string& table, pid_t publisher) {
+   say("show commands through slicecli while the publishers work:");
+   while (cli(root, {"mbb", "agents"}).out.find(" table " + table + " ") == std::string::npos) {
+      if (!running(publisher)) {
+         say("  the publisher ended before the host served " + table);
+         return;
+      }
+      std::this_thread::sleep_for(std::chrono::milliseconds(20));
+   }
+   const CliRun agents = cli(root, {"mbb", "agents"});
+   say("  'mbb agents': " + costText(agents, agents.count("\n"), "lines"));
+   const CliRun engine = cli(root, {"mbb", "table", table, "pipe", "0", "key", "0"});
+   say("  'mbb table " + table +
+       " pipe 0 key 0': " + costText(engine, engine.count("\n"), "lines"));
+   const CliRun hw = cli(root, {"hw", "table", table, "pipe", "0"});
+   say("  'hw table " + table + " pipe 0': " + costText(hw, hw.count(":{"), "rows"));
+}
+
+// Faults behind the slice's back in the largest table, through the host's own commands: an
+// entry dropped, an entry's data changed (the host compares with hardware), an entry nobody
+// placed. Each must end in the failed-audit record; then the dropped entry is put back.
+bool auditFaults(const std::string& root, const std::string& table) {
+   say("faults injected into " + table + " through 'slicecli host fault':");
+   std::size_t injected = 0;
+   for (const char* kind : {"drop", "corrupt", "stray"}) {
+      const CliRun run = cli(root, {"host", "fault", kind, table});
+      say("  " + (run.answered() ? run.out.substr(0, run.out.find('\n')) : "refused: " + run.out));
+      injected += run.answered();
+   }
+   const auto giveUp = std::chrono::steady_clock::now() + std::chrono::seconds(60);
+   CliRun audit;
+   auto failedKeys = [&] {
+      audit = cli(root, {"host", "audit"});
+      return audit.count("FailedAuditStatusEntry");
+   };
+   while (failedKeys() < injected && std::chrono::steady_clock::now() < giveUp) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(200));
+   }
+   say("'host audit':");
+   std::cout << audit.out;
+   const CliRun restore = cli(root, {"host", "fault", "restore"});
+   say("'host fault restore': " + restore.out.substr(0, restore.out.find('\n')));
+   const bool found = injected == 3 && audit.count("FailedAuditStatusEntry") >= 3;
+   say("faults recorded by the audit: " + std::to_string(audit.count("FailedAuditStatusEntry")) +
+       " of " + std::to_string(injected) + (found ? "" : " (FAILED)"));
+   return found;
+}
+
+// The tour: a host, a publisher of single tables that dies mid-churn and its successor, a
+// publisher of the ECMP triple beside it, show commands while they work, faults found by the
+// audit, and the host's final status.
+int tour(const Tour& t) {
    std::string root = "slicedemo-" + std::to_string(::getpid());
-   std::vector<std::string> hostArgs = {"--root", root, "--status-interval", "0"};
-   if (!profilePath.empty()) hostArgs.insert(hostArgs.end(), {"--profile", profilePath});
-   say("root " + root + "; starting the agent host " SLICEHOST_PATH);
+   std::vector<std::string> hostArgs = {"--root",           root,   "--status-interval", "0",
+                                        "--audit-interval", "0.25", "--audit-hardware"};
+   if (!t.profilePath.empty()) hostArgs.insert(hostArgs.end(), {"--profile", t.profilePath});
+   say("root " + root +
+       "; starting the agent host " SLICEHOST_PATH
+       ", auditing every 0.25 s with the hardware comparison on");
    pid_t host = spawn(SLICEHOST_PATH, hostArgs);
    if (!hostReady(root, host)) {
       say("the agent host did not come up");
@@ -280,43 +380,55 @@ int twoProcesses(const std::vector<std::string>& passOn,
       return 1;
    }
    std::vector<std::string> pubArgs = {"--root", root};
-   if (!profilePath.empty()) pubArgs.insert(pubArgs.end(), {"--profile", profilePath});
-   pubArgs.insert(pubArgs.end(), passOn.begin(), passOn.end());
-
-   if (crash) {
-      std::uint64_t total = 0;
-      for (const SliceSystem::TableSpec& spec : options.tables) total += spec.numEntries;
-      auto crashAfter = total + std::uint64_t(total * options.churnFraction / 4) + 1;
-      say("a publisher that dies after " + std::to_string(crashAfter) +
-          " writes, in the middle of its churn");
+   if (!t.profilePath.empty()) pubArgs.insert(pubArgs.end(), {"--profile", t.profilePath});
+   pubArgs.insert(pubArgs.end(), t.passOn.begin(), t.passOn.end());
+   auto publisherArgs = [&](const char* name, std::vector<std::string> more) {
       std::vector<std::string> args = pubArgs;
-      args.insert(args.end(), {"--quiet", "--crash-after", std::to_string(crashAfter)});
-      int status = waitFor(spawn(SLICEPUB_PATH, args));
-      bool alive = ::waitpid(host, nullptr, WNOHANG) == 0;
+      args.insert(args.end(), {"--name", name});
+      args.insert(args.end(), more.begin(), more.end());
+      return args;
+   };
+   bool ok = true;
+
+   if (t.crash) {
+      std::uint64_t total = 0;
+      for (const SliceSystem::TableSpec& spec : t.options.tables) total += spec.numEntries;
+      auto crashAfter = total + std::uint64_t(total * t.options.churnFraction / 4) + 1;
+      say("publisher 'routes' with the single tables, dying after " + std::to_string(crashAfter) +
+          " writes, in the middle of its churn");
+      int status = waitFor(
+          spawn(SLICEPUB_PATH,
+                publisherArgs("routes", {"--quiet", "--crash-after", std::to_string(crashAfter)})));
+      bool alive = running(host);
       say("that publisher ended with " + exitText(status) + "; the agent host is " +
           (alive ? "still running" : "GONE"));
-      if (alive) {
-         // Its status line, from what the dead publisher left.
-         ::kill(host, SIGUSR1);
-         std::this_thread::sleep_for(std::chrono::milliseconds(200));
-      }
+      ok = ok && alive && WIFEXITED(status) && WEXITSTATUS(status) == 3;
    }
 
-   say("the publisher, with two bad announcements");
-   std::vector<std::string> args = pubArgs;
-   args.push_back("--bad-announcements");
-   pid_t pub = spawn(SLICEPUB_PATH, args);
-   showCommands(root, options, pub);
-   int pubStatus = waitFor(pub);
-   say("publisher ended with " + exitText(pubStatus) + "; stopping the agent host");
+   say("publisher 'routes' (again), with two bad announcements" +
+       std::string(t.ecmp ? ", and publisher 'ecmp' with the triple beside it" : ""));
+   pid_t routes = spawn(SLICEPUB_PATH, publisherArgs("routes", {"--bad-announcements"}));
+   pid_t ecmp = t.ecmp ? spawn(SLICEPUB_PATH, publisherArgs("ecmp", {"--ecmp-only"})) : 0;
+   if (!t.largest.empty()) showCommands(root, t.largest, routes);
+   for (auto [name, pid] : {std::pair("routes", routes), std::pair("ecmp", ecmp)}) {
+      if (pid == 0) continue;
+      const int status = waitFor(pid);
+      say(std::string("publisher '") + name + "' ended with " + exitText(status));
+      ok = ok && WIFEXITED(status) && WEXITSTATUS(status) == 0;
+   }
+
+   if (!t.largest.empty()) ok = auditFaults(root, t.largest) && ok;
+   const CliRun status = cli(root, {"host", "status"});
+   say("the host's status: " + status.out.substr(0, status.out.find('\n')));
+   say("stopping the agent host");
    ::kill(host, SIGTERM);
    int hostStatus = waitFor(host);
    std::size_t left = segmentsRemove(root);
    say("agent host ended with " + exitText(hostStatus) + "; " + std::to_string(left) +
-       " shared segments left behind (removed)");
-   bool ok = WIFEXITED(pubStatus) && WEXITSTATUS(pubStatus) == 0 && WIFEXITED(hostStatus) &&
-             WEXITSTATUS(hostStatus) == 0;
-   say(ok ? "OK" : "FAILED");
+       " shared segments left behind");
+   ok = ok && WIFEXITED(hostStatus) && WEXITSTATUS(hostStatus) == 0 && left == 0 &&
+        status.out.find("violations 0,") != std::string::npos;
+   say(ok ? "result: OK" : "result: FAILED");
    return ok ? 0 : 1;
 }
 
@@ -325,8 +437,9 @@ int twoProcesses(const std::vector<std::string>& passOn,
 int main(int argc, char** argv) {
    CLI::App app{
        "The whole system on the default chip and the routing table snapshot: an agent "
-       "host, a publisher that dies mid-way, one that replaces it, then the audit. "
-       "The publisher options are passed on to slicepub.",
+       "host, a publisher of single tables that dies mid-way and its successor, a publisher "
+       "of the ECMP triple, show commands, faults found by the audit. The publisher options "
+       "are passed on to slicepub.",
        "slicedemo"};
    bool local = false;
    bool auditOnly = false;
@@ -344,8 +457,7 @@ int main(int argc, char** argv) {
    SliceSystem::PublisherArgs pubArgs;
    SliceSystem::publisherArgsAdd(app, pubArgs);
    if (auto status = SliceSystem::argsParse(app, argc, argv)) return *status;
-   // The triple goes with the single tables unless asked otherwise; the publishers are told so.
-   const bool passEcmp = !noEcmp && !pubArgs.ecmp;
+   // The triple goes with the single tables unless asked otherwise.
    pubArgs.ecmp = pubArgs.ecmp || !noEcmp;
    ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    SliceSystem::PublisherOptions options;
@@ -361,19 +473,28 @@ int main(int argc, char** argv) {
       const int status = inProcess(profile, options);
       return std::max(status, auditDemo(profile, options));
    }
-   std::vector<std::string> passOn;
-   if (passEcmp) passOn.push_back("--ecmp");
+   Tour t;
+   t.options = options;
+   t.profilePath = profilePath;
+   t.crash = !noCrash;
+   t.ecmp = !noEcmp;
+   const SliceSystem::TableSpec* largest = nullptr;
+   for (const SliceSystem::TableSpec& spec : options.tables) {
+      if (!largest || spec.numEntries > largest->numEntries) largest = &spec;
+   }
+   if (largest) t.largest = largest->name;
+   // The publishers get the user's publisher options; the triple goes to a publisher of its own.
    for (int i = 1; i < argc; ++i) {
       std::string arg = argv[i];
-      if (arg == "--in-process" || arg == "--no-crash" || arg == "--audit" || arg == "--no-ecmp")
+      if (arg == "--in-process" || arg == "--no-crash" || arg == "--audit" || arg == "--no-ecmp" ||
+          arg == "--ecmp")
          continue;
       if (arg == "--profile") {
          ++i;
          continue;
       }
       if (arg.rfind("--profile=", 0) == 0) continue;
-      passOn.push_back(arg);
+      t.passOn.push_back(arg);
    }
-   const int status = twoProcesses(passOn, options, profilePath, !noCrash);
-   return std::max(status, auditDemo(profile, options));
+   return tour(t);
 }
