@@ -451,6 +451,8 @@ void schedule(ScheduleWorld& w) {
    figure("TableAudit one audit of all tables", duration, "s", "<= 30 s, no overshoot",
           clean && duration <= mgr->auditInterval() && mgr->overshotCnt() == 0);
    info("TableAudit overshoots", mgr->overshotCnt(), "");
+   info("TableAudit slice budget", mgr->processTime() * 1e3, "ms");
+   info("TableAudit rest between slices", mgr->continueInterval() * 1e3, "ms");
    info("TableAudit slices", static_cast<double>(slices.size()), "");
    info("TableAudit slices interrupted by a context switch",
         static_cast<double>(slices.size() - unswitched.size()), "");
