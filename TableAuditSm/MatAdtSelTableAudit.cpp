@@ -254,9 +254,9 @@ void MatAdtSelTableAuditSm::auditSelMbrKey(const MatAdtSelMbbEngineImpl& impl,
 
 // The engine's view is what hardware must hold: a member that the engine keeps active while
 // its configuration asks otherwise (the last active member of a vector) is active in hardware
-// too. Its data is the configuration's: the engine places a member with its configuration's
-// data, and a later configuration that keeps the member's action data member is taken to ask
-// for nothing new in hardware.
+// too. Its data must be the configuration's. The engine places a member's data only when it
+// adds the member, so a configuration that changes the data but keeps the action data member
+// is found here: the chip still holds the data first placed.
 std::optional<AuditFailReason> MatAdtSelTableAuditSm::selMbrHwMismatch(
     const SelGrpState& sgs, const SelMbrState& issued, const SelMbrEntryConfig& config) const {
    const std::uint32_t selIndex = sgs.baseIndex() + issued.selMbrKey().vector();
