@@ -6,8 +6,9 @@
 // and found by the audit, and the host's final status; "result: OK" only when every publisher
 // converged with its statuses equal to its configuration, no hitless violation occurred and no
 // segment is left. With --in-process the host and one publisher share this process, its event
-// loop and in-memory tables, followed by the audit in this process every 50 ms under churn and
-// with faults (--audit runs only that part).
+// loop and in-memory tables. Either way the demo ends with the audit in this process, every
+// 50 ms, first under a publisher's churn, then with faults of every kind injected into the chip,
+// in a single table and in the triple (--audit runs only that part).
 
 #include <signal.h>
 #include <sys/mman.h>
@@ -19,6 +20,7 @@
 #include <chrono>
 #include <filesystem>
 #include <iostream>
+#include <optional>
 #include <set>
 #include <string>
 #include <thread>
@@ -144,14 +146,41 @@ void loopFor(Keel::EventLoop& loop, Orb::Seconds seconds) {
    for (Orb::Seconds now; (now = Orb::activityTimeSource()->now()) < end;) loop.runOnce(end - now);
 }
 
-// The faults go into the first served table: one entry dropped, one entry's data changed (which
-// only the hardware comparison sees, so it is switched on), and an entry that nobody placed.
-int auditFaults(Keel::EventLoop& loop, SliceSystem::AgentHost& host, AuditWatch& watch) {
-   const auto& engines = host.watcher()->tableMgr("slicepub")->mbbEngineSms();
-   if (engines.empty()) {
-      say("no table to inject faults into");
-      return 1;
-   }
+// A fault put into the chip behind the slice's back, the identifier the failed-audit record
+// names it by, and what undoes it so that the engines can take their entries out at the end.
+struct DemoFault {
+   std::string what;
+   ChipModel::Fault fault;
+   std::uint64_t identifier = 0;
+   std::optional<ChipModel::Fault> heal;
+};
+
+ChipModel::Fault faultOf(const ChipDriver::ChipDevTgt& devTgt, std::uint32_t tblHdl,
+                         ChipModel::FaultKind kind, std::uint32_t hdl, std::uint32_t index = 0,
+                         std::uint32_t subIndex = 0, std::uint32_t grpHdl = 0) {
+   ChipModel::Fault f;
+   f.kind = kind;
+   f.devId = devTgt.devId;
+   f.pipe = devTgt.pipeId;
+   f.tblHdl = tblHdl;
+   f.hdl = hdl;
+   f.index = index;
+   f.subIndex = subIndex;
+   f.grpHdl = grpHdl;
+   return f;
+}
+
+ChipModel::Fault undone(ChipModel::Fault f, ChipModel::FaultKind kind) {
+   f.kind = kind;
+   return f;
+}
+
+// In the first single table: an entry dropped, one whose data changed, one that nobody placed.
+bool singleFaults(const SliceSystem::AgentHost& host, std::vector<DemoFault>& faults) {
+   using ChipModel::FaultKind;
+   const auto mgr = host.watcher()->tableMgr(SliceSystem::singlesName("slicepub"));
+   if (!mgr || mgr->mbbEngineSms().empty()) return false;
+   const auto& engines = mgr->mbbEngineSms();
    const auto& [key, engine] = *engines.begin();
    std::vector<Vault::MbbEngine::EntryConfig> live;
    std::set<std::uint32_t> usedIndex;
@@ -165,52 +194,156 @@ int auditFaults(Keel::EventLoop& loop, SliceSystem::AgentHost& host, AuditWatch&
    std::uint32_t strayIndex = 0;
    while (usedIndex.contains(strayIndex)) ++strayIndex;
    if (live.size() < 2 || strayIndex >= host.chip().tableProfile(key.tableId())->size) {
-      say("table " + key.name() + " too small for the faults");
+      return false;
+   }
+   const auto& dropped = live.front();
+   const auto& changed = live.back();
+   const std::uint32_t strayHdl = maxHdl + 0x100;
+   const auto fault = [&](FaultKind kind, std::uint32_t hdl, std::uint32_t index = 0) {
+      return faultOf(key.devTgt(), key.tableId(), kind, hdl, index);
+   };
+   const std::string in = " in " + key.name();
+   faults.push_back({"entry dropped" + in, fault(FaultKind::drop, dropped.entryHandle()),
+                     dropped.key().value(),
+                     fault(FaultKind::stray, dropped.entryHandle(), dropped.index())});
+   faults.push_back({"entry changed" + in, fault(FaultKind::corrupt, changed.entryHandle()),
+                     changed.key().value(), std::nullopt});
+   faults.push_back({"entry nobody placed" + in, fault(FaultKind::stray, strayHdl, strayIndex),
+                     strayHdl, fault(FaultKind::drop, strayHdl)});
+   return true;
+}
+
+// In the ECMP triple: a next hop (action data entry) dropped, one changed, one that nobody
+// placed; a selector member dropped and one changed, each beside another active member of its
+// vector, and one that nobody placed in a free slot of a group's vector.
+bool tripleFaults(const SliceSystem::AgentHost& host, std::vector<DemoFault>& faults) {
+   using ChipModel::FaultKind;
+   const auto mgr = host.watcher()->matAdtSelTableMgr(SliceSystem::triplesName("slicepub"));
+   if (!mgr || mgr->matAdtSelSliceSms().empty()) return false;
+   const auto& [key, sm] = *mgr->matAdtSelSliceSms().begin();
+   const ChipMbbSlice::MatAdtSelMbbEngineImpl& impl = *sm->matAdtSelImpl();
+   const std::uint32_t adtHdl = impl.adtTableHandle();
+   const std::uint32_t selHdl = impl.selTableHandle();
+   std::vector<ChipMbbShared::AdtEntryConfig> nextHops;
+   std::uint32_t maxMbrHdl = 0;
+   for (const auto& [k, config] : *sm->adtTableConfig()) {
+      if (config.isDel() || !impl.currentAdt(k)) continue;
+      nextHops.push_back(config);
+      maxMbrHdl = std::max(maxMbrHdl, config.mbrHdl());
+   }
+   // Members whose group and configuration agree with the engine, two of different groups.
+   std::vector<std::pair<Orb::Ptr<ChipMbbSlice::SelGrpState>, Orb::Ptr<ChipMbbSlice::SelMbrState>>>
+       members;
+   for (const auto& [grpKey, sgs] : impl.currentSelGrps()) {
+      for (const auto& [mbrKey, sms] : sgs->issuedSelMbrs()) {
+         const ChipMbbSlice::VectorIndex vi(mbrKey.vector());
+         if (!sms->active() || sgs->activeMbrCnt(vi) < 3 ||
+             sm->selMbrTableConfig()->entry(mbrKey).opId() != sms->opId()) {
+            continue;
+         }
+         members.emplace_back(sgs, sms);
+         break;
+      }
+      if (members.size() == 2) break;
+   }
+   if (nextHops.size() < 2 || members.size() < 2) return false;
+   const auto adt = [&](FaultKind kind, std::uint32_t hdl) {
+      return faultOf(key.devTgt(), adtHdl, kind, hdl);
+   };
+   const auto& dropped = nextHops.front();
+   const auto& changed = nextHops.back();
+   faults.push_back({"next hop dropped", adt(FaultKind::drop, dropped.mbrHdl()),
+                     dropped.key().value(), adt(FaultKind::stray, dropped.mbrHdl())});
+   faults.push_back({"next hop changed", adt(FaultKind::corrupt, changed.mbrHdl()),
+                     changed.key().value(), std::nullopt});
+   faults.push_back({"next hop nobody placed", adt(FaultKind::stray, maxMbrHdl + 0x100),
+                     maxMbrHdl + 0x100, adt(FaultKind::drop, maxMbrHdl + 0x100)});
+   const auto member = [&](FaultKind kind, const ChipMbbSlice::SelGrpState& sgs,
+                           const ChipMbbSlice::SelMbrState& sms, std::uint32_t subIndex) {
+      return faultOf(key.devTgt(), selHdl, kind, sms.mbrHdl(),
+                     sgs.baseIndex() + sms.selMbrKey().vector(), subIndex, sgs.grpHdl());
+   };
+   const auto& [dropGrp, dropMbr] = members.front();
+   const auto& [changeGrp, changeMbr] = members.back();
+   const ChipModel::Fault drop =
+       member(FaultKind::drop, *dropGrp, *dropMbr, dropMbr->selMbrKey().subIndex());
+   faults.push_back({"selector member dropped", drop, dropMbr->selMbrKey().value(),
+                     undone(drop, FaultKind::stray)});
+   faults.push_back(
+       {"selector member changed",
+        member(FaultKind::corrupt, *changeGrp, *changeMbr, changeMbr->selMbrKey().subIndex()),
+        changeMbr->selMbrKey().value(), std::nullopt});
+   // The highest sub-index of the changed member's vector that its group leaves free.
+   std::uint32_t freeSub = ChipMbbShared::SelMbrEntryKey::numSubIndices - 1;
+   const auto taken = [&](std::uint32_t sub) {
+      return changeGrp->issuedSelMbr(ChipMbbShared::SelMbrEntryKey(
+                 changeGrp->key(), changeMbr->selMbrKey().vector(), sub)) != nullptr;
+   };
+   while (freeSub > 0 && taken(freeSub)) --freeSub;
+   const ChipModel::Fault stray = member(FaultKind::stray, *changeGrp, *changeMbr, freeSub);
+   faults.push_back({"selector member nobody placed", stray,
+                     std::uint64_t{stray.index} << 7 | freeSub, undone(stray, FaultKind::drop)});
+   return true;
+}
+
+// Faults of every kind the chip can have, in a single table and in the triple, with the
+// hardware comparison on (without it the audit reads neither data nor selector members back):
+// each shown as it is flagged, notified to the engine and recorded as failed.
+int auditFaults(Keel::EventLoop& loop, SliceSystem::AgentHost& host, AuditWatch& watch) {
+   std::vector<DemoFault> faults;
+   if (!singleFaults(host, faults)) {
+      say("no single table large enough for the faults");
       return 1;
    }
-   auto fault = [&](ChipModel::FaultKind kind, std::uint32_t hdl, std::uint32_t index) {
-      ChipModel::Fault f;
-      f.kind = kind;
-      f.devId = key.devTgt().devId;
-      f.pipe = key.devTgt().pipeId;
-      f.tblHdl = key.tableId();
-      f.hdl = hdl;
-      f.index = index;
-      return host.faultInject(f) == BF_SUCCESS;
-   };
-   const auto& dropped = live.front();
-   const auto& corrupted = live.back();
-   const std::uint32_t strayHdl = maxHdl + 0x100;
+   if (!tripleFaults(host, faults)) say("no triple to inject faults into");
    host.auditMgr()->auditPolicy()->auditHardwareIs(true);
-   say("injecting faults into " + key.name() + ", hardware comparison on");
-   bool injected = fault(ChipModel::FaultKind::drop, dropped.entryHandle(), 0) &&
-                   fault(ChipModel::FaultKind::corrupt, corrupted.entryHandle(), 0) &&
-                   fault(ChipModel::FaultKind::stray, strayHdl, strayIndex);
+   say("injecting " + std::to_string(faults.size()) + " faults, hardware comparison on");
+   bool injected = true;
+   for (const DemoFault& f : faults) {
+      say("  " + f.what);
+      injected &= host.faultInject(f.fault) == BF_SUCCESS;
+   }
    const auto& failed = host.auditMgr()->failedAuditStatus()->failedEntries();
    auto numFound = [&] {
-      std::set<std::uint64_t> found;
-      for (const auto& [time, entry] : failed) found.insert(entry.identifier());
-      return found.contains(dropped.key().value()) + found.contains(corrupted.key().value()) +
-             found.contains(strayHdl);
+      std::set<std::uint64_t> recorded;
+      for (const auto& [time, entry] : failed) recorded.insert(entry.identifier());
+      return std::count_if(faults.begin(), faults.end(),
+                           [&](const DemoFault& f) { return recorded.contains(f.identifier); });
    };
+   const auto numFaults = static_cast<std::ptrdiff_t>(faults.size());
    // A fault is recorded once it has failed `failAuditLimit` audits in a row; a large table
    // takes several audit intervals per audit.
    watch.show = true;
-   const Orb::Seconds giveUp = Orb::activityTimeSource()->now() + 60;
-   while (injected && numFound() < 3 && Orb::activityTimeSource()->now() < giveUp) {
+   const Orb::Seconds giveUp = Orb::activityTimeSource()->now() + 120;
+   while (injected && numFound() < numFaults && Orb::activityTimeSource()->now() < giveUp) {
       loopFor(loop, 0.1);
    }
    watch.show = false;
    say("failed-audit record:");
    for (const auto& [time, entry] : failed) std::cout << "  " << Orb::toString(entry) << std::endl;
-   say("faults recorded: " + std::to_string(numFound()) + " of 3");
-   // The operator puts the dropped entry back, so that the table can be taken down cleanly.
-   fault(ChipModel::FaultKind::stray, dropped.entryHandle(), dropped.index());
-   return injected && numFound() == 3 ? 0 : 1;
+   say("faults recorded: " + std::to_string(numFound()) + " of " + std::to_string(numFaults));
+   // The operator puts back what went and takes out what nobody placed, so that the tables can
+   // be taken down cleanly.
+   for (const DemoFault& f : faults) {
+      if (f.heal) host.faultInject(*f.heal);
+   }
+   return injected && numFound() == numFaults ? 0 : 1;
 }
 
 int auditDemo(const ChipModel::ChipProfile& profile, SliceSystem::PublisherOptions options) {
    say("the audit every 50 ms, first under churn, then with faults (in this process)");
+   if (options.ecmp) {
+      // A smaller router than the main job's, so that one audit of everything takes well under
+      // a second and several run during the churn.
+      SliceSystem::EcmpSizes& sizes = options.ecmp->workload.sizes;
+      sizes.numNextHops = 512;
+      sizes.numGroups = 512;
+      sizes.numMembers = 512 * 16;
+      sizes.maxGroupMembers = 16;
+      sizes.numRoutes = 2048;
+   } else {
+      say("no ECMP triple (--no-ecmp): the faults go into a single table only");
+   }
    Keel::EventLoop loop;
    SliceSystem::AgentHostOptions hostOptions;
    hostOptions.profile = profile;
@@ -221,11 +354,20 @@ int auditDemo(const ChipModel::ChipProfile& profile, SliceSystem::PublisherOptio
    SliceSystem::LocalPublishTarget target(host);
    options.log = [](const std::string&) {};
    SliceSystem::Publisher publisher(target, options);
-   bool published = publisher.run().ok();
-   // Further rounds of churn, each waiting on the event loop until it is in hardware, so that
-   // audits keep running while the configuration changes.
-   for (int round = 0; round < 30 && published; ++round) {
-      published = publisher.churn().converged();
+   // The tables are published and the triple built; a publisher's full run would take the
+   // triple down again at its end.
+   const auto converged = [](const std::optional<SliceSystem::PhaseResult>& phase) {
+      return !phase || phase->converged();
+   };
+   bool published = publisher.publish().converged() &&
+                    converged(publisher.ecmpPhase(SliceSystem::EcmpPhaseKind::build));
+   // Further rounds of churn of the single tables and the triple, each waiting on the event
+   // loop until it is in hardware, so that audits keep running while the configuration changes.
+   for (std::size_t round = 0; published && round < 100 && (round < 30 || watch.audits < 6);
+        ++round) {
+      published = publisher.churn().converged() &&
+                  converged(publisher.ecmpPhase(
+                      SliceSystem::ecmpChurnPhases[round % SliceSystem::ecmpChurnPhases.size()]));
       loopFor(loop, 0.05);
    }
    loopFor(loop, 0.25);
@@ -496,5 +638,5 @@ int main(int argc, char** argv) {
       if (arg.rfind("--profile=", 0) == 0) continue;
       t.passOn.push_back(arg);
    }
-   return tour(t);
+   return std::max(tour(t), auditDemo(profile, options));
 }

@@ -118,7 +118,8 @@ int main(int argc, char** argv) {
                   "start an audit of the served tables every S seconds (default 30)")
        ->check(SliceSystem::numberIn(0.001, maxSeconds));
    app.add_flag("--audit-hardware", options.auditHardware,
-                "the audit also compares every entry with what the chip holds");
+                "the audit also compares every entry, action data entry and selector member "
+                "with what the chip holds");
    std::string group;
    app.add_option("--group", group,
                   "also serve segments owned by this group (default: only this user's)");

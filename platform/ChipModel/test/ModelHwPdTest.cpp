@@ -1,4 +1,7 @@
 #include <string>
+#include <tuple>
+#include <utility>
+#include <vector>
 
 #include <sys/socket.h>
 #include <unistd.h>
@@ -69,6 +72,25 @@ TEST_F(ModelHwPdTest, AnswersWhatTheAuditAsks) {
    EXPECT_NE(hwPd->adtMbrHdlsNext(1, 0, 0, routeHdl, 0, 8, hdls), BF_SUCCESS);
    EXPECT_TRUE(hwPd->entryIsEqual(1, 0, 0, routeAdtHdl, 3, plainBlock(3).data()));
    EXPECT_FALSE(hwPd->entryIsEqual(1, 0, 0, routeAdtHdl, 3, plainBlock(1).data()));
+
+   // Selector members by position: one at a time, a vector's all, and their data.
+   ASSERT_EQ(selAdd(0x77, 3, 4, 5), BF_SUCCESS);
+   ASSERT_EQ(selAdd(0x77, 1, 4, 2), BF_SUCCESS);
+   HwPd::SelMbrValue mbr;
+   EXPECT_EQ(hwPd->selMbr(1, 0, 0, routeSelHdl, 4, 5, mbr), BF_SUCCESS);
+   EXPECT_EQ(std::tuple(mbr.subIndex, mbr.grpHdl, mbr.mbrHdl, mbr.active),
+             std::tuple(5u, 0x77u, 3u, true));
+   EXPECT_EQ(hwPd->selMbr(1, 0, 0, routeSelHdl, 4, 3, mbr), BF_OBJECT_NOT_FOUND);
+   EXPECT_NE(hwPd->selMbr(1, 0, 0, routeAdtHdl, 4, 5, mbr), BF_SUCCESS);
+   std::vector<HwPd::SelMbrValue> mbrs;
+   EXPECT_EQ(hwPd->selVectorMbrs(1, 0, 0, routeSelHdl, 4, mbrs), BF_SUCCESS);
+   ASSERT_EQ(mbrs.size(), 2u);
+   EXPECT_EQ(std::pair(mbrs[0].subIndex, mbrs[1].subIndex), std::pair(2u, 5u));
+   EXPECT_EQ(hwPd->selVectorMbrs(1, 0, 0, routeSelHdl, 5, mbrs), BF_OBJECT_NOT_FOUND);
+   EXPECT_TRUE(mbrs.empty());
+   EXPECT_TRUE(hwPd->selMbrIsEqual(1, 0, 0, routeSelHdl, 4, 5, plainBlock().data()));
+   EXPECT_FALSE(hwPd->selMbrIsEqual(1, 0, 0, routeSelHdl, 4, 5, plainBlock(1).data()));
+   EXPECT_FALSE(hwPd->selMbrIsEqual(1, 0, 0, routeSelHdl, 4, 3, plainBlock().data()));
 }
 
 TEST_F(ModelHwPdTest, PrintsSchemaEntriesAndPlacementData) {
