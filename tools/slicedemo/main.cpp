@@ -638,5 +638,6 @@ int main(int argc, char** argv) {
       if (arg.rfind("--profile=", 0) == 0) continue;
       t.passOn.push_back(arg);
    }
-   return std::max(tour(t), auditDemo(profile, options));
+   const int status = tour(t);
+   return std::max(status, auditDemo(profile, options));
 }
