@@ -67,6 +67,11 @@ ChipSliceMatAdtSelTableMgrSm::~ChipSliceMatAdtSelTableMgrSm() {
    tablesTakeDown();
 }
 
+std::vector<std::uint32_t> ChipSliceMatAdtSelTableMgrSm::chipTables(const Key& key,
+                                                                    const MountEntry& entry) {
+   return {key.tableId(), entry.adtTableId(), entry.selTableId()};
+}
+
 std::vector<std::string> ChipSliceMatAdtSelTableMgrSm::mountedPaths(const MountEntry& entry) {
    std::vector<std::string> paths = {entry.matConfigPath(),    entry.adtConfigPath(),
                                      entry.selGrpConfigPath(), entry.selMbrConfigPath(),
@@ -239,6 +244,7 @@ void ChipSliceMatAdtSelTableMgrSm::tableTakeDown(const Key& key) {
    const MountEntry entry = mountInfo(key);
    matAdtSelSliceSmDel(key);
    for (const std::string& path : mountedPaths(entry)) entityManager_->unmount(path);
+   chipTablesRelease(key, entry);
    mountInfoDel(key);
    debugDel(key);
    if (tableAuditMgrSm()) tableAuditMgrSm()->delMatAdtSelTable(key);

@@ -70,6 +70,8 @@ class ChipSliceMatAdtSelTableMgrSm
 
    // The collections a table announced with `entry` is served from, mounted outside test mode.
    static std::vector<std::string> mountedPaths(const MountEntry& entry);
+   // The chip tables it programs.
+   static std::vector<std::uint32_t> chipTables(const Key& key, const MountEntry& entry);
 
    // Running triples. A front leaves the collection before it is destroyed, so that nothing
    // reaches it through the manager while it takes its entries out of hardware.

@@ -52,6 +52,10 @@ ChipSliceTableMgrSm::~ChipSliceTableMgrSm() {
    tablesTakeDown();
 }
 
+std::vector<std::uint32_t> ChipSliceTableMgrSm::chipTables(const Key& key, const MountEntry&) {
+   return {key.tableId()};
+}
+
 std::vector<std::string> ChipSliceTableMgrSm::mountedPaths(const MountEntry& entry) {
    if (!entry.needStatus()) return {entry.configPath()};
    return {entry.configPath(), entry.statusPath()};
@@ -188,6 +192,7 @@ void ChipSliceTableMgrSm::tableTakeDown(const Key& key) {
    const MountEntry entry = mountInfo(key);
    mbbEngineSmDel(key);
    for (const std::string& path : mountedPaths(entry)) entityManager_->unmount(path);
+   chipTablesRelease(key, entry);
    tableScopeDel(key.tableId());
    mountInfoDel(key);
    debugDel(key);

@@ -62,6 +62,8 @@ class ChipSliceTableMgrSm
 
    // The collections a table announced with `entry` is served from, mounted outside test mode.
    static std::vector<std::string> mountedPaths(const MountEntry& entry);
+   // The chip tables it programs.
+   static std::vector<std::uint32_t> chipTables(const Key& key, const MountEntry& entry);
 
    // Running engines. A null engine is refused with Brio::RangeException. An engine leaves the
    // collection before it is destroyed: it takes its entries out of hardware as it goes, and

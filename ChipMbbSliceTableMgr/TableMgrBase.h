@@ -12,6 +12,7 @@
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
 #include "ChipMbbSliceTableMgr/detail/MgrTrace.h"
+#include "ChipMbbSliceTableMgr/detail/TableClaims.h"
 #include "HwPd/ChipId.h"
 #include "HwPd/HwResourceInfo.h"
 #include "Keel/TimerWheel.h"
@@ -29,7 +30,8 @@ namespace ChipMbbSlice {
 // carry the mount decision, and the decision itself: which published announcements are
 // current, which running tables go, and the order in which that is found out. The managers
 // differ only in what a table is made of, so `Mgr` supplies, to this base only:
-//   static orbTypeName, traceClass, testmodeUnmountText, mountedPaths(entry); tableRunning(key),
+//   static orbTypeName, traceClass, testmodeUnmountText, mountedPaths(entry), chipTables(key,
+//   entry); tableRunning(key),
 //   runningKeys(), runningTablesDelAll(), fitsChip(key, entry), mountTable(key, entry),
 //   unmountTable(key), tableTakeDown(key) and auditRegisterAll().
 // `Mgr::Notifiee` derives from `CommonNotifiee` and adds the reactors of its own attributes.
@@ -83,6 +85,7 @@ class TableMgrBase : public Orb::Entity<Mgr> {
       mountInfoReactor_.notifierIs(tableMountInfoDir_.get());
       mountConfigReactor_.notifierIs(mountConfig_.get());
    }
+   ~TableMgrBase() override { detail::TableClaims::process().releaseAll(this); }
 
    Orb::Ptr<const MountInfoDir> tableMountInfoDir() const { return tableMountInfoDir_; }
    const Orb::Ptr<Atlas::EntityManager>& entityManager() const { return entityManager_; }
@@ -189,8 +192,9 @@ class TableMgrBase : public Orb::Entity<Mgr> {
          return;
       }
       if (!currentAnnouncement(key, entry)) return;
-      if (!self().fitsChip(key, entry)) return;
+      if (!self().fitsChip(key, entry) || !chipTablesClaim(key, entry)) return;
       self().mountTable(key, entry);
+      if (!self().tableRunning(key)) chipTablesRelease(key, entry);
    }
 
    // Takes a running table down as if it were withdrawn; its owner does so when one of the
@@ -220,6 +224,23 @@ class TableMgrBase : public Orb::Entity<Mgr> {
    auto notifier(void (Notifiee::*reactor)(Params...)) {
       return
           [this, reactor](const auto&... args) { this->notifieeList().notify(reactor, args...); };
+   }
+
+   // The chip tables a running key uses are this manager's until the key is taken down.
+   bool chipTablesClaim(const Key& key, const MountEntry& entry) {
+      if (detail::TableClaims::process().take(this, key.devTgt().devId,
+                                              Mgr::chipTables(key, entry))) {
+         return true;
+      }
+      DUALLOG(sliceLog, detail::badEntryLevel,
+              "skipping " << key.name() << ": hdl:0x" << std::hex << key.tableId() << std::dec
+                          << " is served for another feature agent");
+      FLASHLOG(detail::badEntryLevel, 0u,
+               ":skipping served elsewhere:", detail::recordName(key.name()));
+      return false;
+   }
+   void chipTablesRelease(const Key& key, const MountEntry& entry) {
+      detail::TableClaims::process().release(this, key.devTgt().devId, Mgr::chipTables(key, entry));
    }
 
    // The first steps of taking a running table down; false when it stays, as in test mode.

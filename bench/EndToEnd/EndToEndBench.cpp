@@ -369,8 +369,8 @@ std::size_t segmentsUnder(const std::string& root) {
 // A publication of 16 tables rebuilt after its publisher was replaced, beside the first
 // publication in the same run, each timed from the publisher's directory (what the host is
 // told of) to the last status: the rebuild also takes the old entries out. Then a hundred
-// replacements of a small publication, after each of which the host's mounts and the root's
-// segments must be what they were after the first.
+// replacements of it by a small publication, after each of which the host's mounts and the
+// root's segments must be what they were after the first.
 void replaceScenario(std::uint32_t scale) {
    const Scenario s{"replace", 16, 65536, 65536 / scale};
    const ChipModel::ChipProfile profile = profileFor(s);
@@ -411,7 +411,7 @@ void replaceScenario(std::uint32_t scale) {
    std::optional<std::pair<std::uint64_t, std::size_t>> baseline;
    bool steady = true;
    for (int i = 0; i < 100 && steady; ++i) {
-      SliceSystem::ShmPublishTarget target(loop, root, "small");
+      SliceSystem::ShmPublishTarget target(loop, root, "bench");
       SliceSystem::PublisherOptions options = optionsFor(profile, s);
       options.tables.resize(1);
       options.tables[0].numEntries = 64;
