@@ -135,33 +135,6 @@ TEST(MatAdtSelTableAuditTest, EachSubTableKeyGetsTheFirstReasonInCheckOrder) {
    t.adtFault(FaultKind::stray, 0x13);  // the engine's clean-up takes it out again
 }
 
-// Faults injected into the ADT behind the engine's back climb the thresholds audit by audit:
-// flagged, then the key notified to the dependency engine, then recorded, key and handle alike.
-TEST(MatAdtSelTableAuditTest, InjectedAdtFaultsAreNotifiedThenRecorded) {
-   TripleAudit t;
-   t.build();
-   t.audit();
-   ASSERT_EQ(t.adtFault(FaultKind::drop, 0x12), BF_SUCCESS);
-   ASSERT_EQ(t.adtFault(FaultKind::stray, 0x30), BF_SUCCESS);
-   t.clock->stepIs(1e-7);  // records made in one slice are told apart by their time
-   const auto& failed = *t.mgr->failedAuditStatus();
-   std::vector<std::pair<std::uint32_t, std::size_t>> seen;
-   for (int audit = 1; audit <= 4; ++audit) {
-      t.audit();
-      seen.emplace_back(t.sm().adtFlagSm()->mbbNotifier()->notificationCount(),
-                        failed.numFailedEntries());
-   }
-   EXPECT_THAT(seen, ElementsAre(std::pair(0u, 0u), std::pair(1u, 0u), std::pair(1u, 2u),
-                                 std::pair(1u, 4u)));
-   std::set<std::pair<std::uint64_t, AuditFailReason>> records;
-   for (const auto& [time, entry] : failed.failedEntries()) {
-      records.emplace(entry.identifier(), entry.reason());
-   }
-   EXPECT_THAT(records, ElementsAre(std::pair(2ull, AuditFailReason::adtEntryNotInSdk),
-                                    std::pair(0x30ull, AuditFailReason::adtSdkHandleNotInMbb)));
-   t.adtFault(FaultKind::stray, 0x12);
-}
-
 // Faults in action data and selector members are seen only when the chip is read back: with the
 // comparison off nothing is flagged, with it on each with its own reason, members the chip holds
 // in a group's vector and in a vector of no group alike.
