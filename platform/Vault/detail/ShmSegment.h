@@ -72,6 +72,11 @@ class Segment {
    // check it after every operation.
    bool lost() const;
 
+   // Pages in the slots below `slots` ahead of their use, and a little beyond.
+   void slotsPopulate(std::uint32_t slots) {
+      if (slots >= populatedSlots_) slotsPopulateMore(slots);
+   }
+
    bool writerAlive() const;
    // Writer: removes the segment's name, so that no reader can map it any more and a new
    // writer may create it afresh. Whoever mapped it keeps the memory.
@@ -82,7 +87,9 @@ class Segment {
 
  private:
    Segment(std::string shmName, unsigned char* base, std::size_t mappedSize, Geometry geometry,
-           bool owner);
+           bool owner, int guard);
+   void populate(std::uint64_t from, std::uint64_t to) const;
+   void slotsPopulateMore(std::uint32_t slots);
 
    std::string shmName_;
    unsigned char* base_;
@@ -91,7 +98,8 @@ class Segment {
    bool owner_;
    bool linked_;
    int pokeFd_ = -1;
-   int guard_ = -1;
+   int guard_;
+   std::uint32_t populatedSlots_ = 0;
 };
 
 // A reader's doorbell: a datagram socket whose name it leaves in one of the segment's waiter

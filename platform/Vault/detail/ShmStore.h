@@ -174,6 +174,8 @@ class ShmStore : public Store<K, V> {
          doorbell_->arm();
          if (segment_->header().ringHead.load(std::memory_order_seq_cst) == cursor_) break;
       }
+      segment_->slotsPopulate(std::min(segment_->header().slotsUsed.load(std::memory_order_relaxed),
+                                       geometry().capacity));
       lostCheck();
       if (ordered_) orderedPending_.insert(orderedPending_.end(), changed.begin(), changed.end());
       // Nobody walked in order for a whole table's worth of changes: a scan is cheaper then.
@@ -313,6 +315,7 @@ class ShmStore : public Store<K, V> {
          free_.pop_back();
          return slot;
       }
+      segment_->slotsPopulate(slotsUsed_);
       segment_->header().slotsUsed.store(slotsUsed_ + 1, std::memory_order_release);
       return slotsUsed_++;
    }
