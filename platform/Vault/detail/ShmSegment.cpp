@@ -133,13 +133,14 @@ std::string shmPath(const std::string& shmName) {
 bool staleSegment(const std::string& shmName) {
    int fd = ::shm_open(shmName.c_str(), O_RDONLY, 0);
    if (fd < 0 && errno == EACCES) {
-      throw MountException("cannot take over " + shmName + ": permission denied (another user's)");
+      throw ForeignSegmentException("cannot take over " + shmName +
+                                    ": permission denied (another user's)");
    }
    if (fd < 0) return errno == ENOENT;
    struct stat st {};
    if (::fstat(fd, &st) == 0 && !foreignOwner(st).empty()) {
       ::close(fd);
-      throw MountException("cannot take over " + shmName + ": " + foreignOwner(st));
+      throw ForeignSegmentException("cannot take over " + shmName + ": " + foreignOwner(st));
    }
    std::uint32_t pid = makerOf(shmName);
    if (pid == 0 &&
@@ -324,8 +325,9 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
    if (fd < 0) throw MountException(sysError("cannot create", shmName));
    const std::size_t size = geometry->totalSize;
    Mapping m;
+   struct stat st {};
    try {
-      if (::ftruncate(fd, static_cast<off_t>(size)) != 0) {
+      if (::ftruncate(fd, static_cast<off_t>(size)) != 0 || ::fstat(fd, &st) != 0) {
          throw MountException(sysError("cannot size", shmName));
       }
       m = mapGuarded(fd, size, shmName);
@@ -364,12 +366,19 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
       unmap(m);
       throw MountException(refusal);
    }
-   return std::unique_ptr<Segment>(new Segment(shmName, m.base, size, *geometry, true, m.guard));
+   auto segment =
+       std::unique_ptr<Segment>(new Segment(shmName, m.base, size, *geometry, true, m.guard));
+   segment->file_ = {std::uint64_t(st.st_dev), std::uint64_t(st.st_ino)};
+   return segment;
 }
 
 std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_view typeName,
                                        std::uint32_t keySize, std::uint32_t valueSize) {
    int fd = ::shm_open(shmName.c_str(), O_RDWR, 0);
+   if (fd < 0 && errno == EACCES) {
+      throw ForeignSegmentException("not serving " + shmName +
+                                    ": permission denied (another user's)");
+   }
    if (fd < 0) throw MountException(sysError("cannot open table", shmName));
    struct FdCloser {
       int fd;
@@ -378,7 +387,7 @@ std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_v
    struct stat st {};
    if (::fstat(fd, &st) != 0) throw MountException(sysError("cannot stat table", shmName));
    if (std::string foreign = foreignOwner(st); !foreign.empty()) {
-      throw MountException("not serving " + shmName + ": " + foreign);
+      throw ForeignSegmentException("not serving " + shmName + ": " + foreign);
    }
    // The header is read with pread: a file cut short meanwhile gives a short read, not a fault.
    // Only what it describes is mapped, once it has been checked against the file's size.
@@ -425,7 +434,12 @@ void Segment::unlink() {
    if (!linked_) return;
    linked_ = false;
    if (!lost()) header().writerPid.store(0, std::memory_order_release);
-   ::shm_unlink(shmName_.c_str());
+   // Whatever took the name meanwhile (someone who replaced a damaged segment) stays.
+   struct stat st {};
+   if (::stat(shmPath(shmName_).c_str(), &st) == 0 &&
+       std::pair(std::uint64_t(st.st_dev), std::uint64_t(st.st_ino)) == file_) {
+      ::shm_unlink(shmName_.c_str());
+   }
 }
 
 void trustedGroupIs(gid_t group) {

@@ -7,6 +7,7 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Vault/detail/ShmLayout.h"
 
@@ -100,6 +101,8 @@ class Segment {
    int pokeFd_ = -1;
    int guard_;
    std::uint32_t populatedSlots_ = 0;
+   // The writer's file, by device and inode, so that it never removes another one of its name.
+   std::pair<std::uint64_t, std::uint64_t> file_;
 };
 
 // A reader's doorbell: a datagram socket whose name it leaves in one of the segment's waiter
