@@ -181,8 +181,7 @@ void AgentHost::triplePublicationProbe() {
    } catch (const Vault::MountException& e) {
       return;
    } catch (const Brio::CorruptionDetectedException& e) {
-      badPublication(segment, e.what());
-      return;
+      return;  // said by the entity manager, once for this segment
    }
    if (segmentId(entityManager_->shmName(path)) != segment) {
       entityManager_->unmount(path);
@@ -219,7 +218,7 @@ void AgentHost::triplePublicationRelease() {
 void AgentHost::handleSegmentDamage(const std::string& path, const std::string& reason) {
    if (!damagedPaths_.insert(path).second) return;
    ++numDamagedSegments_;
-   log("segment of " + path + " damaged (" + reason + "); stopping its table");
+   log("segment of " + path + " not served (" + reason + "); stopping its table");
 }
 
 namespace {
@@ -313,10 +312,9 @@ void AgentHost::publicationMount(const SegmentId& segment) {
       tableMountInfo_ = entityManager_->mount<ChipMbbShared::TableConfigMountInfo>(
           options_.tableInfoPath, Atlas::MountMode::reader);
    } catch (const Vault::MountException& e) {
-      return;  // not all there yet; the next probe tries again
+      return;  // not all there yet, or another user's; the next probe tries again
    } catch (const Brio::CorruptionDetectedException& e) {
-      badPublication(segment, e.what());
-      return;
+      return;  // said by the entity manager, once for this segment
    }
    // Replaced again while it was being mounted: start over at the next probe.
    if (segmentId(entityManager_->shmName(options_.tableInfoPath)) != segment) {
@@ -335,14 +333,6 @@ void AgentHost::publicationMount(const SegmentId& segment) {
       tableMgr_.reset();
       log("cannot serve publication " + options_.tableInfoPath + ": " + e.what());
    }
-}
-
-// Said once per segment: the probe meets it again every period until it is replaced.
-void AgentHost::badPublication(const SegmentId& segment, const std::string& reason) {
-   if (badPublications_.contains(segment)) return;
-   badPublications_.insert(segment);
-   ++numDamagedSegments_;
-   log("cannot read publication: " + reason);
 }
 
 void AgentHost::publicationRelease() {

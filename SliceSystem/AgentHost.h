@@ -141,11 +141,10 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    void triplePublicationProbe();
    void triplePublicationRelease();
    void tripleCountersAdd(HostCounters& c) const;
-   // A mounted segment found damaged: reported once, its table stopped at the next probe and
-   // offered again once the segment is a new one.
+   // A segment found damaged, or refused at mount (damaged or another user's): reported once,
+   // its table stopped at the next probe and offered again once the segment is a new one.
    void handleSegmentDamage(const std::string& path, const std::string& reason);
    void damagedTablesStop();
-   void badPublication(const SegmentId& segment, const std::string& reason);
    void damagedTablesRestart();
 
    Keel::EventLoop& loop_;
@@ -180,7 +179,6 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
       SegmentId configSegment;
    };
    std::vector<StoppedTable> stoppedTables_;
-   std::set<SegmentId> badPublications_;
    PeriodicTimer countersTimer_;
    PeriodicTimer probeTimer_;
    Orb::Ptr<ChipMbbSlice::CliCallback> cliCallback_;
