@@ -15,6 +15,7 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <limits>
 #include <mutex>
@@ -351,20 +352,20 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
    // The real name last, and only if nobody holds it: a link never replaces a name.
    auto named = [&] { return ::link(shmPath(making).c_str(), shmPath(shmName).c_str()) == 0; };
    bool linked = named();
-   std::string refusal = sysError("cannot create", shmName);
-   if (!linked && errno == EEXIST) {
-      try {
-         if (staleSegment(shmName)) ::shm_unlink(shmName.c_str());
+   std::exception_ptr refusal;
+   try {
+      if (!linked && errno == EEXIST && staleSegment(shmName)) {
+         ::shm_unlink(shmName.c_str());
          linked = named();
-         if (!linked) refusal = sysError("cannot create", shmName);
-      } catch (const MountException& e) {
-         refusal = e.what();
       }
+      if (!linked) throw MountException(sysError("cannot create", shmName));
+   } catch (...) {
+      refusal = std::current_exception();
    }
    ::shm_unlink(making.c_str());
-   if (!linked) {
+   if (refusal) {
       unmap(m);
-      throw MountException(refusal);
+      std::rethrow_exception(refusal);
    }
    auto segment =
        std::unique_ptr<Segment>(new Segment(shmName, m.base, size, *geometry, true, m.guard));

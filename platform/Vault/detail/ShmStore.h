@@ -381,6 +381,8 @@ class ShmStore : public Store<K, V> {
    void indexRebuild() {
       auto& seq = segment_->header().indexSeq;
       std::uint32_t s = seq.load(std::memory_order_relaxed);
+      // Only this writer makes it odd, and never leaves it so.
+      if (s & 1) writerCorrupt("index sequence changed behind the writer");
       seq.store(s + 1, std::memory_order_relaxed);
       std::atomic_thread_fence(std::memory_order_release);
       const std::uint64_t mask = geometry().indexSize - 1;

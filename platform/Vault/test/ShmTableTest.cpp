@@ -205,6 +205,7 @@ TEST(VaultShmTable, WritersTellStaleLiveAndForeignSegmentsApart) {
    squat(0);
    ASSERT_EQ(::chown(("/dev/shm" + shmName).c_str(), 65534, 65534), 0);
    EXPECT_NE(mountError(writerNew).find("owned by uid 65534, not this user"), std::string::npos);
+   EXPECT_THROW(writerNew(), Vault::ForeignSegmentException);
    EXPECT_NE(mountError([&] {
                 Vault::shmTableReaderNew<VersionTable>("x", shmName);
              }).find("not serving"),
