@@ -17,6 +17,8 @@ ShmPublishTarget::ShmPublishTarget(Keel::EventLoop& loop, const std::string& roo
       tripleInfoPath_(tripleInfoPath) {
    // What a publisher or host that died left under the root goes before anything is made.
    Vault::shmStaleSegmentsRemove(entityManager_.shmName(""));
+   entityManager_.corruptionHandlerIs(
+       [this](const std::string& path, const std::string&) { damaged_.insert(path); });
    tableMountInfo_ = entityManager_.mount<ChipMbbShared::TableConfigMountInfo>(
        tableInfoPath, Atlas::MountMode::writer, 64);
 }
@@ -25,6 +27,10 @@ Orb::Ptr<Vault::MbbEngine::TableConfig> ShmPublishTarget::configTable(const Key&
                                                                       const MountEntry& entry) {
    return entityManager_.mount<Vault::MbbEngine::TableConfig>(
        entry.configPath(), Atlas::MountMode::writer, entry.tableSize());
+}
+
+void ShmPublishTarget::configDrop(const Key& key, const MountEntry& entry) {
+   entityManager_.unmount(entry.configPath());
 }
 
 template <class T>
