@@ -324,6 +324,14 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
    const std::string making = makingName(shmName);
    int fd = ::shm_open(making.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
    if (fd < 0) throw MountException(sysError("cannot create", shmName));
+   // Shared with the trusted group's processes, which map it for writing too (their doorbells).
+   if (trustedGroup != gid_t(-1) &&
+       (::fchown(fd, uid_t(-1), trustedGroup) != 0 || ::fchmod(fd, 0660) != 0)) {
+      const std::string refusal = sysError("cannot share with the group", shmName);
+      ::close(fd);
+      ::shm_unlink(making.c_str());
+      throw MountException(refusal);
+   }
    const std::size_t size = geometry->totalSize;
    Mapping m;
    struct stat st {};

@@ -13,7 +13,8 @@
 
 namespace Vault::Shm {
 
-// Segments owned by this group, besides the user's own, are served too.
+// Segments owned by this group, besides the user's own, are served too, and the segments this
+// process makes belong to the group and are open to it.
 void trustedGroupIs(gid_t group);
 std::size_t staleSegmentsRemove(const std::string& prefix);
 
