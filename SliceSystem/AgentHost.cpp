@@ -242,8 +242,7 @@ void AgentHost::publicationFollow(const std::string& dirPath, const SegmentId& s
    } catch (const Vault::MountException& e) {
       return;  // not all there yet; the next probe tries again
    } catch (const Brio::CorruptionDetectedException& e) {
-      badPublication(segment, e.what());
-      return;
+      return;  // said by the entity manager, once for this segment
    }
    // Replaced again while it was being mounted: start over at the next probe.
    if (segmentId(entityManager_->shmName(dirPath)) != segment) return;
@@ -274,7 +273,7 @@ std::size_t AgentHost::tablesServed(const ChipMbbShared::TableInfoDirMirror& mir
 void AgentHost::handleSegmentDamage(const std::string& path, const std::string& reason) {
    if (!damagedPaths_.insert(path).second) return;
    ++numDamagedSegments_;
-   log("segment of " + path + " damaged (" + reason + "); stopping its table");
+   log("segment of " + path + " not served (" + reason + "); stopping its table");
 }
 
 // Out of the access that found the damage, which may be deep in an engine: the table goes as
@@ -324,14 +323,6 @@ void AgentHost::damagedTablesRestart() {
       }
    }
    stoppedTables_ = std::move(waiting);
-}
-
-// Said once per segment: the probe meets it again every period until it is replaced.
-void AgentHost::badPublication(const SegmentId& segment, const std::string& reason) {
-   if (badPublications_.contains(segment)) return;
-   badPublications_.insert(segment);
-   ++numDamagedSegments_;
-   log("cannot read publication: " + reason);
 }
 
 HostCounters AgentHost::counters() const {

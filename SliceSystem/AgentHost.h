@@ -164,7 +164,6 @@ class AgentHost {
    void handleSegmentDamage(const std::string& path, const std::string& reason);
    void damagedTablesStop();
    void damagedTablesRestart();
-   void badPublication(const SegmentId& segment, const std::string& reason);
 
    Keel::EventLoop& loop_;
    AgentHostOptions options_;
@@ -188,7 +187,6 @@ class AgentHost {
    // segment they had then (empty when the damage was in a segment the host writes itself).
    std::set<std::string> damagedPaths_;
    std::vector<StoppedTable> stoppedTables_;
-   std::set<SegmentId> badPublications_;
    PeriodicTimer countersTimer_;
    PeriodicTimer probeTimer_;
    std::unique_ptr<HostCommands> commands_;

@@ -43,7 +43,7 @@ std::string HostCounters::text() const {
           std::to_string(statuses) + ", pending " + std::to_string(pending) + ", ops " +
           std::to_string(numOps()) + " (" + opsText() + "), violations " +
           std::to_string(numViolations) + ", handler failures " +
-          std::to_string(numHandlerFailures) + ", damaged segments " +
+          std::to_string(numHandlerFailures) + ", damaged or foreign segments " +
           std::to_string(numDamagedSegments) + ", audits " + std::to_string(audits) +
           " (overshoots " + std::to_string(auditOvershoots) + ", failed keys " +
           std::to_string(auditFailedKeys) + "), mounts " + std::to_string(mounts) + ", commands " +

@@ -51,7 +51,8 @@ struct HostCounters {
    std::uint64_t numViolations = 0;
    // Exceptions that reached the event loop from a handler and were dropped there.
    std::uint64_t numHandlerFailures = 0;
-   // Segments found damaged (each reported once, its table stopped until it is replaced).
+   // Segments found damaged or refused as another user's (each reported once, its table stopped
+   // until it is replaced).
    std::uint64_t numDamagedSegments = 0;
    // The audit: audits completed, audits that were due while the previous one still ran, and
    // keys recorded as failing it.

@@ -13,6 +13,8 @@ ShmPublishTarget::ShmPublishTarget(Keel::EventLoop& loop, const std::string& roo
     : loop_(loop), entityManager_(root, &loop), name_(name), countersPath_(countersPath) {
    // What a publisher or host that died left under the root goes before anything is made.
    Vault::shmStaleSegmentsRemove(entityManager_.shmName(""));
+   entityManager_.corruptionHandlerIs(
+       [this](const std::string& path, const std::string&) { damaged_.insert(path); });
    dir_ = std::make_unique<ChipMbbShared::TableInfoPublisher>(
        entityManager_, dirPrefix + name_, 16, ChipMbbShared::TableInfoPublisher::OnExit::leave);
 }
@@ -33,6 +35,10 @@ Orb::Ptr<Vault::MbbEngine::TableConfig> ShmPublishTarget::configTable(const Key&
                                                                       const MountEntry& entry) {
    return entityManager_.mount<Vault::MbbEngine::TableConfig>(
        entry.configPath(), Atlas::MountMode::writer, entry.tableSize());
+}
+
+void ShmPublishTarget::configDrop(const Key& key, const MountEntry& entry) {
+   entityManager_.unmount(entry.configPath());
 }
 
 template <class T>

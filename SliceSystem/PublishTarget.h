@@ -2,7 +2,9 @@
 
 #include <map>
 #include <memory>
+#include <set>
 #include <string>
+#include <utility>
 
 #include "Atlas/EntityManager.h"
 #include "ChipMbbShared/MountInfo.h"
@@ -42,6 +44,10 @@ class PublishTarget {
    // where the manager makes the collection when it sees the announcement.
    virtual Orb::Ptr<Vault::MbbEngine::TableConfig> configTable(const Key& key,
                                                                const MountEntry& entry) = 0;
+   // Lets the configuration collection go, so that the next configTable() makes it afresh.
+   virtual void configDrop(const Key& key, const MountEntry& entry) {}
+   // The paths of this publisher's collections found damaged since the last call.
+   virtual std::set<std::string> damagedTake() { return {}; }
    // The status collection, null while the host has not made it. A different pointer than
    // before means that the host made it afresh.
    virtual Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable(const Key& key,
@@ -92,6 +98,8 @@ class ShmPublishTarget : public PublishTarget {
    ChipMbbShared::TableConfigMountInfo& tableMountInfo() override;
    Orb::Ptr<Vault::MbbEngine::TableConfig> configTable(const Key& key,
                                                        const MountEntry& entry) override;
+   void configDrop(const Key& key, const MountEntry& entry) override;
+   std::set<std::string> damagedTake() override { return std::exchange(damaged_, {}); }
    Orb::Ptr<Vault::MbbEngine::TableStatus> statusTable(const Key& key,
                                                        const MountEntry& entry) override;
    Orb::Ptr<HostCountersTable> hostCounters() override;
@@ -117,6 +125,7 @@ class ShmPublishTarget : public PublishTarget {
    Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
    Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleMountInfo_;
    std::map<std::string, SegmentId> readers_;
+   std::set<std::string> damaged_;
 };
 
 // The tables of an agent host in this same process, in test mode: the mount-info collections

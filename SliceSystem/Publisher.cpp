@@ -5,7 +5,11 @@
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
+#include <stdexcept>
 #include <unordered_set>
+
+#include "Brio/Brio.h"
+#include "Vault/Errors.h"
 
 namespace SliceSystem {
 
@@ -201,11 +205,13 @@ void Publisher::write(Table& table, const TablePlan::Change& change) {
 
 PhaseResult Publisher::phase(
     const std::string& name,
-    const std::function<std::vector<TablePlan::Change>(TablePlan&)>& changes, bool announce) {
+    const std::function<std::vector<TablePlan::Change>(TablePlan&)>& changes, bool announce,
+    const std::set<std::string>* only, bool wait) {
    PhaseResult result;
    result.name = name;
    Orb::Seconds start = now();
    for (auto& table : tables_) {
+      if (only && !only->contains(table->key.name())) continue;
       if (!table->config) table->config = target_.configTable(table->key, table->entry);
       if (!table->config) {
          log("no configuration collection for " + table->key.name() + "; left out");
@@ -223,18 +229,21 @@ PhaseResult Publisher::phase(
    }
    result.writeSeconds = now() - start;
    if (announce && options_.badAnnouncements) badAnnouncementsWrite();
+   if (!wait) return result;
    log("phase " + name + ": " + std::to_string(result.changes.total()) +
        " changes written, waiting for their statuses");
-   converge(result, start);
+   converge(result, start, only);
    return result;
 }
 
-void Publisher::converge(PhaseResult& result, Orb::Seconds start) {
+void Publisher::converge(PhaseResult& result, Orb::Seconds start,
+                         const std::set<std::string>* only) {
    constexpr Orb::Seconds statusPollPeriod = 0.02;
    Orb::Seconds nextPoll = 0;
    for (;;) {
       Orb::Seconds t = now();
       if (t >= nextPoll) {
+         if (options_.renewDamaged) damagedConfigsRenew();
          for (auto& table : tables_) {
             table->watch.statusIs(target_.statusTable(table->key, table->entry));
          }
@@ -244,11 +253,84 @@ void Publisher::converge(PhaseResult& result, Orb::Seconds start) {
          }
          nextPoll = t + statusPollPeriod;
       }
-      result.outstanding = numOutstanding();
+      result.outstanding = 0;
+      if (!only) result.outstanding = numOutstanding();
+      for (const std::string& name : only ? *only : std::set<std::string>()) {
+         result.outstanding += numOutstanding(name);
+      }
       if (result.outstanding == 0 || t - start > options_.timeout) break;
       target_.loop().runOnce(0.005);
    }
    result.seconds = now() - start;
+}
+
+PhaseResult Publisher::settle(const std::string& name) {
+   PhaseResult result;
+   result.name = name;
+   converge(result, now());
+   return result;
+}
+
+Publisher::Table& Publisher::table(const std::string& name) const {
+   for (const auto& table : tables_) {
+      if (table->key.name() == name) return *table;
+   }
+   throw std::invalid_argument("no table " + name + " in this publisher");
+}
+
+std::size_t Publisher::numOutstanding(const std::string& name) const {
+   return table(name).watch.numOutstanding();
+}
+
+bool Publisher::tableWithdraw(const std::string& name) {
+   Table& t = table(name);
+   target_.tableMountInfo().entryDel(t.key);
+   const Orb::Seconds deadline = now() + options_.timeout;
+   while (target_.statusTable(t.key, t.entry)) {
+      if (now() > deadline) return false;
+      target_.loop().runOnce(0.005);
+   }
+   return true;
+}
+
+void Publisher::tableAnnounce(const std::string& name, bool freshConfig) {
+   Table& t = table(name);
+   if (freshConfig) {
+      t.config.reset();
+      target_.configDrop(t.key, t.entry);
+      t.config = target_.configTable(t.key, t.entry);
+      if (!t.config) throw Vault::MountException("no configuration collection for " + name);
+      for (std::size_t i = 0; i < t.plan.entries().size(); ++i) {
+         if (t.plan.entries()[i].live) t.config->entryIs(t.plan.config(i));
+      }
+   }
+   tableExpectAll(name);
+   target_.tableMountInfo().entryIs(t.key, t.entry);
+}
+
+void Publisher::tableExpectAll(const std::string& name) {
+   Table& t = table(name);
+   for (std::size_t i = 0; i < t.plan.entries().size(); ++i) {
+      const TablePlan::Entry& e = t.plan.entries()[i];
+      if (e.live) t.watch.expect(e.key, t.plan.expectedOpId(i));
+   }
+}
+
+// What another process damaged goes, whole: the host has stopped the table or will when it
+// reads there, and serves it again from the collection made afresh.
+void Publisher::damagedConfigsRenew() {
+   for (const std::string& path : target_.damagedTake()) {
+      for (const auto& t : tables_) {
+         if (t->entry.configPath() != path || !t->config) continue;
+         log("configuration of " + t->key.name() + " found damaged; making it afresh");
+         tableWithdraw(t->key.name());
+         try {
+            tableAnnounce(t->key.name(), true);
+         } catch (const std::exception& e) {
+            log("cannot make the configuration of " + t->key.name() + " afresh: " + e.what());
+         }
+      }
+   }
 }
 
 void Publisher::badAnnouncementsWrite() {
@@ -308,6 +390,12 @@ PhaseResult Publisher::churn() {
    return phase(
        "churn", [this](TablePlan& plan) { return plan.churn(options_.churnFraction, opIds_); },
        false);
+}
+
+PhaseResult Publisher::churnOf(const std::set<std::string>& names, bool wait) {
+   return phase(
+       "churn", [this](TablePlan& plan) { return plan.churn(options_.churnFraction, opIds_); },
+       false, &names, wait);
 }
 
 PhaseResult Publisher::readd() {
@@ -380,24 +468,40 @@ void Publisher::tripleCheck(PhaseResult& result) {
 }
 
 void Publisher::check(PublisherReport& report) {
-   for (const auto& table : tables_) {
-      const TablePlan& plan = table->plan;
-      const auto& status = table->watch.status();
-      std::unordered_set<std::uint64_t> live;
-      for (std::size_t i = 0; i < plan.entries().size(); ++i) {
-         const TablePlan::Entry& e = plan.entries()[i];
-         if (e.handle == 0) continue;
-         std::uint64_t expected = plan.expectedOpId(i);
-         if (e.live) live.insert(e.key);
-         std::uint64_t configOpId = table->config ? table->config->entry(e.key).opId().value() : 0;
+   for (const auto& table : tables_) checkTable(*table, report);
+}
+
+std::uint64_t Publisher::numMismatches(const std::string& name) const {
+   PublisherReport report;
+   checkTable(table(name), report);
+   return report.mismatches + report.strayStatuses;
+}
+
+void Publisher::checkTable(const Table& table, PublisherReport& report) const {
+   const TablePlan& plan = table.plan;
+   const auto& status = table.watch.status();
+   std::unordered_set<std::uint64_t> live;
+   for (std::size_t i = 0; i < plan.entries().size(); ++i) {
+      const TablePlan::Entry& e = plan.entries()[i];
+      if (e.handle == 0) continue;
+      std::uint64_t expected = plan.expectedOpId(i);
+      if (e.live) live.insert(e.key);
+      ++report.keysChecked;
+      try {
+         std::uint64_t configOpId = table.config ? table.config->entry(e.key).opId().value() : 0;
          std::uint64_t statusOpId = status ? status->entry(e.key).opId().value() : 0;
-         ++report.keysChecked;
          if (configOpId != expected || statusOpId != expected) ++report.mismatches;
+      } catch (const Brio::CorruptionDetectedException&) {
+         ++report.mismatches;
       }
-      if (!status) continue;
+   }
+   if (!status) return;
+   try {
       for (const auto& [key, entry] : *status) {
          if (!live.count(key.value())) ++report.strayStatuses;
       }
+   } catch (const Brio::CorruptionDetectedException&) {
+      ++report.mismatches;
    }
 }
 
@@ -406,7 +510,12 @@ std::optional<HostCounters> Publisher::hostCountersFresh(Orb::Seconds timeout) {
    std::optional<std::uint64_t> firstSeq;
    while (now() < deadline) {
       if (auto table = target_.hostCounters()) {
-         HostCounters row = table->entry(hostCountersKey);
+         HostCounters row;
+         try {
+            row = table->entry(hostCountersKey);
+         } catch (const Brio::CorruptionDetectedException&) {
+            // Damaged: the host makes the counters afresh.
+         }
          if (row.seq != 0 && !firstSeq) firstSeq = row.seq;
          // The write after the one seen first began after this call did.
          if (firstSeq && row.seq >= *firstSeq + 2) return row;

@@ -4,6 +4,7 @@
 #include <functional>
 #include <memory>
 #include <optional>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -45,6 +46,9 @@ struct PublisherOptions {
    // The first op id; 0 takes one from the clock, above what an earlier publisher used.
    std::uint64_t firstOpId = 0;
    Orb::Seconds timeout = 120;
+   // A configuration collection found damaged is made afresh, whole, while waiting for
+   // statuses; otherwise only tableAnnounce() does.
+   bool renewDamaged = true;
    // Dies (exit status 3, nothing cleaned up) after this many configuration writes; 0 never.
    std::uint64_t crashAfterWrites = 0;
    std::uint64_t seed = 1;
@@ -112,10 +116,27 @@ class Publisher {
 
    PhaseResult publish();
    PhaseResult churn();
+   // The churn of the named tables only; without `wait` it returns once the changes are written.
+   PhaseResult churnOf(const std::set<std::string>& names, bool wait);
    PhaseResult readd();
    // Null (and said in the log) when the target cannot carry the triple.
    std::optional<PhaseResult> ecmpPhase(EcmpPhaseKind kind);
    void check(PublisherReport& report);
+   // Waits, as a phase does, until every status shows its configuration.
+   PhaseResult settle(const std::string& name);
+
+   // A single table's announcement taken back; true once the host has let the table go (its
+   // status collection is gone) within the timeout.
+   bool tableWithdraw(const std::string& name);
+   // Announces the table again, expecting every live entry's status afresh; with
+   // `freshConfig` over a configuration collection made anew and filled with every live entry.
+   // Throws Vault::MountException when the collection cannot be made.
+   void tableAnnounce(const std::string& name, bool freshConfig);
+   // Expects every live entry's status again, for a table the host serves afresh.
+   void tableExpectAll(const std::string& name);
+   std::size_t numOutstanding(const std::string& name) const;
+   // Keys of the table whose configuration or status is not what the publisher last wrote.
+   std::uint64_t numMismatches(const std::string& name) const;
    // The host's counters, written after this call began; none if the host does not write
    // them within `timeout`.
    std::optional<HostCounters> hostCountersFresh(Orb::Seconds timeout);
@@ -132,8 +153,15 @@ class Publisher {
    void write(Table& table, const TablePlan::Change& change);
    PhaseResult phase(const std::string& name,
                      const std::function<std::vector<TablePlan::Change>(TablePlan&)>& changes,
-                     bool announce);
-   void converge(PhaseResult& result, Orb::Seconds start);
+                     bool announce, const std::set<std::string>* only = nullptr, bool wait = true);
+   // Until the statuses of the tables `only` names (of all, when null) show their
+   // configurations, or the timeout.
+   void converge(PhaseResult& result, Orb::Seconds start,
+                 const std::set<std::string>* only = nullptr);
+   Table& table(const std::string& name) const;
+   // Replaces the configuration collections found damaged.
+   void damagedConfigsRenew();
+   void checkTable(const Table& table, PublisherReport& report) const;
    void badAnnouncementsWrite();
    void tripleNew(std::vector<Route> routes);
    bool tripleTablesGet();

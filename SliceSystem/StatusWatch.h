@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <unordered_map>
 
+#include "Brio/Brio.h"
 #include "Orb/Ptr.h"
 #include "Vault/MbbEngine/Tables.h"
 
@@ -36,8 +37,13 @@ class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
    void onEntry() override { checkAll(); }
 
  private:
+   // A status collection found damaged answers nothing until the host makes it afresh.
    bool done(std::uint64_t key, std::uint64_t opId) const {
-      return status_->entry(key).opId().value() == opId;
+      try {
+         return status_->entry(key).opId().value() == opId;
+      } catch (const Brio::CorruptionDetectedException&) {
+         return false;
+      }
    }
 
    Orb::Ptr<Vault::MbbEngine::TableStatus> status_;

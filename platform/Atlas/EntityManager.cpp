@@ -1,5 +1,7 @@
 #include "Atlas/EntityManager.h"
 
+#include <sys/stat.h>
+
 #include <charconv>
 #include <cstdio>
 #include <filesystem>
@@ -112,9 +114,18 @@ Orb::Ptr<Orb::Object> EntityManager::mount(const std::string& path, const std::s
    if (mode == MountMode::writer && capacity == 0) {
       throw Vault::MountException("a writer of " + path + " needs a capacity");
    }
-   Mount mount{typeName, mode,
-               mode == MountMode::writer ? type->writerNew(path, shmName(path), capacity)
-                                         : type->readerNew(path, shmName(path))};
+   Mount mount{typeName, mode, {}};
+   try {
+      mount.table = mode == MountMode::writer ? type->writerNew(path, shmName(path), capacity)
+                                              : type->readerNew(path, shmName(path));
+   } catch (const Brio::CorruptionDetectedException& e) {
+      mountRefused(path, e.what());
+      throw;
+   } catch (const Vault::ForeignSegmentException& e) {
+      mountRefused(path, e.what());
+      throw;
+   }
+   refused_.erase(path);
    mount.table.corruptionHandlerIs([this, path](const std::string& reason) {
       if (corruptionHandler_) corruptionHandler_(path, reason);
    });
@@ -122,6 +133,19 @@ Orb::Ptr<Orb::Object> EntityManager::mount(const std::string& path, const std::s
    auto [it, inserted] = mounts_.emplace(path, std::move(mount));
    watch(path, it->second);
    return entity;
+}
+
+// Said once per segment: whoever mounts keeps trying, and the answer is the same until the
+// segment is replaced.
+void EntityManager::mountRefused(const std::string& path, const std::string& reason) {
+   struct stat st {};
+   std::pair<std::uint64_t, std::uint64_t> file{0, 0};
+   if (::stat(("/dev/shm" + shmName(path)).c_str(), &st) == 0) file = {st.st_dev, st.st_ino};
+   auto [it, inserted] = refused_.try_emplace(path, file);
+   if (!inserted && it->second == file) return;
+   it->second = file;
+   ++numMountsRefused_;
+   if (corruptionHandler_) corruptionHandler_(path, reason);
 }
 
 std::unique_ptr<MountGroup> EntityManager::mountGroupNew() {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 #include "Orb/Entity.h"
@@ -65,11 +66,14 @@ class EntityManager : public Orb::Entity<EntityManager> {
    // them. A path too long to be spelled out in a segment name is not found.
    std::vector<std::string> paths(const std::string& prefix) const;
    // Called with the path and the reason when a mounted table finds its segment damaged, from
-   // inside the access that found it: the handler must not unmount anything there.
+   // inside the access that found it (the handler must not unmount anything there), and when a
+   // mount is refused because the segment is damaged or another user's, once per segment.
    using CorruptionHandler = std::function<void(const std::string& path, const std::string&)>;
    void corruptionHandlerIs(CorruptionHandler handler) { corruptionHandler_ = std::move(handler); }
    // Readers dropped from the event loop because their segment turned out corrupt.
    std::size_t numCorruptionDetectedOps() const { return numCorruptionDetectedOps_; }
+   // Segments refused at mount, damaged or another user's, each counted once.
+   std::size_t numMountsRefused() const { return numMountsRefused_; }
 
  private:
    struct Mount {
@@ -79,12 +83,16 @@ class EntityManager : public Orb::Entity<EntityManager> {
    };
 
    void watch(const std::string& path, const Mount& mount);
+   void mountRefused(const std::string& path, const std::string& reason);
    void unwatch(const Mount& mount);
 
    std::string root_;
    Keel::EventLoop* eventLoop_;
    std::map<std::string, Mount> mounts_;
    std::size_t numCorruptionDetectedOps_ = 0;
+   std::size_t numMountsRefused_ = 0;
+   // The file last refused at each path, by device and inode.
+   std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> refused_;
    CorruptionHandler corruptionHandler_;
 };
 

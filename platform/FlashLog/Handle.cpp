@@ -85,18 +85,19 @@ bool disabledByEnv() {
 namespace {
 
 // The file is this process's alone: opened without following a symbolic link that someone put
-// in its place, readable by its user only, and locked for as long as it is written, so that a
-// second process given the same name writes beside it (NAME.PID) rather than over it.
+// in its place (nor waiting on a pipe), used only if it is a plain file of this user with no
+// other name (another user's file, or a link to someone else's, is left alone), readable by its
+// user only, and locked for as long as it is written, so that a second process given the same
+// name writes beside it (NAME.PID) rather than over it.
 int traceFileOpen(std::string& path) {
    for (int attempt = 0; attempt < 2; ++attempt) {
-      const int fd = ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_CLOEXEC, 0600);
+      const int fd =
+          ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
       if (fd < 0) return -1;
       struct stat st {};
-      if (::fstat(fd, &st) != 0 || !S_ISREG(st.st_mode)) {
-         ::close(fd);
-         return -1;
-      }
-      if (::flock(fd, LOCK_EX | LOCK_NB) == 0) {
+      const bool ours = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid() &&
+                        st.st_nlink == 1;
+      if (ours && ::flock(fd, LOCK_EX | LOCK_NB) == 0) {
          ::fchmod(fd, 0600);
          return fd;
       }

@@ -32,8 +32,9 @@ Orb::Ptr<T> shmTableReaderNew(const std::string& name, const std::string& shmNam
    return table;
 }
 
-// Segments owned by this group are served as well as the user's own; by default only the
-// user's own are.
+// Segments owned by this group are served as well as the user's own (by default only the
+// user's own are), and the segments this process makes are the group's and open to it, so that
+// a host and publishers of different users in one group can share their tables.
 inline void shmTrustedGroupIs(gid_t group) {
    Shm::trustedGroupIs(group);
 }

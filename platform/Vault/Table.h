@@ -30,7 +30,9 @@ concept KeyedValue = requires(const V& v) {
 //
 // Reads of a shared segment check what they read; when the contents do not hold together the
 // table calls the corruption handler, tells the notifiees (onCorruptionDetected) and throws
-// Brio::CorruptionDetectedException.
+// Brio::CorruptionDetectedException. The writer's side reports damage the same way but does
+// not throw: its caller is in the middle of an operation it should finish, and the writes to a
+// damaged segment go nowhere until its owner replaces it (a lookup finds nothing).
 template <class K, class V>
 class Table : public Orb::Entity<Table<K, V>> {
  public:
@@ -158,10 +160,7 @@ class Table : public Orb::Entity<Table<K, V>> {
    // Runs the corruption handling and throws; backings and owners call it when what they
    // read does not hold together.
    [[noreturn]] void corruptionDetected(const std::string& reason) const {
-      ++numCorruptionDetectedOps_;
-      if (corruptionHandler_) corruptionHandler_(reason);
-      auto* self = const_cast<Table*>(this);
-      self->notifieeList().notify(&Notifiee::onCorruptionDetected);
+      corruptionReport(reason);
       throw Brio::CorruptionDetectedException(this->name() + ": " + reason);
    }
 
@@ -186,12 +185,20 @@ class Table : public Orb::Entity<Table<K, V>> {
       this->notifieeList().notify(static_cast<void (Notifiee::*)()>(&Notifiee::onEntry));
    }
 
+   void corruptionReport(const std::string& reason) const {
+      ++numCorruptionDetectedOps_;
+      if (corruptionHandler_) corruptionHandler_(reason);
+      auto* self = const_cast<Table*>(this);
+      self->notifieeList().notify(&Notifiee::onCorruptionDetected);
+   }
+
    template <class Fn>
    void guarded(Fn&& fn) const {
       try {
          fn();
       } catch (const StoreCorruption& e) {
-         corruptionDetected(e.what());
+         if (!e.again()) corruptionReport(e.what());
+         if (!writable()) throw Brio::CorruptionDetectedException(this->name() + ": " + e.what());
       }
    }
 

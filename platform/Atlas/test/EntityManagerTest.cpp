@@ -107,6 +107,35 @@ TEST(AtlasEntityManager, BadMountsFailClearly) {
                     "incompatible layout");
 }
 
+// A segment refused at mount is said once, however often it is tried, and again once it has
+// been replaced by another that is refused too.
+TEST(AtlasEntityManager, RefusedSegmentsAreReportedOncePerSegment) {
+   const std::string root = uniqueRoot("refused");
+   EntityManager agent(root);
+   std::vector<std::string> reports;
+   agent.corruptionHandlerIs([&](const std::string& path, const std::string& reason) {
+      reports.push_back(path + ": " + reason);
+   });
+   auto zeros = [&] {
+      const std::string name = agent.shmName("t");
+      ::shm_unlink(name.c_str());
+      int fd = ::shm_open(name.c_str(), O_RDWR | O_CREAT, 0600);
+      ASSERT_EQ(::ftruncate(fd, 8192), 0);
+      ::close(fd);
+   };
+   zeros();
+   for (int attempt = 0; attempt < 3; ++attempt) {
+      EXPECT_THROW(agent.mount<Versions>("t", MountMode::reader),
+                   Brio::CorruptionDetectedException);
+   }
+   zeros();
+   EXPECT_THROW(agent.mount<Versions>("t", MountMode::reader), Brio::CorruptionDetectedException);
+   ASSERT_EQ(reports.size(), 2u);
+   EXPECT_EQ(reports[0], "t: " + agent.shmName("t") + ": segment was never initialised");
+   EXPECT_EQ(agent.numMountsRefused(), 2u);
+   ::shm_unlink(agent.shmName("t").c_str());
+}
+
 TEST(AtlasEntityManager, MountGroupsMountAllOrNothing) {
    EntityManager em(uniqueRoot("group"));
    auto group = em.mountGroupNew();

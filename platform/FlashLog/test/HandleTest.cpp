@@ -1,9 +1,12 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <filesystem>
+#include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
@@ -129,6 +132,29 @@ TEST_F(HandleTest, FileNameTakesPidAndDirectory) {
    setenv("FLASHLOG_DISABLE", "", 1);
    EXPECT_TRUE(disabledByEnv());
    unsetenv("FLASHLOG_DISABLE");
+}
+
+// The trace file is this process's own: a link someone put in its place is not followed, a
+// file of another name is not written through, a second handle on the name writes beside the
+// first, and nobody else may read it.
+TEST_F(HandleTest, TraceFilesAreNeverSharedOrFollowed) {
+   const std::string victim = dir.path() + "/victim";
+   { std::ofstream(victim) << "keep"; }
+   ASSERT_EQ(::symlink(victim.c_str(), (dir.path() + "/link.qt").c_str()), 0);
+   EXPECT_FALSE(handle.open("link.qt", productSizes));
+   ASSERT_EQ(::link(victim.c_str(), (dir.path() + "/hard.qt").c_str()), 0);
+   ASSERT_TRUE(handle.open("hard.qt", productSizes));
+   EXPECT_EQ(handle.path(), dir.path() + "/hard.qt." + std::to_string(getpid()));
+   EXPECT_EQ(std::filesystem::file_size(victim), 4u);
+
+   ASSERT_TRUE(handle.open("one.qt", productSizes));
+   Handle second;
+   ASSERT_TRUE(second.open("one.qt", productSizes));
+   EXPECT_EQ(handle.path(), dir.path() + "/one.qt");
+   EXPECT_EQ(second.path(), dir.path() + "/one.qt." + std::to_string(getpid()));
+   struct stat st {};
+   ASSERT_EQ(::stat(handle.path().c_str(), &st), 0);
+   EXPECT_EQ(st.st_mode & 0777, 0600u);
 }
 
 TEST_F(HandleTest, ClosedHandleEvaluatesNothing) {

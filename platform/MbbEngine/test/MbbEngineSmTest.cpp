@@ -2,6 +2,8 @@
 
 #include <memory>
 #include <set>
+#include <utility>
+#include <vector>
 
 #include "MbbEngine/test/RecordingHelper.h"
 
@@ -119,10 +121,19 @@ TEST(MbbEngineSm, WholeTablePassFlushesOnceAndCountsTheTableOnce) {
    EXPECT_EQ(status->size(), 0u);
 }
 
-// A store whose record of one key cannot be read, as a damaged shared segment would be.
+// A reader's store whose record of one key cannot be read, as a damaged shared segment would
+// be. What another process writes comes with write() and reaches the table when it drains.
 class DamagedStore
     : public Vault::HeapStore<Vault::MbbEngine::EntryKey, Vault::MbbEngine::EntryConfig> {
  public:
+   void write(const Vault::MbbEngine::EntryConfig& config) {
+      put(config.key(), config);
+      written_.push_back(config.key());
+   }
+   void changesDrain(Vault::ChangeSink<Vault::MbbEngine::EntryKey>& sink) override {
+      for (const auto& key : std::exchange(written_, {})) sink.keyChanged(key);
+   }
+   bool writable() const override { return false; }
    bool find(const Vault::MbbEngine::EntryKey& key,
              Vault::MbbEngine::EntryConfig& value) const override {
       if (key == damaged) throw Vault::StoreCorruption("bad checksum");
@@ -135,6 +146,9 @@ class DamagedStore
       return entry;
    }
    Vault::MbbEngine::EntryKey damaged = ~std::uint64_t{0};
+
+ private:
+   std::vector<Vault::MbbEngine::EntryKey> written_;
 };
 
 TEST(MbbEngineSm, ADamagedRecordIsSkippedAndTakesNothingOut) {
@@ -143,9 +157,8 @@ TEST(MbbEngineSm, ADamagedRecordIsSkippedAndTakesNothingOut) {
    auto config = Orb::ptrNew<Vault::MbbEngine::TableConfig>("damaged", std::move(store));
    int reports = 0;
    config->corruptionHandlerIs([&](const std::string&) { ++reports; });
-   for (std::uint64_t k = 1; k <= 3; ++k) {
-      config->entryIs(EngineFixture<>::entry(k, 1, 0x100 + k, k));
-   }
+   for (std::uint64_t k = 1; k <= 3; ++k) damage->write(EngineFixture<>::entry(k, 1, 0x100 + k, k));
+   config->changesDrain();
    auto helper = Orb::ptrNew<MbbEngine::Test::RecordingHelper>("helper", nullptr, 64);
    auto impl =
        Orb::ptrNew<MbbEngine::FastMbbEngineImpl>("damaged", config, nullptr, nullptr, helper, 5);
@@ -166,7 +179,8 @@ TEST(MbbEngineSm, ADamagedRecordIsSkippedAndTakesNothingOut) {
 
    // A damaged key is skipped; a pass cut short by it takes no unread key out.
    damage->damaged = 2;
-   config->entryIs(EngineFixture<>::entry(2, 2, 0x102, 9));
+   damage->write(EngineFixture<>::entry(2, 2, 0x102, 9));
+   config->changesDrain();
    EXPECT_TRUE(helper->take().empty());
    sm.handleEntryCollNotify();
    EXPECT_TRUE(helper->take().empty());
@@ -174,8 +188,9 @@ TEST(MbbEngineSm, ADamagedRecordIsSkippedAndTakesNothingOut) {
    EXPECT_EQ(reports, 3);
 
    // Without a status collection deletes still reach hardware, and acknowledge nothing.
-   config->entryIs(Vault::MbbEngine::EntryConfig::deletion(1, 2));
-   config->entryIs(Vault::MbbEngine::EntryConfig::deletion(4, 1));
+   damage->write(Vault::MbbEngine::EntryConfig::deletion(1, 2));
+   damage->write(Vault::MbbEngine::EntryConfig::deletion(4, 1));
+   config->changesDrain();
    EXPECT_EQ(helper->take(), (Ops{{"del", 1, 0x101, 1, 2}}));
 }
 

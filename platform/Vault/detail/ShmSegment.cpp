@@ -13,17 +13,21 @@
 #include <algorithm>
 #include <bit>
 #include <cerrno>
-#include <chrono>
 #include <cstdio>
 #include <cstring>
+#include <exception>
 #include <filesystem>
 #include <limits>
 #include <mutex>
 #include <new>
-#include <thread>
 
 #include "Brio/Brio.h"
 #include "Vault/Errors.h"
+
+// Older C libraries do not name it yet.
+#ifndef MADV_POPULATE_READ
+#define MADV_POPULATE_READ 22
+#endif
 
 namespace Vault::Shm {
 
@@ -100,38 +104,56 @@ std::string sysError(const std::string& what, const std::string& name) {
    return what + " " + name + ": " + std::strerror(errno);
 }
 
-// Populated at once: the first touch of each page would otherwise fault in the middle of
-// convergence, and on a virtual machine a fault costs microseconds.
-void* mapShared(int fd, std::size_t size) {
-   void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_POPULATE, fd, 0);
-   return base == MAP_FAILED ? nullptr : base;
+// A writer makes its segment under a name of its own, NAME.~PID.N, and gives it its real name
+// only once the header is whole. So nobody ever finds a real name on a segment that is still
+// being made, and the name of one that is tells whose it is, even before its header does.
+constexpr std::string_view makingMark = ".~";
+
+std::string makingName(const std::string& shmName) {
+   static std::atomic<std::uint32_t> serial{0};
+   return shmName + std::string(makingMark) + std::to_string(::getpid()) + "." +
+          std::to_string(serial.fetch_add(1));
+}
+
+// The maker of a segment still being made; 0 for a real name.
+std::uint32_t makerOf(const std::string& name) {
+   const std::size_t mark = name.rfind(makingMark);
+   if (mark == std::string::npos) return 0;
+   return static_cast<std::uint32_t>(
+       std::strtoul(name.c_str() + mark + makingMark.size(), nullptr, 10));
+}
+
+std::string shmPath(const std::string& shmName) {
+   return "/dev/shm" + shmName;
 }
 
 // A writer that creates a segment is its owner until the segment is unlinked. A segment whose
-// creator is gone can be taken over, since nobody else would ever remove it.
+// creator is gone can be taken over, since nobody else would ever remove it. The writer's pid
+// is read with pread rather than through a mapping, which a truncation could turn into a fault.
 // Throws when the segment is someone else's or its writer still runs.
 bool staleSegment(const std::string& shmName) {
    int fd = ::shm_open(shmName.c_str(), O_RDONLY, 0);
    if (fd < 0 && errno == EACCES) {
-      throw MountException("cannot take over " + shmName + ": permission denied (another user's)");
+      throw ForeignSegmentException("cannot take over " + shmName +
+                                    ": permission denied (another user's)");
    }
    if (fd < 0) return errno == ENOENT;
    struct stat st {};
-   bool stale = true;
    if (::fstat(fd, &st) == 0 && !foreignOwner(st).empty()) {
       ::close(fd);
-      throw MountException("cannot take over " + shmName + ": " + foreignOwner(st));
+      throw ForeignSegmentException("cannot take over " + shmName + ": " + foreignOwner(st));
    }
-   if (std::size_t(st.st_size) >= sizeof(Header)) {
-      void* base = ::mmap(nullptr, sizeof(Header), PROT_READ, MAP_SHARED, fd, 0);
-      if (base != MAP_FAILED) {
-         auto* header = static_cast<Header*>(base);
-         stale = !processAlive(header->writerPid.load(std::memory_order_acquire));
-         ::munmap(base, sizeof(Header));
-      }
+   std::uint32_t pid = makerOf(shmName);
+   if (pid == 0 &&
+       ::pread(fd, &pid, sizeof pid, offsetof(Header, writerPid)) != ssize_t(sizeof pid)) {
+      pid = 0;
    }
    ::close(fd);
-   return stale;
+   if (processAlive(pid)) {
+      throw MountException("table " + shmName + " already has a writer that is running (pid " +
+                           std::to_string(pid) + ")");
+   }
+   return true;
 }
 
 // A process that can write a segment can also truncate it, and touching a mapped page past
@@ -199,6 +221,30 @@ void mappingUnguard(int guard) {
    if (guard >= 0) guardedMappings[guard].base.store(0, std::memory_order_release);
 }
 
+// A shared mapping of a whole segment, guarded from the moment it exists: the header is read
+// through it before anything else is known. Nothing is populated here; see populate().
+struct Mapping {
+   unsigned char* base = nullptr;
+   std::size_t size = 0;
+   int guard = -1;
+};
+
+Mapping mapGuarded(int fd, std::size_t size, const std::string& shmName) {
+   void* base = ::mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_SHARED, fd, 0);
+   if (base == MAP_FAILED) throw MountException(sysError("cannot map", shmName));
+   const int guard = mappingGuard(base, size);
+   if (guard < 0) {
+      ::munmap(base, size);
+      throw MountException("cannot map " + shmName + ": too many segments mapped");
+   }
+   return {static_cast<unsigned char*>(base), size, guard};
+}
+
+void unmap(const Mapping& m) {
+   mappingUnguard(m.guard);
+   ::munmap(m.base, m.size);
+}
+
 // Creating a segment larger than the shared-memory file system can still hold would only fail
 // later, at some write, with SIGBUS; it is refused up front instead.
 void spaceCheck(const std::string& shmName, std::uint64_t size) {
@@ -215,24 +261,51 @@ void spaceCheck(const std::string& shmName, std::uint64_t size) {
 }  // namespace
 
 Segment::Segment(std::string shmName, unsigned char* base, std::size_t mappedSize,
-                 Geometry geometry, bool owner)
+                 Geometry geometry, bool owner, int guard)
     : shmName_(std::move(shmName)),
       base_(base),
       mappedSize_(mappedSize),
       geometry_(geometry),
       owner_(owner),
       linked_(owner),
-      guard_(mappingGuard(base, mappedSize)) {}
+      guard_(guard) {
+   populate(0, geometry_.slotsOffset);
+   // The index, ring and waiters are touched all over from the start, so they are paged in at
+   // once, unless the table is so large that they would hold memory it may never use.
+   constexpr std::uint64_t populateLimit = 64 << 20;
+   if (geometry_.totalSize - geometry_.indexOffset <= populateLimit) {
+      populate(geometry_.indexOffset, geometry_.totalSize);
+   }
+   slotsPopulate(owner ? 0 : std::min(header().slotsUsed.load(), geometry_.capacity));
+}
 
 Segment::~Segment() {
    unlink();
    if (pokeFd_ >= 0) ::close(pokeFd_);
-   mappingUnguard(guard_);
-   ::munmap(base_, mappedSize_);
+   unmap({base_, mappedSize_, guard_});
 }
 
 bool Segment::lost() const {
-   return guard_ >= 0 && guardedMappings[guard_].lost.load(std::memory_order_acquire);
+   return guardedMappings[guard_].lost.load(std::memory_order_acquire);
+}
+
+// Populated ahead of use: the first touch of each page would otherwise fault in the middle of
+// convergence, and on a virtual machine a fault costs microseconds. A range cut off by a
+// truncation fails here quietly; the access that follows finds the mapping lost.
+void Segment::populate(std::uint64_t from, std::uint64_t to) const {
+   from = from / 4096 * 4096;
+   to = std::min<std::uint64_t>(roundUp(to, 4096), mappedSize_);
+   if (from < to) ::madvise(base_ + from, to - from, MADV_POPULATE_READ);
+}
+
+void Segment::slotsPopulateMore(std::uint32_t slots) {
+   // A megabyte at a time, so that a table being filled costs a call per megabyte.
+   const std::uint32_t chunk = std::max<std::uint32_t>(1, (1u << 20) / geometry_.slotSize);
+   const std::uint32_t upTo =
+       std::min<std::uint64_t>(roundUp(std::uint64_t(slots) + 1, chunk), geometry_.capacity);
+   populate(geometry_.slotsOffset + std::uint64_t(populatedSlots_) * geometry_.slotSize,
+            geometry_.slotsOffset + std::uint64_t(upTo) * geometry_.slotSize);
+   populatedSlots_ = upTo;
 }
 
 std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string_view typeName,
@@ -248,28 +321,34 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
                            std::string(typeName));
    }
    spaceCheck(shmName, geometry->totalSize);
-   int fd = ::shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-   if (fd < 0 && errno == EEXIST) {
-      if (!staleSegment(shmName)) {
-         throw MountException("table " + shmName + " already has a writer that is running");
-      }
-      ::shm_unlink(shmName.c_str());
-      fd = ::shm_open(shmName.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
-   }
+   const std::string making = makingName(shmName);
+   int fd = ::shm_open(making.c_str(), O_RDWR | O_CREAT | O_EXCL, 0600);
    if (fd < 0) throw MountException(sysError("cannot create", shmName));
-   std::size_t size = geometry->totalSize;
-   void* base = nullptr;
-   if (::ftruncate(fd, static_cast<off_t>(size)) == 0) base = mapShared(fd, size);
-   int savedErrno = errno;
-   ::close(fd);
-   if (!base) {
-      ::shm_unlink(shmName.c_str());
-      errno = savedErrno;
-      throw MountException(sysError("cannot size or map", shmName));
+   // Shared with the trusted group's processes, which map it for writing too (their doorbells).
+   if (trustedGroup != gid_t(-1) &&
+       (::fchown(fd, uid_t(-1), trustedGroup) != 0 || ::fchmod(fd, 0660) != 0)) {
+      const std::string refusal = sysError("cannot share with the group", shmName);
+      ::close(fd);
+      ::shm_unlink(making.c_str());
+      throw MountException(refusal);
    }
+   const std::size_t size = geometry->totalSize;
+   Mapping m;
+   struct stat st {};
+   try {
+      if (::ftruncate(fd, static_cast<off_t>(size)) != 0 || ::fstat(fd, &st) != 0) {
+         throw MountException(sysError("cannot size", shmName));
+      }
+      m = mapGuarded(fd, size, shmName);
+   } catch (...) {
+      ::close(fd);
+      ::shm_unlink(making.c_str());
+      throw;
+   }
+   ::close(fd);
 
    // The file starts zeroed: every slot free, every index cell empty, every ring tag 0.
-   auto* header = new (base) Header{};
+   auto* header = new (m.base) Header{};
    header->writerPid.store(static_cast<std::uint32_t>(::getpid()), std::memory_order_release);
    header->layoutVersion = layoutVersion;
    header->headerSize = sizeof(Header);
@@ -277,84 +356,99 @@ std::unique_ptr<Segment> Segment::create(const std::string& shmName, std::string
    header->geometry = *geometry;
    header->checksum = headerChecksum(*header);
    std::atomic_ref<std::uint64_t>(header->magic).store(magic, std::memory_order_release);
-   return std::unique_ptr<Segment>(
-       new Segment(shmName, static_cast<unsigned char*>(base), size, *geometry, true));
+
+   // The real name last, and only if nobody holds it: a link never replaces a name.
+   auto named = [&] { return ::link(shmPath(making).c_str(), shmPath(shmName).c_str()) == 0; };
+   bool linked = named();
+   std::exception_ptr refusal;
+   try {
+      if (!linked && errno == EEXIST && staleSegment(shmName)) {
+         ::shm_unlink(shmName.c_str());
+         linked = named();
+      }
+      if (!linked) throw MountException(sysError("cannot create", shmName));
+   } catch (...) {
+      refusal = std::current_exception();
+   }
+   ::shm_unlink(making.c_str());
+   if (refusal) {
+      unmap(m);
+      std::rethrow_exception(refusal);
+   }
+   auto segment =
+       std::unique_ptr<Segment>(new Segment(shmName, m.base, size, *geometry, true, m.guard));
+   segment->file_ = {std::uint64_t(st.st_dev), std::uint64_t(st.st_ino)};
+   return segment;
 }
 
 std::unique_ptr<Segment> Segment::open(const std::string& shmName, std::string_view typeName,
                                        std::uint32_t keySize, std::uint32_t valueSize) {
    int fd = ::shm_open(shmName.c_str(), O_RDWR, 0);
+   if (fd < 0 && errno == EACCES) {
+      throw ForeignSegmentException("not serving " + shmName +
+                                    ": permission denied (another user's)");
+   }
    if (fd < 0) throw MountException(sysError("cannot open table", shmName));
+   struct FdCloser {
+      int fd;
+      ~FdCloser() { ::close(fd); }
+   } closer{fd};
    struct stat st {};
-   if (::fstat(fd, &st) != 0) {
-      ::close(fd);
-      throw MountException(sysError("cannot stat table", shmName));
-   }
+   if (::fstat(fd, &st) != 0) throw MountException(sysError("cannot stat table", shmName));
    if (std::string foreign = foreignOwner(st); !foreign.empty()) {
-      ::close(fd);
-      throw MountException("not serving " + shmName + ": " + foreign);
+      throw ForeignSegmentException("not serving " + shmName + ": " + foreign);
    }
-   std::size_t size = static_cast<std::size_t>(st.st_size);
-   if (size < sizeof(Header)) {
-      ::close(fd);
+   // The header is read with pread: a file cut short meanwhile gives a short read, not a fault.
+   // Only what it describes is mapped, once it has been checked against the file's size.
+   Header copy;
+   if (::pread(fd, &copy, offsetof(Header, writerPid), 0) != ssize_t(offsetof(Header, writerPid))) {
       throw Brio::CorruptionDetectedException(shmName + ": segment smaller than its header");
    }
-   void* mapped = mapShared(fd, size);
-   ::close(fd);
-   if (!mapped) throw MountException(sysError("cannot map table", shmName));
-   auto fail = [&](auto exception) {
-      ::munmap(mapped, size);
-      throw exception;
-   };
-   auto* header = static_cast<Header*>(mapped);
-   std::atomic_ref<std::uint64_t> magicRef(header->magic);
-   // A writer that is still setting the header up stores the magic last, its pid before it;
-   // without a live writer nothing is coming.
-   for (int i = 0; i < 100 && magicRef.load(std::memory_order_acquire) == 0 &&
-                   processAlive(header->writerPid.load(std::memory_order_acquire));
-        ++i) {
-      std::this_thread::sleep_for(std::chrono::milliseconds(1));
+   // Writers give a segment its name once its header is whole.
+   if (copy.magic == 0) {
+      throw Brio::CorruptionDetectedException(shmName + ": segment was never initialised");
    }
-   std::uint64_t found = magicRef.load(std::memory_order_acquire);
-   if (found == 0) fail(MountException(shmName + ": segment was never initialised"));
-   if (found != magic) fail(Brio::CorruptionDetectedException(shmName + ": bad magic"));
-   Header copy;
-   std::memcpy(static_cast<void*>(&copy), header, offsetof(Header, writerPid));
+   if (copy.magic != magic) throw Brio::CorruptionDetectedException(shmName + ": bad magic");
    if (copy.layoutVersion != layoutVersion || copy.headerSize != sizeof(Header)) {
-      fail(MountException(shmName + ": incompatible layout version " +
-                          std::to_string(copy.layoutVersion)));
+      throw MountException(shmName + ": incompatible layout version " +
+                           std::to_string(copy.layoutVersion));
    }
    if (copy.checksum != headerChecksum(copy)) {
-      fail(Brio::CorruptionDetectedException(shmName + ": bad header checksum"));
+      throw Brio::CorruptionDetectedException(shmName + ": bad header checksum");
    }
    std::string_view foundType(copy.typeName, strnlen(copy.typeName, typeNameSize));
    if (foundType != typeName) {
-      fail(MountException(shmName + " holds " + std::string(foundType) + ", not " +
-                          std::string(typeName)));
+      throw MountException(shmName + " holds " + std::string(foundType) + ", not " +
+                           std::string(typeName));
    }
    const Geometry& g = copy.geometry;
    if (g.keySize != keySize || g.valueSize != valueSize) {
-      fail(MountException(shmName + ": incompatible layout: key and value of " +
-                          std::to_string(g.keySize) + " and " + std::to_string(g.valueSize) +
-                          " bytes, expected " + std::to_string(keySize) + " and " +
-                          std::to_string(valueSize)));
+      throw MountException(shmName + ": incompatible layout: key and value of " +
+                           std::to_string(g.keySize) + " and " + std::to_string(g.valueSize) +
+                           " bytes, expected " + std::to_string(keySize) + " and " +
+                           std::to_string(valueSize));
    }
    auto expected = geometryFor(g.keySize, g.valueSize, g.capacity, g.ringSize);
    if (!expected || !(*expected == g)) {
-      fail(Brio::CorruptionDetectedException(shmName + ": geometry does not hold together"));
+      throw Brio::CorruptionDetectedException(shmName + ": geometry does not hold together");
    }
-   if (g.totalSize > size) {
-      fail(Brio::CorruptionDetectedException(shmName + ": sizes do not fit the file"));
+   if (g.totalSize > std::uint64_t(st.st_size)) {
+      throw Brio::CorruptionDetectedException(shmName + ": sizes do not fit the file");
    }
-   return std::unique_ptr<Segment>(
-       new Segment(shmName, static_cast<unsigned char*>(mapped), size, g, false));
+   Mapping m = mapGuarded(fd, g.totalSize, shmName);
+   return std::unique_ptr<Segment>(new Segment(shmName, m.base, m.size, g, false, m.guard));
 }
 
 void Segment::unlink() {
    if (!linked_) return;
    linked_ = false;
    if (!lost()) header().writerPid.store(0, std::memory_order_release);
-   ::shm_unlink(shmName_.c_str());
+   // Whatever took the name meanwhile (someone who replaced a damaged segment) stays.
+   struct stat st {};
+   if (::stat(shmPath(shmName_).c_str(), &st) == 0 &&
+       std::pair(std::uint64_t(st.st_dev), std::uint64_t(st.st_ino)) == file_) {
+      ::shm_unlink(shmName_.c_str());
+   }
 }
 
 void trustedGroupIs(gid_t group) {
@@ -369,7 +463,10 @@ std::size_t staleSegmentsRemove(const std::string& prefix) {
       const std::string name = "/" + file.path().filename().string();
       if (!file.path().filename().string().starts_with(stem)) continue;
       struct stat st {};
-      if (::stat(file.path().c_str(), &st) != 0 || st.st_uid != ::geteuid()) continue;
+      if (::lstat(file.path().c_str(), &st) != 0 || !S_ISREG(st.st_mode) ||
+          st.st_uid != ::geteuid()) {
+         continue;
+      }
       try {
          if (staleSegment(name) && ::shm_unlink(name.c_str()) == 0) ++removed;
       } catch (const MountException&) {

@@ -7,12 +7,14 @@
 #include <memory>
 #include <string>
 #include <string_view>
+#include <utility>
 
 #include "Vault/detail/ShmLayout.h"
 
 namespace Vault::Shm {
 
-// Segments owned by this group, besides the user's own, are served too.
+// Segments owned by this group, besides the user's own, are served too, and the segments this
+// process makes belong to the group and are open to it.
 void trustedGroupIs(gid_t group);
 std::size_t staleSegmentsRemove(const std::string& prefix);
 
@@ -72,6 +74,11 @@ class Segment {
    // check it after every operation.
    bool lost() const;
 
+   // Pages in the slots below `slots` ahead of their use, and a little beyond.
+   void slotsPopulate(std::uint32_t slots) {
+      if (slots >= populatedSlots_) slotsPopulateMore(slots);
+   }
+
    bool writerAlive() const;
    // Writer: removes the segment's name, so that no reader can map it any more and a new
    // writer may create it afresh. Whoever mapped it keeps the memory.
@@ -82,7 +89,9 @@ class Segment {
 
  private:
    Segment(std::string shmName, unsigned char* base, std::size_t mappedSize, Geometry geometry,
-           bool owner);
+           bool owner, int guard);
+   void populate(std::uint64_t from, std::uint64_t to) const;
+   void slotsPopulateMore(std::uint32_t slots);
 
    std::string shmName_;
    unsigned char* base_;
@@ -91,7 +100,10 @@ class Segment {
    bool owner_;
    bool linked_;
    int pokeFd_ = -1;
-   int guard_ = -1;
+   int guard_;
+   std::uint32_t populatedSlots_ = 0;
+   // The writer's file, by device and inode, so that it never removes another one of its name.
+   std::pair<std::uint64_t, std::uint64_t> file_;
 };
 
 // A reader's doorbell: a datagram socket whose name it leaves in one of the segment's waiter

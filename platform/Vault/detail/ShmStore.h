@@ -60,16 +60,18 @@ class ShmStore : public Store<K, V> {
          valueDecode(segment_->slotValue(slot), value);
          return true;
       }
-      bool found = false;
-      if constexpr (std::is_same_v<StoredValue, V>) {
-         found = readerFind(key, hash, value);
-      } else {
-         StoredValue stored;
-         found = readerFind(key, hash, stored);
-         if (found) ValueCodec::decode(stored, value);
-      }
-      lostCheck();
-      return found;
+      return readerGuarded([&] {
+         bool found = false;
+         if constexpr (std::is_same_v<StoredValue, V>) {
+            found = readerFind(key, hash, value);
+         } else {
+            StoredValue stored;
+            found = readerFind(key, hash, stored);
+            if (found) ValueCodec::decode(stored, value);
+         }
+         lostCheck();
+         return found;
+      });
    }
 
    bool put(const K& key, const V& value) override {
@@ -125,16 +127,18 @@ class ShmStore : public Store<K, V> {
    }
 
    std::optional<std::pair<K, V>> next(const K* from, bool inclusive) const override {
-      const std::set<K>& keys = orderedKeys();
-      auto it = !from       ? keys.begin()
-                : inclusive ? keys.lower_bound(*from)
-                            : keys.upper_bound(*from);
-      for (; it != keys.end(); ++it) {
-         V value;
-         // A reader may know of a key that is gone and not yet drained; it is skipped.
-         if (find(*it, value)) return std::make_pair(*it, value);
-      }
-      return std::nullopt;
+      return readerGuarded([&]() -> std::optional<std::pair<K, V>> {
+         const std::set<K>& keys = orderedKeys();
+         auto it = !from       ? keys.begin()
+                   : inclusive ? keys.lower_bound(*from)
+                               : keys.upper_bound(*from);
+         for (; it != keys.end(); ++it) {
+            V value;
+            // A reader may know of a key that is gone and not yet drained; it is skipped.
+            if (find(*it, value)) return std::make_pair(*it, value);
+         }
+         return std::nullopt;
+      });
    }
 
    std::size_t size() const override {
@@ -147,6 +151,18 @@ class ShmStore : public Store<K, V> {
 
    void changesDrain(ChangeSink<K>& sink) override {
       if (writable()) return;
+      readerGuarded([&] { drain(sink); });
+   }
+   int changeFd() const override { return doorbell_ ? doorbell_->fd() : -1; }
+   void retire() override {
+      if (writable()) segment_->unlink();
+   }
+
+   const Shm::Segment& segment() const { return *segment_; }
+   std::uint64_t numResyncs() const { return numResyncs_; }
+
+ private:
+   void drain(ChangeSink<K>& sink) {
       doorbell_->drain();
       std::unordered_set<K> batch;
       std::vector<K> changed;
@@ -174,6 +190,8 @@ class ShmStore : public Store<K, V> {
          doorbell_->arm();
          if (segment_->header().ringHead.load(std::memory_order_seq_cst) == cursor_) break;
       }
+      segment_->slotsPopulate(std::min(segment_->header().slotsUsed.load(std::memory_order_relaxed),
+                                       geometry().capacity));
       lostCheck();
       if (ordered_) orderedPending_.insert(orderedPending_.end(), changed.begin(), changed.end());
       // Nobody walked in order for a whole table's worth of changes: a scan is cheaper then.
@@ -183,15 +201,7 @@ class ShmStore : public Store<K, V> {
       }
       for (const K& key : changed) sink.keyChanged(key);
    }
-   int changeFd() const override { return doorbell_ ? doorbell_->fd() : -1; }
-   void retire() override {
-      if (writable()) segment_->unlink();
-   }
 
-   const Shm::Segment& segment() const { return *segment_; }
-   std::uint64_t numResyncs() const { return numResyncs_; }
-
- private:
    using Clock = std::chrono::steady_clock;
    static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
    static constexpr std::uint64_t maxChangesPerDrain = 4096;
@@ -276,6 +286,22 @@ class ShmStore : public Store<K, V> {
       }
    }
 
+   // A reader that found its segment damaged does not read it again: what a hostile writer
+   // left could cost a full lap or a wait on every access. The damage was reported once; later
+   // accesses fail at once.
+   template <class Fn>
+   auto readerGuarded(Fn&& fn) const {
+      if (damaged_) [[unlikely]] {
+         throw StoreCorruption("segment found damaged before", StoreCorruption::repeated);
+      }
+      try {
+         return fn();
+      } catch (const StoreCorruption&) {
+         damaged_ = true;
+         throw;
+      }
+   }
+
    // The writer's lookup: it is the only one changing the segment, so it reads plainly. Every
    // cell it follows must name a slot it handed out and that is live; a whole lap of the
    // index without an empty cell cannot happen below the rebuild threshold.
@@ -313,6 +339,7 @@ class ShmStore : public Store<K, V> {
          free_.pop_back();
          return slot;
       }
+      segment_->slotsPopulate(slotsUsed_);
       segment_->header().slotsUsed.store(slotsUsed_ + 1, std::memory_order_release);
       return slotsUsed_++;
    }
@@ -354,6 +381,8 @@ class ShmStore : public Store<K, V> {
    void indexRebuild() {
       auto& seq = segment_->header().indexSeq;
       std::uint32_t s = seq.load(std::memory_order_relaxed);
+      // Only this writer makes it odd, and never leaves it so.
+      if (s & 1) writerCorrupt("index sequence changed behind the writer");
       seq.store(s + 1, std::memory_order_relaxed);
       std::atomic_thread_fence(std::memory_order_release);
       const std::uint64_t mask = geometry().indexSize - 1;
@@ -385,9 +414,11 @@ class ShmStore : public Store<K, V> {
    }
 
    // Waits out a writer in the middle of a change, within limits: a writer that died there,
-   // or one that never finishes, leaves a record that will never be whole. The limit for a
-   // live writer is generous, since an index rebuild of a large table takes a while. Kept out of
-   // line, since lookups almost never come here.
+   // or one that never finishes, leaves a record that will never be whole, and the reader's
+   // whole process waits meanwhile. A slot is written in well under a microsecond; the limit
+   // leaves room for a writer that lost its processor. An index rebuild takes longer the larger
+   // the index. A reader waits out one such record per segment at most: the segment counts as
+   // damaged from then on. Kept out of line, since lookups almost never come here.
    [[gnu::cold, gnu::noinline]] void writerWait(const char* what, std::uint64_t which,
                                                 unsigned attempt, Clock::time_point& since) const {
       if (attempt < 64) return;
@@ -398,9 +429,11 @@ class ShmStore : public Store<K, V> {
       if (!segment_->writerAlive()) {
          throw StoreCorruption(where + ": the writer died in the middle of a write");
       }
-      if (Clock::now() - since > std::chrono::seconds(2)) {
-         throw StoreCorruption(where + ": a write never completed");
-      }
+      std::chrono::milliseconds limit{200};
+      // 50 ns a cell.
+      if (std::string_view(what) == "index ")
+         limit += std::chrono::milliseconds(geometry().indexSize / 20000);
+      if (Clock::now() - since > limit) throw StoreCorruption(where + ": a write never completed");
    }
 
    [[gnu::cold, gnu::noinline]] static void badSlot(std::uint32_t slot) {
@@ -450,7 +483,8 @@ class ShmStore : public Store<K, V> {
          }
          const std::uint32_t tag = tagOf(hash);
          std::uint64_t i = hash & mask;
-         for (std::uint64_t n = 0; n <= mask; ++n, i = (i + 1) & mask) {
+         std::uint64_t n = 0;
+         for (; n <= mask; ++n, i = (i + 1) & mask) {
             std::uint64_t c = segment_->cell(i).load(std::memory_order_acquire);
             std::uint32_t s = Shm::cellSlot(c);
             if (s == Shm::emptyCell) break;
@@ -465,7 +499,11 @@ class ShmStore : public Store<K, V> {
             }
          }
          std::atomic_thread_fence(std::memory_order_acquire);
-         if (indexSeq.load(std::memory_order_relaxed) == seq) return false;
+         if (indexSeq.load(std::memory_order_relaxed) == seq) {
+            // As on the writer's side, a lap without an empty cell is damage.
+            if (n > mask) throw StoreCorruption("index has no empty cell");
+            return false;
+         }
          if (attempt > maxIndexRetries) throw StoreCorruption("index keeps changing");
       }
    }
@@ -539,10 +577,11 @@ class ShmStore : public Store<K, V> {
    }
 
    std::unique_ptr<Shm::Segment> segment_;
+   // Found damaged: neither read nor written again.
+   mutable bool damaged_ = false;
    // Writer.
    std::vector<std::uint32_t> free_;
    std::uint32_t slotsUsed_ = 0;
-   mutable bool damaged_ = false;
    std::uint32_t count_ = 0;
    std::uint32_t deletedCells_ = 0;
    std::uint64_t head_ = 0;

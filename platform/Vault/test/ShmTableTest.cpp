@@ -1,5 +1,8 @@
 #include <gtest/gtest.h>
 
+#include <sys/wait.h>
+
+#include <functional>
 #include <map>
 #include <vector>
 
@@ -160,3 +163,55 @@ TEST(VaultShmTable, MountsFailClearly) {
 }
 
 }  // namespace
+
+std::string mountError(const std::function<void()>& mount) {
+   try {
+      mount();
+   } catch (const Vault::MountException& e) {
+      return e.what();
+   }
+   return "mounted";
+}
+
+// A writer record of a process that is gone (or a zombie) is taken over; a live writer's, a
+// segment still being made by a live process and another user's are not, each said as such.
+TEST(VaultShmTable, WritersTellStaleLiveAndForeignSegmentsApart) {
+   const std::string shmName = uniqueShmName("owner");
+   auto squat = [&](pid_t pid) {
+      std::vector<unsigned char> bytes(sizeof(Vault::Shm::Header), 0);
+      reinterpret_cast<Vault::Shm::Header*>(bytes.data())->writerPid = std::uint32_t(pid);
+      shmWrite(shmName, bytes);
+   };
+   auto writerNew = [&] { Vault::shmTableWriterNew<VersionTable>("x", shmName, 8); };
+   squat(::getppid());
+   EXPECT_NE(mountError(writerNew).find("already has a writer that is running (pid "),
+             std::string::npos);
+
+   pid_t zombie = ::fork();
+   if (zombie == 0) ::_exit(0);
+   while (::waitid(P_PID, zombie, nullptr, WEXITED | WNOWAIT) != 0 && errno == EINTR) {
+   }
+   squat(zombie);
+   EXPECT_EQ(mountError(writerNew), "mounted");
+   ::waitpid(zombie, nullptr, 0);
+
+   // Being made: the maker's pid is in the name; the remover leaves a live maker's alone.
+   shmWrite(shmName + ".~" + std::to_string(::getpid()) + ".9", {0});
+   shmWrite(shmName + ".~" + std::to_string(zombie) + ".9", {0});
+   EXPECT_EQ(Vault::shmStaleSegmentsRemove(shmName), 1u);
+   EXPECT_EQ(::shm_unlink((shmName + ".~" + std::to_string(::getpid()) + ".9").c_str()), 0);
+
+   if (::geteuid() != 0) GTEST_SKIP() << "another user's segment needs root to make";
+   squat(0);
+   ASSERT_EQ(::chown(("/dev/shm" + shmName).c_str(), 65534, 65534), 0);
+   EXPECT_NE(mountError(writerNew).find("owned by uid 65534, not this user"), std::string::npos);
+   EXPECT_THROW(writerNew(), Vault::ForeignSegmentException);
+   EXPECT_NE(mountError([&] {
+                Vault::shmTableReaderNew<VersionTable>("x", shmName);
+             }).find("not serving"),
+             std::string::npos);
+   EXPECT_EQ(Vault::shmStaleSegmentsRemove(shmName), 0u);
+   Vault::shmTrustedGroupIs(65534);
+   EXPECT_EQ(mountError(writerNew), "mounted");
+   Vault::shmTrustedGroupIs(gid_t(-1));
+}
