@@ -36,7 +36,6 @@ const std::vector<DecisionCase<World>>& decisionCases() {
         .check =
             [](World& w) {
                const auto key = mountKey("plain", hostHdl);
-               EXPECT_EQ(w.mgr->debug(key)->debugStatus()->name(), p("plain"));
                EXPECT_EQ(w.chip->table(0, hostHdl)->entryScope(),
                          PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
                const auto impl = w.mgr->mbbEngineSm(key)->mbbEngineImpl();
