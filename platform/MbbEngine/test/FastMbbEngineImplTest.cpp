@@ -203,15 +203,13 @@ TEST(FastMbbEngineImpl, TableSizeLearnedLateKeepsTrackOfHeldIndices) {
    EXPECT_EQ(f.helper->take(), (Ops{{"del", 8, 0x800, 5, 1}, {"add", 9, 0x900, 5, 1}}));
 }
 
-TEST(FastMbbEngineImpl, DebugStatusAnswersWithThePendingKeys) {
+// The version handshake and the listing are pinned by the show command's dump; a key that
+// stopped waiting must also leave the answer.
+TEST(FastMbbEngineImpl, DebugStatusForgetsKeysThatNoLongerWait) {
    EngineFixture<> f;
-   f.publish(1, 1, 0x100, 5);
-   f.publish(2, 1, 0x200, 5);
-   f.publish(3, 1, 0x300, 5);
+   for (std::uint64_t k = 1; k <= 3; ++k) f.publish(k, 1, 0x100 * k, 5);
    f.debugConfig->versionIs(4);
-   EXPECT_EQ(f.debugStatus->version(), 4u);
    ASSERT_EQ(f.debugStatus->pendingEntries().size(), 2u);
-   EXPECT_EQ(f.debugStatus->pendingEntry(3), f.impl->pendingEntry(3)->ti);
    f.config->entryDel(3);
    f.debugConfig->versionIs(5);
    EXPECT_EQ(f.debugStatus->pendingEntries().size(), 1u);
