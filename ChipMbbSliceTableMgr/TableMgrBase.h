@@ -1,7 +1,9 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -96,6 +98,13 @@ class TableMgrBase : public Orb::Entity<Mgr> {
    const Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf>& resourceInfoIntf() const {
       return resourceInfoIntf_;
    }
+
+   // Told why a published table is not served when its collections cannot be mounted for a
+   // reason that the entity manager does not report itself: a path missing, of another type
+   // or layout, written for another table, a configuration with room for more entries than
+   // the table.
+   using SkipHandler = std::function<void(const Key& key, const std::string& reason)>;
+   void skipHandlerIs(SkipHandler handler) { skipHandler_ = std::move(handler); }
 
    // The highest publisher instance seen; announcements of lower instances are stale.
    std::uint16_t maxPublishedInstanceId() const { return maxPublishedInstanceId_(); }
@@ -222,6 +231,31 @@ class TableMgrBase : public Orb::Entity<Mgr> {
           [this, reactor](const auto&... args) { this->notifieeList().notify(reactor, args...); };
    }
 
+   void tableSkipped(const Key& key, const std::string& reason) const {
+      if (skipHandler_) skipHandler_(key, reason);
+   }
+
+   // One writer per status collection: a table that names one status path twice, or one that
+   // another running table writes, is not served, since two engines writing one collection
+   // would each take the other's statuses for their own. `pathsOf` lists an entry's statuses.
+   template <class PathsOf>
+   void statusPathsCheck(const Key& key, const MountEntry& entry, PathsOf pathsOf) {
+      std::set<std::string> mine;
+      for (const std::string& path : pathsOf(entry)) {
+         if (!mine.insert(path).second) {
+            throw Vault::MountException(path + " is named for two statuses of the table");
+         }
+      }
+      for (const auto& [other, running] : mountInfos()) {
+         if (other == key || !self().tableRunning(other)) continue;
+         for (const std::string& path : pathsOf(running)) {
+            if (mine.contains(path)) {
+               throw Vault::MountException(path + " is the status of " + other.name() + " already");
+            }
+         }
+      }
+   }
+
    // The first steps of taking a running table down; false when it stays, as in test mode.
    bool unmountBegins(const Key& key, std::uint32_t qtId) {
       const std::string& name = key.name();
@@ -338,6 +372,7 @@ class TableMgrBase : public Orb::Entity<Mgr> {
    Orb::Collection<Key, Orb::Ptr<DebugIntf>> debug_{"debug", Mgr::orbTypeName};
    MountInfoReactor mountInfoReactor_;
    MountConfigReactor mountConfigReactor_;
+   SkipHandler skipHandler_;
 };
 
 }  // namespace ChipMbbSlice

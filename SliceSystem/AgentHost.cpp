@@ -130,6 +130,11 @@ void AgentHost::tableMgrNew() {
    // A publisher may withdraw a table; the host then takes it down instead of stopping.
    tableMgr_->allowUnmountIs(true);
    tableMgr_->tableAuditMgrSmIs(auditMgr_);
+   tableMgr_->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
+                                   const std::string& reason) { handleTableSkip(key, reason); });
+   // The manager decided on what was announced already while it was made; what it could not
+   // serve then is decided again, now that somebody hears of it.
+   tableMgr_->handleTableMount();
    ++publications_;
 }
 
@@ -164,6 +169,9 @@ void AgentHost::tripleMgrNew() {
        ChipModel::modelResourceInfoNew(chip_.profile()));
    tripleMgr_->allowUnmountIs(true);
    tripleMgr_->tableAuditMgrSmIs(auditMgr_);
+   tripleMgr_->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
+                                    const std::string& reason) { handleTableSkip(key, reason); });
+   tripleMgr_->handleTableMount();
 }
 
 // A triple publication that is withdrawn leaves its triples as they are, as for single tables.
@@ -213,6 +221,14 @@ void AgentHost::triplePublicationRelease() {
    entityManager_->unmount(options_.tripleInfoPath);
    tripleMountInfo_.reset();
    tripleInfoSegment_.reset();
+}
+
+// Said once per table and reason: the managers decide again on every resync.
+void AgentHost::handleTableSkip(const ChipMbbShared::TableConfigMountKey& key,
+                                const std::string& reason) {
+   if (!skipsSaid_.insert(key.name() + "\n" + reason).second) return;
+   ++numTablesSkipped_;
+   log("not serving table " + key.name() + ": " + reason);
 }
 
 void AgentHost::handleSegmentDamage(const std::string& path, const std::string& reason) {
@@ -357,6 +373,7 @@ HostCounters AgentHost::counters() const {
    c.publications = publications_;
    c.numHandlerFailures = numHandlerFailures_;
    c.numDamagedSegments = numDamagedSegments_;
+   c.numTablesSkipped = numTablesSkipped_;
    c.numViolations = chip_.numViolations();
    if (tableMountInfo_) c.tablesPublished = static_cast<std::uint32_t>(tableMountInfo_->size());
    tripleCountersAdd(c);

@@ -44,7 +44,8 @@ std::string HostCounters::text() const {
           std::to_string(numOps()) + " (" + opsText() + "), violations " +
           std::to_string(numViolations) + ", handler failures " +
           std::to_string(numHandlerFailures) + ", damaged or foreign segments " +
-          std::to_string(numDamagedSegments);
+          std::to_string(numDamagedSegments) + ", tables skipped " +
+          std::to_string(numTablesSkipped);
 }
 
 }  // namespace SliceSystem
