@@ -63,8 +63,23 @@ ChipSliceMatAdtSelTableMgrSm::ChipSliceMatAdtSelTableMgrSm(
    handleInitialized();
 }
 
-// Triples are not unmounted here: whoever drops the manager drops the agent's state with it.
-ChipSliceMatAdtSelTableMgrSm::~ChipSliceMatAdtSelTableMgrSm() = default;
+ChipSliceMatAdtSelTableMgrSm::~ChipSliceMatAdtSelTableMgrSm() {
+   tablesTakeDown();
+}
+
+std::vector<std::uint32_t> ChipSliceMatAdtSelTableMgrSm::chipTables(const Key& key,
+                                                                    const MountEntry& entry) {
+   return {key.tableId(), entry.adtTableId(), entry.selTableId()};
+}
+
+std::vector<std::string> ChipSliceMatAdtSelTableMgrSm::mountedPaths(const MountEntry& entry) {
+   std::vector<std::string> paths = {entry.matConfigPath(),    entry.adtConfigPath(),
+                                     entry.selGrpConfigPath(), entry.selMbrConfigPath(),
+                                     entry.adtStatusPath(),    entry.selGrpStatusPath()};
+   if (entry.needStatus())
+      paths.insert(paths.end(), {entry.matStatusPath(), entry.selMbrStatusPath()});
+   return paths;
+}
 
 void ChipSliceMatAdtSelTableMgrSm::auditRegisterAll() {
    for (const auto& [key, sm] : matAdtSelSliceSms()) tableAuditMgrSm()->addMatAdtSelTable(key, sm);
@@ -234,17 +249,14 @@ ChipSliceMatAdtSelTableMgrSm::TripleColls ChipSliceMatAdtSelTableMgrSm::mountedC
 
 void ChipSliceMatAdtSelTableMgrSm::unmountTable(const Key& key) {
    if (!unmountBegins(key, matAdtSelSliceSm(key)->mbbEngineImpl()->qtId())) return;
+   tableTakeDown(key);
+}
+
+void ChipSliceMatAdtSelTableMgrSm::tableTakeDown(const Key& key) {
    const MountEntry entry = mountInfo(key);
    matAdtSelSliceSmDel(key);
-   for (const std::string* path :
-        {&entry.matConfigPath(), &entry.adtConfigPath(), &entry.selGrpConfigPath(),
-         &entry.selMbrConfigPath(), &entry.adtStatusPath(), &entry.selGrpStatusPath()}) {
-      entityManager_->unmount(*path);
-   }
-   if (entry.needStatus()) {
-      entityManager_->unmount(entry.matStatusPath());
-      entityManager_->unmount(entry.selMbrStatusPath());
-   }
+   for (const std::string& path : mountedPaths(entry)) entityManager_->unmount(path);
+   chipTablesRelease(key, entry);
    mountInfoDel(key);
    debugDel(key);
    if (tableAuditMgrSm()) tableAuditMgrSm()->delMatAdtSelTable(key);

@@ -30,7 +30,7 @@ namespace ChipMbbSlice {
 // action data table and a selector. Announcements are decided exactly as for single tables;
 // a current one gets its four configuration and four status collections, one placement helper
 // that writes all four statuses, the dependency engine and its state machine, and an audit
-// registration.
+// registration. Like the single-table manager, it takes its triples down when it goes.
 //
 // Status capacities: an announcement carries one table size, that of the match table, while
 // the statuses of a triple's parts hold different numbers of keys. Each status collection is
@@ -67,6 +67,11 @@ class ChipSliceMatAdtSelTableMgrSm
        Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus, Orb::Ptr<MountConfig> mountConfig,
        Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf);
    ~ChipSliceMatAdtSelTableMgrSm() override;
+
+   // The collections a table announced with `entry` is served from, mounted outside test mode.
+   static std::vector<std::string> mountedPaths(const MountEntry& entry);
+   // The chip tables it programs.
+   static std::vector<std::uint32_t> chipTables(const Key& key, const MountEntry& entry);
 
    // Running triples. A front leaves the collection before it is destroyed, so that nothing
    // reaches it through the manager while it takes its entries out of hardware.
@@ -111,6 +116,7 @@ class ChipSliceMatAdtSelTableMgrSm
    bool fitsChip(const Key& key, const MountEntry& entry) const;
    void mountTable(const Key& key, const MountEntry& entry);
    void unmountTable(const Key& key);
+   void tableTakeDown(const Key& key);
 
    StatusCapacities statusCapacities(const Key& key, const MountEntry& entry) const;
    TripleColls testmodeColls(const MountEntry& entry, const StatusCapacities& capacity) const;

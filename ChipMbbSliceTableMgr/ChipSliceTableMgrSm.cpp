@@ -48,8 +48,18 @@ ChipSliceTableMgrSm::ChipSliceTableMgrSm(
    handleInitialized();
 }
 
-// Tables are not unmounted here: whoever drops the manager drops the agent's state with it.
-ChipSliceTableMgrSm::~ChipSliceTableMgrSm() = default;
+ChipSliceTableMgrSm::~ChipSliceTableMgrSm() {
+   tablesTakeDown();
+}
+
+std::vector<std::uint32_t> ChipSliceTableMgrSm::chipTables(const Key& key, const MountEntry&) {
+   return {key.tableId()};
+}
+
+std::vector<std::string> ChipSliceTableMgrSm::mountedPaths(const MountEntry& entry) {
+   if (!entry.needStatus()) return {entry.configPath()};
+   return {entry.configPath(), entry.statusPath()};
+}
 
 std::vector<ChipSliceTableMgrSm::Key> ChipSliceTableMgrSm::runningKeys() const {
    std::vector<Key> keys;
@@ -190,10 +200,14 @@ Orb::Ptr<MbbEngine::MbbEngineImpl> ChipSliceTableMgrSm::mbbEngineImplNew(
 
 void ChipSliceTableMgrSm::unmountTable(const Key& key) {
    if (!unmountBegins(key, mbbEngineSm(key)->mbbEngineImpl()->qtId())) return;
+   tableTakeDown(key);
+}
+
+void ChipSliceTableMgrSm::tableTakeDown(const Key& key) {
    const MountEntry entry = mountInfo(key);
    mbbEngineSmDel(key);
-   entityManager_->unmount(entry.configPath());
-   if (entry.needStatus()) entityManager_->unmount(entry.statusPath());
+   for (const std::string& path : mountedPaths(entry)) entityManager_->unmount(path);
+   chipTablesRelease(key, entry);
    tableScopeDel(key.tableId());
    mountInfoDel(key);
    debugDel(key);

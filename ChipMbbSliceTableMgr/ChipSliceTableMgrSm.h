@@ -29,8 +29,9 @@ namespace ChipMbbSlice {
 // mount-info collection is checked (device, publisher instance, generation times, enabled);
 // a current one gets its configuration and status collections mounted, its entry scope set in
 // the SDK, a placement helper and an engine, and is registered with the audit. The chip's
-// resources say which published tables the chip can hold. A table that
-// is unpublished while running is torn down again, but only when an operator allowed it.
+// resources say which published tables the chip can hold. A table that is unpublished while
+// running is torn down again, but only when an operator allowed it; a manager that goes takes
+// its tables down with it (TableMgrBase::tablesTakeDown).
 //
 // Without an entity manager the manager runs in test mode, as TableMgrBase describes.
 class ChipSliceTableMgrSm
@@ -58,6 +59,11 @@ class ChipSliceTableMgrSm
                        Orb::Ptr<MountConfig> mountConfig,
                        Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf> resourceInfoIntf);
    ~ChipSliceTableMgrSm() override;
+
+   // The collections a table announced with `entry` is served from, mounted outside test mode.
+   static std::vector<std::string> mountedPaths(const MountEntry& entry);
+   // The chip tables it programs.
+   static std::vector<std::uint32_t> chipTables(const Key& key, const MountEntry& entry);
 
    // Running engines. A null engine is refused with Brio::RangeException. An engine leaves the
    // collection before it is destroyed: it takes its entries out of hardware as it goes, and
@@ -107,6 +113,7 @@ class ChipSliceTableMgrSm
        const Orb::Ptr<DebugIntf>& debugIntf, const Orb::Ptr<MbbEngine::MbbEngineHelper>& helper,
        std::uint32_t qtId);
    void unmountTable(const Key& key);
+   void tableTakeDown(const Key& key);
 
    Orb::Collection<std::uint32_t, std::uint8_t> tableScope_{"tableScope", orbTypeName};
    Orb::Collection<Key, Orb::Ptr<MbbEngine::MbbEngineSm>> mbbEngineSm_{"mbbEngineSm", orbTypeName};

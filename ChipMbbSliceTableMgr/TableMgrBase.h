@@ -4,6 +4,7 @@
 #include <functional>
 #include <map>
 #include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -14,6 +15,7 @@
 #include "ChipMbbSliceTableMgr/DebugIntf.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
 #include "ChipMbbSliceTableMgr/detail/MgrTrace.h"
+#include "ChipMbbSliceTableMgr/detail/TableClaims.h"
 #include "HwPd/ChipId.h"
 #include "HwPd/HwResourceInfo.h"
 #include "Keel/TimerWheel.h"
@@ -31,9 +33,10 @@ namespace ChipMbbSlice {
 // carry the mount decision, and the decision itself: which published announcements are
 // current, which running tables go, and the order in which that is found out. The managers
 // differ only in what a table is made of, so `Mgr` supplies, to this base only:
-//   static orbTypeName, traceClass, testmodeUnmountText; tableRunning(key), runningKeys(),
-//   runningTablesDelAll(), fitsChip(key, entry), mountTable(key, entry), unmountTable(key)
-//   and auditRegisterAll().
+//   static orbTypeName, traceClass, testmodeUnmountText, mountedPaths(entry), chipTables(key,
+//   entry); tableRunning(key),
+//   runningKeys(), runningTablesDelAll(), fitsChip(key, entry), mountTable(key, entry),
+//   unmountTable(key), tableTakeDown(key) and auditRegisterAll().
 // `Mgr::Notifiee` derives from `CommonNotifiee` and adds the reactors of its own attributes.
 // `Mgr`'s constructor ends with handleInitialized(), once its own collections exist.
 template <class Mgr, class MountInfoDir>
@@ -85,6 +88,7 @@ class TableMgrBase : public Orb::Entity<Mgr> {
       mountInfoReactor_.notifierIs(tableMountInfoDir_.get());
       mountConfigReactor_.notifierIs(mountConfig_.get());
    }
+   ~TableMgrBase() override { detail::TableClaims::process().releaseAll(this); }
 
    Orb::Ptr<const MountInfoDir> tableMountInfoDir() const { return tableMountInfoDir_; }
    const Orb::Ptr<Atlas::EntityManager>& entityManager() const { return entityManager_; }
@@ -198,8 +202,9 @@ class TableMgrBase : public Orb::Entity<Mgr> {
          return;
       }
       if (!currentAnnouncement(key, entry)) return;
-      if (!self().fitsChip(key, entry)) return;
+      if (!self().fitsChip(key, entry) || !chipTablesClaim(key, entry)) return;
       self().mountTable(key, entry);
+      if (!self().tableRunning(key)) chipTablesRelease(key, entry);
    }
 
    // Takes a running table down as if it were withdrawn; its owner does so when one of the
@@ -256,6 +261,26 @@ class TableMgrBase : public Orb::Entity<Mgr> {
       }
    }
 
+   // The chip tables a running key uses are this manager's until the key is taken down.
+   bool chipTablesClaim(const Key& key, const MountEntry& entry) {
+      if (detail::TableClaims::process().take(this, key.devTgt().devId,
+                                              Mgr::chipTables(key, entry))) {
+         return true;
+      }
+      DUALLOG(sliceLog, detail::badEntryLevel,
+              "skipping " << key.name() << ": hdl:0x" << std::hex << key.tableId() << std::dec
+                          << " is served for another feature agent");
+      FLASHLOG(detail::badEntryLevel, 0u,
+               ":skipping served elsewhere:", detail::recordName(key.name()));
+      std::ostringstream reason;
+      reason << "hdl:0x" << std::hex << key.tableId() << " is served for another feature agent";
+      tableSkipped(key, reason.str());
+      return false;
+   }
+   void chipTablesRelease(const Key& key, const MountEntry& entry) {
+      detail::TableClaims::process().release(this, key.devTgt().devId, Mgr::chipTables(key, entry));
+   }
+
    // The first steps of taking a running table down; false when it stays, as in test mode.
    bool unmountBegins(const Key& key, std::uint32_t qtId) {
       const std::string& name = key.name();
@@ -270,6 +295,19 @@ class TableMgrBase : public Orb::Entity<Mgr> {
          return false;
       }
       return true;
+   }
+
+   // A manager that goes takes its tables down with it, outside test mode: each engine first,
+   // which takes its entries out of hardware and writes their statuses, then the collections.
+   // Whoever serves the same paths next then mounts the segments as they are by then, not the
+   // ones this manager held. Tables whose engine a newer publisher instance already retired
+   // still have their collections mounted and lose them here too.
+   void tablesTakeDown() {
+      if (testmode()) return;
+      while (!mountInfos().empty()) {
+         const Key key = mountInfos().begin()->first;
+         self().tableTakeDown(key);
+      }
    }
 
    // Declared before the per-table collections of `Mgr`, so that tables go before what they

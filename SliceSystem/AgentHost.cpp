@@ -4,8 +4,6 @@
 
 #include <cstdio>
 #include <iostream>
-#include <map>
-#include <set>
 
 #include "Brio/Brio.h"
 #include "ChipMbbSlice/ChipMbbEngineHelper.h"
@@ -18,10 +16,8 @@ namespace SliceSystem {
 
 namespace {
 
-// The timer wheel of the slice: 1 ms ticks, ten minutes ahead, timers of a tick in order.
-Orb::Ptr<Keel::TimerWheel> sliceTimerWheelNew() {
-   return Orb::ptrNew<Keel::TimerWheel>(Orb::activityTimeSource(), 1, 600000, true, 1024);
-}
+using ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm;
+using ChipMbbSlice::ChipSliceTableMgrSm;
 
 void countHelperOps(const ChipMbbSlice::ChipMbbEngineHelper& helper, HostCounters& c) {
    c.numMatAddOps += helper.numMatAddOps();
@@ -50,34 +46,74 @@ std::uint64_t chipEntries(const ChipModel::Chip& chip, std::uint8_t devId, std::
    return n;
 }
 
+void singlesCount(const ChipSliceTableMgrSm& mgr, const ChipModel::Chip& chip, HostCounters& c) {
+   c.tablesPublished += static_cast<std::uint32_t>(mgr.tableMountInfoDir()->size());
+   std::set<std::pair<std::uint8_t, std::uint32_t>> chipTables;
+   for (const auto& [key, engine] : mgr.mbbEngineSms()) {
+      ++c.tablesRunning;
+      c.statuses += engine->tableStatus() ? engine->tableStatus()->size() : 0;
+      c.pending += engine->mbbEngineImpl()->numPending();
+      auto helper = std::dynamic_pointer_cast<ChipMbbSlice::ChipMbbEngineHelper>(
+          engine->mbbEngineImpl()->helper());
+      if (helper) countHelperOps(*helper, c);
+      chipTables.insert({key.devTgt().devId, key.tableId()});
+   }
+   for (const auto& [devId, tableId] : chipTables) c.entries += chipEntries(chip, devId, tableId);
+}
+
+void triplesCount(const ChipSliceMatAdtSelTableMgrSm& mgr, const ChipModel::Chip& chip,
+                  HostCounters& c) {
+   c.triplesPublished += static_cast<std::uint32_t>(mgr.tableMountInfoDir()->size());
+   for (const auto& [key, sm] : mgr.matAdtSelSliceSms()) {
+      ++c.triplesRunning;
+      for (const auto& status : {sm->tableStatus(), sm->adtTableStatus(), sm->selGrpTableStatus(),
+                                 sm->selMbrTableStatus()}) {
+         c.statuses += status ? status->size() : 0;
+      }
+      c.pending += sm->mbbEngineImpl()->numPending();
+      const ChipMbbSlice::MatAdtSelMbbEngineImpl& impl = *sm->matAdtSelImpl();
+      c.groups += impl.currentSelGrps().size();
+      c.numDeadlockBreakOps += impl.numDeadlockBreakOps();
+      if (const auto& helper = impl.chipHelper()) {
+         countHelperOps(*helper, c);
+         // Members in hardware: every sel_add is undone by one sel_del.
+         c.members += helper->numSelAddOps() - helper->numSelDelOps();
+      }
+      c.entries += chipEntries(chip, key.devTgt().devId, key.tableId());
+   }
+}
+
+bool entryUses(const ChipMbbShared::MatAdtSelTableConfigMountEntry& e, const std::string& path) {
+   for (const std::string& p : ChipSliceMatAdtSelTableMgrSm::mountedPaths(e)) {
+      if (p == path) return true;
+   }
+   return false;
+}
+
+bool entryUses(const ChipMbbShared::TableConfigMountEntry& e, const std::string& path) {
+   for (const std::string& p : ChipSliceTableMgrSm::mountedPaths(e)) {
+      if (p == path) return true;
+   }
+   return false;
+}
+
+// A publisher's directory is `<prefix><name>`; its collections lie further down.
+bool directoryPath(const std::string& path, const std::string& prefix) {
+   return path.size() > prefix.size() && path.find('/', prefix.size()) == std::string::npos;
+}
+
 }  // namespace
 
 AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
     : loop_(loop),
       options_(std::move(options)),
       chip_(options_.profile),
-      timerWheel_(sliceTimerWheelNew()),
       mountConfig_(Orb::ptrNew<ChipMbbSlice::MountConfig>(options_.mountMode)),
       flushStatus_(Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flushStatus")),
-      auditMgr_(ChipMbbSlice::TableAuditMgrSmIs(timerWheel_.get(), options_.sessHdl,
-                                                ChipModel::modelHwPdNew(chip_))),
-      countersTimer_(timerWheel_.get(), options_.countersPeriod, [this] { countersWrite(); }),
-      probeTimer_(timerWheel_.get(), options_.probePeriod, [this] { handlePublicationProbe(); }) {
-   loop_.timerWheelAdd(timerWheel_.get());
-   auditMgr_->auditIntervalIs(options_.auditInterval);
-   auditMgr_->auditPolicy()->auditHardwareIs(options_.auditHardware);
-   if (options_.root.empty()) {
-      countersTable_ = Vault::localTableNew<HostCountersTable>(options_.countersPath);
-      countersTable_->mountedIs(true);
-      tableMountInfo_ =
-          Vault::localTableNew<ChipMbbShared::TableConfigMountInfo>(options_.tableInfoPath);
-      tableMountInfo_->mountedIs(true);
-      tableMgrNew();
-      tripleMountInfo_ = Vault::localTableNew<ChipMbbShared::MatAdtSelTableConfigMountInfo>(
-          options_.tripleInfoPath);
-      tripleMountInfo_->mountedIs(true);
-      tripleMgrNew();
-   } else {
+      tableInfoDir_(Orb::ptrNew<Orb::Dir>("tableInfoDir")),
+      countersTimer_(&loop_.timerWheel(), options_.countersPeriod, [this] { countersWrite(); }),
+      probeTimer_(&loop_.timerWheel(), options_.probePeriod, [this] { handlePublicationProbe(); }) {
+   if (!options_.root.empty()) {
       entityManager_ = Orb::ptrNew<Atlas::EntityManager>(options_.root, &loop_);
       if (std::size_t n = Vault::shmStaleSegmentsRemove(entityManager_->shmName(""))) {
          log("removed " + std::to_string(n) + " segments that dead processes left under the root");
@@ -86,22 +122,36 @@ AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
           [this](const std::string& path, const std::string& reason) {
              handleSegmentDamage(path, reason);
           });
+      // First, since another host on the root already has it.
       countersTable_ = entityManager_->mount<HostCountersTable>(options_.countersPath,
                                                                 Atlas::MountMode::writer, 4);
+   }
+   watcher_ = Orb::ptrNew<ChipMbbSlice::ChipSliceTableWatcherSm>(
+       tableInfoDir_, entityManager_, options_.supportedDevices, options_.sessHdl,
+       options_.syncGenTime, ChipModel::modelResourceInfoNew(chip_.profile()),
+       ChipModel::modelHwPdNew(chip_), flushStatus_, mountConfig_);
+   watcherReactor_.notifierIs(watcher_.get());
+   loop_.timerWheelAdd(watcher_->timerWheel().get());
+   auditMgr()->auditIntervalIs(options_.auditInterval);
+   auditMgr()->auditPolicy()->auditHardwareIs(options_.auditHardware);
+   if (testmode()) {
+      countersTable_ = Vault::localTableNew<HostCountersTable>(options_.countersPath);
+      countersTable_->mountedIs(true);
+   } else {
       handlePublicationProbe();
       probeTimer_.start();
    }
    countersWrite();
    countersTimer_.start();
-   cliNew();
+   cliServe();
 }
 
 AgentHost::~AgentHost() {
    cliServer_.reset();
-   cliCallback_.reset();
-   tripleMgr_.reset();
-   tableMgr_.reset();
-   loop_.timerWheelDel(timerWheel_.get());
+   watcherReactor_.notifierIs(nullptr);
+   publications_.clear();
+   loop_.timerWheelDel(watcher_->timerWheel().get());
+   watcher_.reset();
 }
 
 void AgentHost::log(const std::string& line) const {
@@ -122,105 +172,110 @@ bf_status_t AgentHost::faultInject(const ChipModel::Fault& fault) {
    return status;
 }
 
-void AgentHost::tableMgrNew() {
-   tableMgr_ = Orb::ptrNew<ChipMbbSlice::ChipSliceTableMgrSm>(
-       tableMountInfo_, entityManager_, options_.supportedDevices, options_.sessHdl,
-       options_.syncGenTime, timerWheel_, flushStatus_, mountConfig_,
-       ChipModel::modelResourceInfoNew(chip_.profile()));
-   // A publisher may withdraw a table; the host then takes it down instead of stopping.
-   tableMgr_->allowUnmountIs(true);
-   tableMgr_->tableAuditMgrSmIs(auditMgr_);
-   tableMgr_->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
-                                   const std::string& reason) { handleTableSkip(key, reason); });
-   // The manager decided on what was announced already while it was made; what it could not
-   // serve then is decided again, now that somebody hears of it.
-   tableMgr_->handleTableMount();
-   ++publications_;
-}
-
-void AgentHost::cliNew() {
-   cliCallback_ = Orb::ptrNew<ChipMbbSlice::CliCallback>(
-       "ChipMbbSlice", "ChipMbbSliceCli", static_cast<const ChipMbbSlice::CliTableDir*>(this),
-       ChipModel::modelResourceInfoNew(chip_.profile()), ChipModel::modelHwPdNew(chip_),
-       options_.sessHdl, Orb::ptrNew<Keel::WheelClock>(timerWheel_.get()));
+void AgentHost::cliServe() {
    std::string path = options_.cliSocketPath;
    if (path.empty() && !testmode()) path = Agent::socketPathFor(options_.root);
    if (path.empty()) return;
    Agent::CliServerOptions cli;
    cli.path = path;
    cli.commands = ChipMbbSlice::CliCallback::commandNames();
-   cliServer_ = std::make_unique<Agent::CliServer>(loop_, cliCallback_.get(), std::move(cli));
+   cli.commands.push_back("host");
+   commands_ = std::make_unique<HostCommands>(*this, *watcher_->cliCallback());
+   cliServer_ = std::make_unique<Agent::CliServer>(loop_, commands_.get(), std::move(cli));
 }
 
-ChipMbbSlice::CliTableDir::TableMgrMap AgentHost::tableMgrs() const {
-   if (!tableMgr_) return {};
-   return {{options_.tableInfoPath, tableMgr_}};
-}
-
-ChipMbbSlice::CliTableDir::TripleMgrMap AgentHost::tripleMgrs() const {
-   if (!tripleMgr_) return {};
-   return {{options_.tripleInfoPath, tripleMgr_}};
-}
-
-void AgentHost::tripleMgrNew() {
-   tripleMgr_ = Orb::ptrNew<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm>(
-       tripleMountInfo_, entityManager_, options_.supportedDevices, options_.sessHdl,
-       options_.syncGenTime, timerWheel_, flushStatus_, mountConfig_,
-       ChipModel::modelResourceInfoNew(chip_.profile()));
-   tripleMgr_->allowUnmountIs(true);
-   tripleMgr_->tableAuditMgrSmIs(auditMgr_);
-   tripleMgr_->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
-                                    const std::string& reason) { handleTableSkip(key, reason); });
-   tripleMgr_->handleTableMount();
-}
-
-// A triple publication that is withdrawn leaves its triples as they are, as for single tables.
-void AgentHost::triplePublicationProbe() {
-   const std::string& path = options_.tripleInfoPath;
-   SegmentId segment = segmentId(entityManager_->shmName(path));
-   if (!segment || segment == tripleInfoSegment_) return;
-   if (tripleMountInfo_) {
-      log("publication " + path + " replaced; restarting its triples");
-      triplePublicationRelease();
-   }
-   try {
-      tripleMountInfo_ = entityManager_->mount<ChipMbbShared::MatAdtSelTableConfigMountInfo>(
-          path, Atlas::MountMode::reader);
-   } catch (const Vault::MountException& e) {
+// A publisher may withdraw a table; the host then takes it down instead of stopping.
+void AgentHost::handleTableMgr(const std::string& name) {
+   const auto mgr = watcher_->tableMgr(name);
+   if (!mgr) {
+      log("tables of " + name + " withdrawn");
       return;
+   }
+   mgr->allowUnmountIs(true);
+   mgr->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
+                             const std::string& reason) { handleTableSkip(key, reason); });
+   // The manager decided on what was announced already while it was made; what it could not
+   // serve then is decided again, now that somebody hears of it.
+   mgr->handleTableMount();
+   ++numPublications_;
+   log("serving tables of " + name + " (" + std::to_string(mgr->tableMountInfoDir()->size()) +
+       " announced so far)");
+}
+
+void AgentHost::handleMatAdtSelTableMgr(const std::string& name) {
+   const auto mgr = watcher_->matAdtSelTableMgr(name);
+   mgr->allowUnmountIs(true);
+   mgr->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
+                             const std::string& reason) { handleTableSkip(key, reason); });
+   mgr->handleTableMount();
+   ++numPublications_;
+   log("serving triples of " + name + " (" + std::to_string(mgr->tableMountInfoDir()->size()) +
+       " announced so far)");
+}
+
+void AgentHost::handlePublicationProbe() {
+   if (testmode()) return;
+   damagedTablesRestart();
+   damagedTablesStop();
+   std::set<std::string> dirPaths;
+   for (std::string& path : entityManager_->paths(options_.dirPrefix)) {
+      if (directoryPath(path, options_.dirPrefix)) dirPaths.insert(std::move(path));
+   }
+   for (const auto& [path, publication] : publications_) dirPaths.insert(path);
+   for (const std::string& path : dirPaths) publicationProbe(path);
+}
+
+void AgentHost::publicationProbe(const std::string& dirPath) {
+   const SegmentId segment = segmentId(entityManager_->shmName(dirPath));
+   auto it = publications_.find(dirPath);
+   if (it != publications_.end() && !segment) {
+      publicationGone(dirPath, it->second);
+      return;
+   }
+   if (!segment || (it != publications_.end() && it->second.segment == segment)) return;
+   if (it != publications_.end()) {
+      log("publisher " + dirPath + " replaced; serving its successor from scratch");
+      publications_.erase(it);
+      // Names the old mirror held may have been refused to others meanwhile.
+      for (auto& [path, other] : publications_) other.mirror->handleTableInfoDir();
+   }
+   publicationFollow(dirPath, segment);
+}
+
+void AgentHost::publicationFollow(const std::string& dirPath, const SegmentId& segment) {
+   Publication publication;
+   try {
+      publication.mirror = std::make_unique<ChipMbbShared::TableInfoDirMirror>(
+          *entityManager_, dirPath, tableInfoDir_);
+   } catch (const Vault::MountException& e) {
+      return;  // not all there yet; the next probe tries again
    } catch (const Brio::CorruptionDetectedException& e) {
       return;  // said by the entity manager, once for this segment
    }
-   if (segmentId(entityManager_->shmName(path)) != segment) {
-      entityManager_->unmount(path);
-      tripleMountInfo_.reset();
-      return;
-   }
-   tripleInfoSegment_ = segment;
-   log("serving publication " + path + " (" + std::to_string(tripleMountInfo_->size()) +
-       " triples announced so far)");
-   try {
-      tripleMgrNew();
-   } catch (const std::exception& e) {
-      tripleMgr_.reset();
-      log("cannot serve publication " + path + ": " + e.what());
-   }
+   // Replaced again while it was being mounted: start over at the next probe.
+   if (segmentId(entityManager_->shmName(dirPath)) != segment) return;
+   publication.segment = segment;
+   log("following publisher " + dirPath + " (" + std::to_string(publication.mirror->size()) +
+       " collections announced so far)");
+   publications_[dirPath] = std::move(publication);
 }
 
-void AgentHost::triplePublicationRelease() {
-   std::set<std::string> paths;
-   if (tripleMgr_) {
-      for (const auto& [key, e] : tripleMgr_->mountInfos()) {
-         paths.insert({e.matConfigPath(), e.adtConfigPath(), e.selGrpConfigPath(),
-                       e.selMbrConfigPath(), e.adtStatusPath(), e.selGrpStatusPath()});
-         if (e.needStatus()) paths.insert({e.matStatusPath(), e.selMbrStatusPath()});
-      }
+// Its segments are gone with it; what it published stays in hardware as it is.
+void AgentHost::publicationGone(const std::string& dirPath, Publication& publication) {
+   if (publication.goneLogged) return;
+   publication.goneLogged = true;
+   log("publisher " + dirPath + " gone; keeping its " +
+       std::to_string(tablesServed(*publication.mirror)) + " tables as they are");
+}
+
+std::size_t AgentHost::tablesServed(const ChipMbbShared::TableInfoDirMirror& mirror) const {
+   std::size_t n = 0;
+   for (const auto& [name, entity] : tableInfoDir_->entities()) {
+      if (!mirror.holds(name)) continue;
+      if (const auto mgr = watcher_->tableMgr(name)) n += mgr->mbbEngineSms().size();
+      if (const auto mgr = watcher_->matAdtSelTableMgr(name)) n += mgr->matAdtSelSliceSms().size();
    }
-   tripleMgr_.reset();
-   for (const std::string& path : paths) entityManager_->unmount(path);
-   entityManager_->unmount(options_.tripleInfoPath);
-   tripleMountInfo_.reset();
-   tripleInfoSegment_.reset();
+   return n;
 }
 
 // Said once per table and reason: the managers decide again on every resync.
@@ -237,26 +292,10 @@ void AgentHost::handleSegmentDamage(const std::string& path, const std::string& 
    log("segment of " + path + " not served (" + reason + "); stopping its table");
 }
 
-namespace {
-
-bool entryUses(const ChipMbbShared::MatAdtSelTableConfigMountEntry& e, const std::string& path) {
-   for (const std::string* p :
-        {&e.matConfigPath(), &e.adtConfigPath(), &e.selGrpConfigPath(), &e.selMbrConfigPath(),
-         &e.matStatusPath(), &e.adtStatusPath(), &e.selGrpStatusPath(), &e.selMbrStatusPath()}) {
-      if (*p == path) return true;
-   }
-   return false;
-}
-
-bool entryUses(const ChipMbbShared::TableConfigMountEntry& e, const std::string& path) {
-   return e.configPath() == path || e.statusPath() == path;
-}
-
-}  // namespace
-
 // Out of the access that found the damage, which may be deep in an engine: the table goes as
 // if withdrawn. A segment the publisher writes is served again once it is replaced; one the
-// host writes itself was removed with the table and is made afresh at once.
+// host writes itself was removed with the table and is made afresh at once. A damaged
+// directory or mount-info collection is followed again once its publisher replaces it.
 void AgentHost::damagedTablesStop() {
    for (const std::string& path : damagedPaths_) {
       if (path == options_.countersPath) {
@@ -271,14 +310,14 @@ void AgentHost::damagedTablesStop() {
          stoppedTables_.push_back({key, triple, configPath, config});
          mgr->tableStop(key);
       };
-      if (tableMgr_) {
-         for (const auto& [key, e] : std::map(tableMgr_->mountInfos())) {
-            if (entryUses(e, path)) stop(tableMgr_, false, e.configPath(), key);
+      for (const auto& [name, mgr] : watcher_->tableMgrs()) {
+         for (const auto& [key, e] : std::map(mgr->mountInfos())) {
+            if (entryUses(e, path)) stop(mgr, false, e.configPath(), key);
          }
       }
-      if (tripleMgr_) {
-         for (const auto& [key, e] : std::map(tripleMgr_->mountInfos())) {
-            if (entryUses(e, path)) stop(tripleMgr_, true, e.matConfigPath(), key);
+      for (const auto& [name, mgr] : watcher_->matAdtSelTableMgrs()) {
+         for (const auto& [key, e] : std::map(mgr->mountInfos())) {
+            if (entryUses(e, path)) stop(mgr, true, e.matConfigPath(), key);
          }
       }
    }
@@ -290,130 +329,40 @@ void AgentHost::damagedTablesRestart() {
    for (StoppedTable& t : stoppedTables_) {
       if (t.configSegment && segmentId(entityManager_->shmName(t.configPath)) == t.configSegment) {
          waiting.push_back(t);
-      } else if (t.triple && tripleMgr_) {
-         tripleMgr_->handleTableMount(t.key);
-      } else if (!t.triple && tableMgr_) {
-         tableMgr_->handleTableMount(t.key);
+         continue;
+      }
+      for (const auto& [name, mgr] : watcher_->tableMgrs()) {
+         if (!t.triple && mgr->tableMountInfoDir()->present(t.key)) mgr->handleTableMount(t.key);
+      }
+      for (const auto& [name, mgr] : watcher_->matAdtSelTableMgrs()) {
+         if (t.triple && mgr->tableMountInfoDir()->present(t.key)) mgr->handleTableMount(t.key);
       }
    }
    stoppedTables_ = std::move(waiting);
-}
-
-void AgentHost::handlePublicationProbe() {
-   if (testmode()) return;
-   damagedTablesRestart();
-   damagedTablesStop();
-   triplePublicationProbe();
-   SegmentId segment = segmentId(entityManager_->shmName(options_.tableInfoPath));
-   if (tableMountInfo_ && segment == tableInfoSegment_) return;
-   if (tableMountInfo_ && !segment) {
-      if (!publisherGoneLogged_) {
-         std::size_t running = tableMgr_ ? tableMgr_->mbbEngineSms().size() : 0;
-         log("publication " + options_.tableInfoPath + " withdrawn; keeping " +
-             std::to_string(running) + " tables as they are");
-         publisherGoneLogged_ = true;
-      }
-      return;
-   }
-   if (!segment) return;
-   if (tableMountInfo_) {
-      log("publication " + options_.tableInfoPath + " replaced; restarting its tables");
-      publicationRelease();
-   }
-   publicationMount(segment);
-}
-
-void AgentHost::publicationMount(const SegmentId& segment) {
-   try {
-      tableMountInfo_ = entityManager_->mount<ChipMbbShared::TableConfigMountInfo>(
-          options_.tableInfoPath, Atlas::MountMode::reader);
-   } catch (const Vault::MountException& e) {
-      return;  // not all there yet, or another user's; the next probe tries again
-   } catch (const Brio::CorruptionDetectedException& e) {
-      return;  // said by the entity manager, once for this segment
-   }
-   // Replaced again while it was being mounted: start over at the next probe.
-   if (segmentId(entityManager_->shmName(options_.tableInfoPath)) != segment) {
-      entityManager_->unmount(options_.tableInfoPath);
-      tableMountInfo_.reset();
-      return;
-   }
-   tableInfoSegment_ = segment;
-   publisherGoneLogged_ = false;
-   log("serving publication " + options_.tableInfoPath + " (" +
-       std::to_string(tableMountInfo_->size()) + " tables announced so far)");
-   try {
-      tableMgrNew();
-   } catch (const std::exception& e) {
-      // Served again only when a publisher replaces it.
-      tableMgr_.reset();
-      log("cannot serve publication " + options_.tableInfoPath + ": " + e.what());
-   }
-}
-
-void AgentHost::publicationRelease() {
-   std::set<std::string> paths;
-   if (tableMgr_) {
-      for (const auto& [key, entry] : tableMgr_->mountInfos()) {
-         paths.insert(entry.configPath());
-         if (entry.needStatus()) paths.insert(entry.statusPath());
-      }
-   }
-   tableMgr_.reset();
-   for (const std::string& path : paths) entityManager_->unmount(path);
-   entityManager_->unmount(options_.tableInfoPath);
-   tableMountInfo_.reset();
-   tableInfoSegment_.reset();
 }
 
 HostCounters AgentHost::counters() const {
    HostCounters c;
    c.seq = seq_;
    c.pid = static_cast<std::uint32_t>(::getpid());
-   c.publications = publications_;
+   c.publications = numPublications_;
    c.numHandlerFailures = numHandlerFailures_;
    c.numDamagedSegments = numDamagedSegments_;
    c.numTablesSkipped = numTablesSkipped_;
    c.numViolations = chip_.numViolations();
-   if (tableMountInfo_) c.tablesPublished = static_cast<std::uint32_t>(tableMountInfo_->size());
-   tripleCountersAdd(c);
-   if (!tableMgr_) return c;
-   std::set<std::pair<std::uint8_t, std::uint32_t>> chipTables;
-   for (const auto& [key, engine] : tableMgr_->mbbEngineSms()) {
-      ++c.tablesRunning;
-      c.statuses += engine->tableStatus() ? engine->tableStatus()->size() : 0;
-      c.pending += engine->mbbEngineImpl()->numPending();
-      auto helper = std::dynamic_pointer_cast<ChipMbbSlice::ChipMbbEngineHelper>(
-          engine->mbbEngineImpl()->helper());
-      if (helper) countHelperOps(*helper, c);
-      chipTables.insert({key.devTgt().devId, key.tableId()});
+   for (const auto& [name, mgr] : watcher_->tableMgrs()) singlesCount(*mgr, chip_, c);
+   for (const auto& [name, mgr] : watcher_->matAdtSelTableMgrs()) triplesCount(*mgr, chip_, c);
+   const ChipMbbSlice::TableAuditMgrSm& audit = *auditMgr();
+   const bool ongoing = audit.auditState() == ChipMbbSlice::AuditState::ongoing;
+   c.audits = audit.configInstance()->instance() - (ongoing ? 1 : 0);
+   c.auditOvershoots = audit.overshotCnt();
+   c.auditFailedKeys = audit.failedAuditStatus()->numFailedEntries();
+   if (entityManager_) c.mounts = entityManager_->numMounts();
+   if (cliServer_) {
+      c.commands = cliServer_->numCommands();
+      c.commandsRefused = cliServer_->numRefused();
    }
-   for (const auto& [devId, tableId] : chipTables) c.entries += chipEntries(chip_, devId, tableId);
    return c;
-}
-
-void AgentHost::tripleCountersAdd(HostCounters& c) const {
-   if (tripleMountInfo_) {
-      c.triplesPublished = static_cast<std::uint32_t>(tripleMountInfo_->size());
-   }
-   if (!tripleMgr_) return;
-   for (const auto& [key, sm] : tripleMgr_->matAdtSelSliceSms()) {
-      ++c.triplesRunning;
-      for (const auto& status : {sm->tableStatus(), sm->adtTableStatus(), sm->selGrpTableStatus(),
-                                 sm->selMbrTableStatus()}) {
-         c.statuses += status ? status->size() : 0;
-      }
-      c.pending += sm->mbbEngineImpl()->numPending();
-      const ChipMbbSlice::MatAdtSelMbbEngineImpl& impl = *sm->matAdtSelImpl();
-      c.groups += impl.currentSelGrps().size();
-      c.numDeadlockBreakOps += impl.numDeadlockBreakOps();
-      if (const auto& helper = impl.chipHelper()) {
-         countHelperOps(*helper, c);
-         // Members in hardware: every sel_add is undone by one sel_del.
-         c.members += helper->numSelAddOps() - helper->numSelDelOps();
-      }
-      c.entries += chipEntries(chip_, key.devTgt().devId, key.tableId());
-   }
 }
 
 void AgentHost::countersWrite() {

@@ -2,8 +2,8 @@
 
 #include <cstdint>
 #include <functional>
+#include <map>
 #include <memory>
-#include <optional>
 #include <set>
 #include <string>
 #include <utility>
@@ -11,20 +11,19 @@
 
 #include "Agent/CliServer.h"
 #include "Atlas/EntityManager.h"
-#include "ChipMbbShared/MountInfo.h"
-#include "ChipMbbSliceTableMgr/ChipSliceMatAdtSelTableMgrSm.h"
-#include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
-#include "ChipMbbSliceTableMgr/CliCallback.h"
+#include "ChipMbbShared/TableInfoDir.h"
+#include "ChipMbbSliceTableMgr/ChipSliceTableWatcherSm.h"
 #include "ChipMbbSliceTableMgr/MountConfig.h"
 #include "ChipModel/Chip.h"
 #include "ChipModel/ChipProfile.h"
 #include "ChipModel/Fault.h"
 #include "Keel/EventLoop.h"
 #include "Keel/TimerWheel.h"
-#include "Keel/WheelClock.h"
 #include "MbbEngine/MbbEngineFlushStatus.h"
+#include "Orb/Dir.h"
 #include "Orb/Ptr.h"
 #include "Orb/Time.h"
+#include "SliceSystem/HostCommands.h"
 #include "SliceSystem/HostCounters.h"
 #include "SliceSystem/SegmentId.h"
 #include "TableAuditSm/TableAuditSm.h"
@@ -32,19 +31,20 @@
 namespace SliceSystem {
 
 struct AgentHostOptions {
-   // Root of the shared tables. Empty runs in test mode: no entity manager, and the
-   // mount-info collection, the tables and the counters live in this process.
+   // Root of the shared tables. Empty runs in test mode: no entity manager, and the published
+   // table directory, the tables and the counters live in this process.
    std::string root;
-   std::string tableInfoPath = "mbb/tableInfo";
-   std::string tripleInfoPath = "mbb/tripleInfo";
+   // Every publisher announces its mount-info collections in a directory of its own at this
+   // prefix followed by its name.
+   std::string dirPrefix = "mbb/publishers/";
    std::string countersPath = "mbb/hostCounters";
    ChipModel::ChipProfile profile = ChipModel::ChipProfile::defaultProfile();
    Orb::Seconds syncGenTime = 1.0;
    std::uint32_t supportedDevices = 0xFFFFFFFF;
    std::uint32_t sessHdl = 1;
    ChipMbbSlice::MountMode mountMode = ChipMbbSlice::MountMode::mountAllTables;
-   // How often the counters are written for publishers, and how often the host looks for a
-   // new or replaced publication.
+   // How often the counters are written for publishers, and how often the host looks for new
+   // or replaced publishers' directories.
    Orb::Seconds countersPeriod = 0.05;
    Orb::Seconds probePeriod = 0.1;
    // The show commands' socket; empty serves them at Agent::socketPathFor(root), and not at
@@ -58,16 +58,18 @@ struct AgentHostOptions {
    std::function<void(const std::string&)> log;
 };
 
-// The agent process's slice: the chip model, the mount configuration, the engines' flush
-// status and timer wheel, a single-table manager over a feature agent's mount-info collection
-// and a triple manager over its triple mount-info collection, all on the caller's event loop.
+// The agent process, loading the slice as an agent does: the chip model, the mount
+// configuration, the engines' flush status and the table-info watcher over the published
+// table directory, all on the caller's event loop, with the show commands on a socket.
 //
-// With shared tables the host mounts the collection for reading once the publisher has
-// created it. A publisher that dies leaves its collections behind; the host keeps its tables
-// as they are in hardware. When a new publisher replaces the collection, the host lets the old
-// manager go (its engines take their entries out of hardware), unmounts what it had mounted
-// for it, and serves the new one from scratch.
-class AgentHost : private ChipMbbSlice::CliTableDir {
+// The watcher decides which managers serve what is published; the host keeps the directory it
+// reads in step with the publishers' own. Each publisher writes a directory segment of its own
+// under the root; the host mirrors each into the one directory the watcher follows. A publisher
+// that goes leaves its tables as they are in hardware (its segments vanish, the mirror stays);
+// one that replaces it (a new segment under the same name) is served from scratch: the old
+// mirror goes first, which removes the old entities and with them the managers the watcher
+// lets go, then the new one comes. Managers that go take their tables and mounts with them.
+class AgentHost {
  public:
    AgentHost(Keel::EventLoop& loop, AgentHostOptions options);
    AgentHost(const AgentHost&) = delete;
@@ -78,21 +80,17 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    const ChipModel::Chip& chip() const { return chip_; }
    Keel::EventLoop& loop() const { return loop_; }
    bool testmode() const { return !entityManager_; }
-   // Null until a publication has been found (always set in test mode).
-   const Orb::Ptr<ChipMbbShared::TableConfigMountInfo>& tableMountInfo() const {
-      return tableMountInfo_;
-   }
-   const Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm>& tableMgr() const { return tableMgr_; }
-   const Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo>& tripleMountInfo() const {
-      return tripleMountInfo_;
-   }
-   const Orb::Ptr<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm>& tripleMgr() const {
-      return tripleMgr_;
+   const Orb::Ptr<Atlas::EntityManager>& entityManager() const { return entityManager_; }
+   // What the watcher follows; in test mode publishers in this process put their mount-info
+   // collections here themselves.
+   const Orb::Ptr<Orb::Dir>& tableInfoDir() const { return tableInfoDir_; }
+   const Orb::Ptr<ChipMbbSlice::ChipSliceTableWatcherSm>& watcher() const { return watcher_; }
+   const Orb::Ptr<ChipMbbSlice::TableAuditMgrSm>& auditMgr() const {
+      return watcher_->tableAuditMgrSm();
    }
    const Orb::Ptr<HostCountersTable>& countersTable() const { return countersTable_; }
    const Orb::Ptr<ChipMbbSlice::MountConfig>& mountConfig() const { return mountConfig_; }
    const Orb::Ptr<MbbEngine::MbbEngineFlushStatus>& flushStatus() const { return flushStatus_; }
-   const Orb::Ptr<ChipMbbSlice::TableAuditMgrSm>& auditMgr() const { return auditMgr_; }
 
    // Changes the chip behind the slice's back, as an outage would (ChipModel/Fault.h); logged.
    bf_status_t faultInject(const ChipModel::Fault& fault);
@@ -106,11 +104,10 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    void handlerFailure(const std::string& what);
    std::string statusLine() const { return counters().text(); }
 
-   // The show commands, and their server when the host has a socket for them.
-   const Orb::Ptr<ChipMbbSlice::CliCallback>& cliCallback() const { return cliCallback_; }
+   // The show commands and the host's own (HostCommands), when the host has a socket for them.
    const Agent::CliServer* cliServer() const { return cliServer_.get(); }
 
-   // Looks for a new or replaced publication now rather than at the next probe.
+   // Looks for new, replaced and damaged publications now rather than at the next probe.
    void handlePublicationProbe();
 
  private:
@@ -128,21 +125,42 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
       Orb::Seconds period_;
       std::function<void()> fn_;
    };
+   // One publisher's directory as the host follows it.
+   struct Publication {
+      SegmentId segment;
+      std::unique_ptr<ChipMbbShared::TableInfoDirMirror> mirror;
+      bool goneLogged = false;
+   };
+   struct StoppedTable {
+      ChipMbbShared::TableConfigMountKey key;
+      bool triple = false;
+      std::string configPath;
+      SegmentId configSegment;
+   };
+
+   // The host's say on the managers the watcher makes.
+   class WatcherReactor : public ChipMbbSlice::ChipSliceTableWatcherSm::Notifiee {
+    public:
+      explicit WatcherReactor(AgentHost* host) : host_(host) {}
+      void onTableMgr(const std::string& name) override { host_->handleTableMgr(name); }
+      void onMatAdtSelTableMgr(const std::string& name) override {
+         host_->handleMatAdtSelTableMgr(name);
+      }
+
+    private:
+      AgentHost* host_;
+   };
 
    void log(const std::string& line) const;
-   void publicationMount(const SegmentId& segment);
-   void publicationRelease();
-   void tableMgrNew();
-   void cliNew();
-   TableMgrMap tableMgrs() const override;
-   TripleMgrMap tripleMgrs() const override;
-   void tripleMgrNew();
-   // Triples are announced in a collection of their own, served as the single tables' is.
-   void triplePublicationProbe();
-   void triplePublicationRelease();
-   void tripleCountersAdd(HostCounters& c) const;
-   // A segment found damaged, or refused at mount (damaged or another user's): reported once,
-   // its table stopped at the next probe and offered again once the segment is a new one.
+   void cliServe();
+   void handleTableMgr(const std::string& name);
+   void handleMatAdtSelTableMgr(const std::string& name);
+   void publicationProbe(const std::string& dirPath);
+   void publicationFollow(const std::string& dirPath, const SegmentId& segment);
+   void publicationGone(const std::string& dirPath, Publication& publication);
+   std::size_t tablesServed(const ChipMbbShared::TableInfoDirMirror& mirror) const;
+   // A mounted segment found damaged: reported once, its table stopped at the next probe and
+   // offered again once the segment is a new one.
    void handleSegmentDamage(const std::string& path, const std::string& reason);
    // An announced table whose collections could not be mounted: said once, and counted.
    void handleTableSkip(const ChipMbbShared::TableConfigMountKey& key, const std::string& reason);
@@ -153,21 +171,17 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    AgentHostOptions options_;
    // Installed for as long as the host runs; the tables' engines clear it as they go.
    ChipModel::InstalledChip chip_;
-   Orb::Ptr<Keel::TimerWheel> timerWheel_;
    Orb::Ptr<Atlas::EntityManager> entityManager_;
    Orb::Ptr<ChipMbbSlice::MountConfig> mountConfig_;
    Orb::Ptr<MbbEngine::MbbEngineFlushStatus> flushStatus_;
-   // Created before the table managers, which register their tables with it.
-   Orb::Ptr<ChipMbbSlice::TableAuditMgrSm> auditMgr_;
+   Orb::Ptr<Orb::Dir> tableInfoDir_;
+   Orb::Ptr<ChipMbbSlice::ChipSliceTableWatcherSm> watcher_;
+   WatcherReactor watcherReactor_{this};
    Orb::Ptr<HostCountersTable> countersTable_;
-   Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
-   SegmentId tableInfoSegment_;
-   bool publisherGoneLogged_ = false;
-   Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm> tableMgr_;
-   Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleMountInfo_;
-   SegmentId tripleInfoSegment_;
-   Orb::Ptr<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm> tripleMgr_;
-   std::uint32_t publications_ = 0;
+   // By directory path. Declared after the watcher: they go first, and with them the entities
+   // the managers serve.
+   std::map<std::string, Publication> publications_;
+   std::uint32_t numPublications_ = 0;
    std::uint64_t seq_ = 0;
    std::uint64_t numHandlerFailures_ = 0;
    std::uint64_t numDamagedSegments_ = 0;
@@ -176,16 +190,10 @@ class AgentHost : private ChipMbbSlice::CliTableDir {
    // Damaged paths not yet acted on, and the tables stopped for them with the configuration
    // segment they had then (empty when the damage was in a segment the host writes itself).
    std::set<std::string> damagedPaths_;
-   struct StoppedTable {
-      ChipMbbShared::TableConfigMountKey key;
-      bool triple = false;
-      std::string configPath;
-      SegmentId configSegment;
-   };
    std::vector<StoppedTable> stoppedTables_;
    PeriodicTimer countersTimer_;
    PeriodicTimer probeTimer_;
-   Orb::Ptr<ChipMbbSlice::CliCallback> cliCallback_;
+   std::unique_ptr<HostCommands> commands_;
    std::unique_ptr<Agent::CliServer> cliServer_;
 };
 

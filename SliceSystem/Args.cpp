@@ -1,5 +1,7 @@
 #include "SliceSystem/Args.h"
 
+#include <algorithm>
+#include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
@@ -50,6 +52,20 @@ CLI::Validator countIn(std::uint64_t min, std::uint64_t max) {
    };
    return CLI::Validator(check,
                          "COUNT in [" + std::to_string(min) + ", " + std::to_string(max) + "]");
+}
+
+CLI::Validator plainName(std::size_t maxSize) {
+   auto check = [maxSize](std::string& text) -> std::string {
+      const bool plain = std::all_of(text.begin(), text.end(), [](char c) {
+         return std::isalnum(static_cast<unsigned char>(c)) || c == '_' || c == '-';
+      });
+      if (text.empty() || text.size() > maxSize || !plain) {
+         return "'" + text + "' is not 1 to " + std::to_string(maxSize) +
+                " letters, digits, '_' or '-'";
+      }
+      return "";
+   };
+   return CLI::Validator(check, "NAME");
 }
 
 std::optional<int> argsParse(CLI::App& app, int argc, char** argv) {

@@ -16,6 +16,10 @@ CLI::Validator numberIn(double min, double max);
 // Accepts a whole number (decimal or C notation) in [min, max], refusing what overflows.
 CLI::Validator countIn(std::uint64_t min, std::uint64_t max);
 
+// Accepts a name that can stand in a shared segment's name as it is: 1 to `maxSize` letters,
+// digits, '_' and '-'.
+CLI::Validator plainName(std::size_t maxSize);
+
 // Parses the command line; the exit status to end with when the tool should not go on (0 after
 // --help, 2 with the error and the usage on stderr after a bad line).
 std::optional<int> argsParse(CLI::App& app, int argc, char** argv);

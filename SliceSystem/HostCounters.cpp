@@ -45,7 +45,10 @@ std::string HostCounters::text() const {
           std::to_string(numViolations) + ", handler failures " +
           std::to_string(numHandlerFailures) + ", damaged or foreign segments " +
           std::to_string(numDamagedSegments) + ", tables skipped " +
-          std::to_string(numTablesSkipped);
+          std::to_string(numTablesSkipped) + ", audits " + std::to_string(audits) +
+          " (overshoots " + std::to_string(auditOvershoots) + ", failed keys " +
+          std::to_string(auditFailedKeys) + "), mounts " + std::to_string(mounts) + ", commands " +
+          std::to_string(commands) + " (refused " + std::to_string(commandsRefused) + ")";
 }
 
 }  // namespace SliceSystem

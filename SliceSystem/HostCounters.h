@@ -57,6 +57,16 @@ struct HostCounters {
    // Announced tables not served because their collections could not be mounted (missing, of
    // another type, written for another table, larger than the table), each said once.
    std::uint64_t numTablesSkipped = 0;
+   // The audit: audits completed, audits that were due while the previous one still ran, and
+   // keys recorded as failing it.
+   std::uint64_t audits = 0;
+   std::uint64_t auditOvershoots = 0;
+   std::uint64_t auditFailedKeys = 0;
+   // Shared tables the host has mounted now, for reading and for writing.
+   std::uint64_t mounts = 0;
+   // Show commands answered, and those refused as unknown or malformed.
+   std::uint64_t commands = 0;
+   std::uint64_t commandsRefused = 0;
 
    std::uint64_t numOps() const {
       return numMatAddOps + numMatModOps + numMatMovOps + numMatDelOps + numMatSetDfltOps +

@@ -8,19 +8,27 @@
 namespace SliceSystem {
 
 ShmPublishTarget::ShmPublishTarget(Keel::EventLoop& loop, const std::string& root,
-                                   const std::string& tableInfoPath,
-                                   const std::string& countersPath,
-                                   const std::string& tripleInfoPath)
-    : loop_(loop),
-      entityManager_(root, &loop),
-      countersPath_(countersPath),
-      tripleInfoPath_(tripleInfoPath) {
+                                   const std::string& name, const std::string& dirPrefix,
+                                   const std::string& countersPath)
+    : loop_(loop), entityManager_(root, &loop), name_(name), countersPath_(countersPath) {
    // What a publisher or host that died left under the root goes before anything is made.
    Vault::shmStaleSegmentsRemove(entityManager_.shmName(""));
    entityManager_.corruptionHandlerIs(
        [this](const std::string& path, const std::string&) { damaged_.insert(path); });
-   tableMountInfo_ = entityManager_.mount<ChipMbbShared::TableConfigMountInfo>(
-       tableInfoPath, Atlas::MountMode::writer, 64);
+   dir_ = std::make_unique<ChipMbbShared::TableInfoPublisher>(
+       entityManager_, dirPrefix + name_, 16, ChipMbbShared::TableInfoPublisher::OnExit::leave);
+}
+
+// The collections go with the directory, before the entity manager that holds them.
+ShmPublishTarget::~ShmPublishTarget() {
+   tableMountInfo_.reset();
+   tripleMountInfo_.reset();
+   dir_.reset();
+}
+
+ChipMbbShared::TableConfigMountInfo& ShmPublishTarget::tableMountInfo() {
+   if (!tableMountInfo_) tableMountInfo_ = dir_->singleTableInfoIs(singlesName(name_), 64);
+   return *tableMountInfo_;
 }
 
 Orb::Ptr<Vault::MbbEngine::TableConfig> ShmPublishTarget::configTable(const Key& key,
@@ -68,10 +76,7 @@ void ShmPublishTarget::decoyIs(const std::string& path) {
 }
 
 ChipMbbShared::MatAdtSelTableConfigMountInfo* ShmPublishTarget::tripleMountInfo() {
-   if (!tripleMountInfo_) {
-      tripleMountInfo_ = entityManager_.mount<ChipMbbShared::MatAdtSelTableConfigMountInfo>(
-          tripleInfoPath_, Atlas::MountMode::writer, 64);
-   }
+   if (!tripleMountInfo_) tripleMountInfo_ = dir_->tripleTableInfoIs(triplesName(name_), 64);
    return tripleMountInfo_.get();
 }
 
@@ -95,7 +100,8 @@ Orb::Ptr<Vault::MbbEngine::TableStatus> ShmPublishTarget::tripleStatusTable(
    return readerMount<Vault::MbbEngine::TableStatus>(path);
 }
 
-LocalPublishTarget::LocalPublishTarget(AgentHost& host) : host_(host) {
+LocalPublishTarget::LocalPublishTarget(AgentHost& host, std::string name)
+    : host_(host), name_(std::move(name)) {
    BRIO_ASSERT(host_.testmode() && "a local publisher needs a host in test mode");
 }
 
@@ -103,23 +109,36 @@ Keel::EventLoop& LocalPublishTarget::loop() {
    return host_.loop();
 }
 
+Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm> LocalPublishTarget::tableMgr() const {
+   return host_.watcher()->tableMgr(singlesName(name_));
+}
+
+Orb::Ptr<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm> LocalPublishTarget::tripleMgr() const {
+   return host_.watcher()->matAdtSelTableMgr(triplesName(name_));
+}
+
 ChipMbbShared::TableConfigMountInfo& LocalPublishTarget::tableMountInfo() {
-   return *host_.tableMountInfo();
+   if (!tableMountInfo_) {
+      tableMountInfo_ =
+          Vault::localTableNew<ChipMbbShared::TableConfigMountInfo>(singlesName(name_));
+      tableMountInfo_->mountedIs(true);
+      host_.tableInfoDir()->entityIs(singlesName(name_), tableMountInfo_);
+   }
+   return *tableMountInfo_;
 }
 
 Orb::Ptr<Vault::MbbEngine::TableConfig> LocalPublishTarget::configTable(const Key& key,
                                                                         const MountEntry& entry) {
    tableMountInfo().entryIs(key, entry);
-   auto engine = host_.tableMgr()->mbbEngineSms().find(key);
-   if (engine == host_.tableMgr()->mbbEngineSms().end()) return nullptr;
-   return engine->second->tableConfig();
+   const auto engine = tableMgr()->mbbEngineSm(key);
+   return engine ? engine->tableConfig() : nullptr;
 }
 
 Orb::Ptr<Vault::MbbEngine::TableStatus> LocalPublishTarget::statusTable(const Key& key,
                                                                         const MountEntry& entry) {
-   auto engine = host_.tableMgr()->mbbEngineSms().find(key);
-   if (engine == host_.tableMgr()->mbbEngineSms().end()) return nullptr;
-   return engine->second->tableStatus();
+   const auto mgr = tableMgr();
+   const auto engine = mgr ? mgr->mbbEngineSm(key) : nullptr;
+   return engine ? engine->tableStatus() : nullptr;
 }
 
 Orb::Ptr<HostCountersTable> LocalPublishTarget::hostCounters() {
@@ -127,14 +146,20 @@ Orb::Ptr<HostCountersTable> LocalPublishTarget::hostCounters() {
 }
 
 ChipMbbShared::MatAdtSelTableConfigMountInfo* LocalPublishTarget::tripleMountInfo() {
-   return host_.tripleMountInfo().get();
+   if (!tripleMountInfo_) {
+      tripleMountInfo_ =
+          Vault::localTableNew<ChipMbbShared::MatAdtSelTableConfigMountInfo>(triplesName(name_));
+      tripleMountInfo_->mountedIs(true);
+      host_.tableInfoDir()->entityIs(triplesName(name_), tripleMountInfo_);
+   }
+   return tripleMountInfo_.get();
 }
 
 EcmpTableSink LocalPublishTarget::tripleConfigTables(const Key& key, const TripleEntry& entry,
                                                      const EcmpCapacities& capacity) {
    tripleMountInfo()->entryIs(key, entry);
    EcmpTableSink sink;
-   Orb::Ptr<ChipMbbSlice::MatAdtSelSm> sm = host_.tripleMgr()->matAdtSelSliceSm(key);
+   Orb::Ptr<ChipMbbSlice::MatAdtSelSm> sm = tripleMgr()->matAdtSelSliceSm(key);
    if (!sm) return sink;
    sink.mat = sm->matTableConfig();
    sink.adt = sm->adtTableConfig();
@@ -145,9 +170,10 @@ EcmpTableSink LocalPublishTarget::tripleConfigTables(const Key& key, const Tripl
 
 Orb::Ptr<Vault::MbbEngine::TableStatus> LocalPublishTarget::tripleStatusTable(
     const Key& key, const std::string& path) {
-   Orb::Ptr<ChipMbbSlice::MatAdtSelSm> sm = host_.tripleMgr()->matAdtSelSliceSm(key);
+   const auto mgr = tripleMgr();
+   Orb::Ptr<ChipMbbSlice::MatAdtSelSm> sm = mgr ? mgr->matAdtSelSliceSm(key) : nullptr;
    if (!sm) return nullptr;
-   const TripleEntry entry = host_.tripleMgr()->mountInfo(key);
+   const TripleEntry entry = mgr->mountInfo(key);
    if (path == entry.matStatusPath()) return sm->tableStatus();
    if (path == entry.adtStatusPath()) return sm->adtTableStatus();
    if (path == entry.selGrpStatusPath()) return sm->selGrpTableStatus();

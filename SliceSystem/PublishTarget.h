@@ -1,12 +1,16 @@
 #pragma once
 
 #include <map>
+#include <memory>
 #include <set>
 #include <string>
 #include <utility>
 
 #include "Atlas/EntityManager.h"
 #include "ChipMbbShared/MountInfo.h"
+#include "ChipMbbShared/TableInfoDir.h"
+#include "ChipMbbSliceTableMgr/ChipSliceMatAdtSelTableMgrSm.h"
+#include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
 #include "Keel/EventLoop.h"
 #include "Orb/Ptr.h"
 #include "SliceSystem/EcmpWorkload.h"
@@ -18,7 +22,8 @@ namespace SliceSystem {
 
 class AgentHost;
 
-// Where a publisher's tables go: the mount-info collection it announces them in, their
+// Where a publisher's tables go: the mount-info collections it announces them in (one for
+// single tables, one for triples, each an entity of the published table directory), their
 // configuration collections, which it writes, and the status collections and host counters,
 // which it reads.
 class PublishTarget {
@@ -68,17 +73,29 @@ class PublishTarget {
    }
 };
 
-// Shared tables under a root, through this process's own entity manager.
+// The names under which a publisher announces its single tables and its triples.
+inline std::string singlesName(const std::string& publisher) {
+   return publisher;
+}
+inline std::string triplesName(const std::string& publisher) {
+   return publisher + "-triples";
+}
+
+// Shared tables under a root, through this process's own entity manager. The publisher's
+// directory is `<dirPrefix><name>`; it is there from the start, and each mount-info collection
+// is announced in it when first used. A publisher that stops leaves its tables published: its
+// segments go with it, which the host takes as the publisher gone, not as the tables withdrawn.
 class ShmPublishTarget : public PublishTarget {
  public:
    ShmPublishTarget(Keel::EventLoop& loop, const std::string& root,
-                    const std::string& tableInfoPath = "mbb/tableInfo",
-                    const std::string& countersPath = "mbb/hostCounters",
-                    const std::string& tripleInfoPath = "mbb/tripleInfo");
+                    const std::string& name = "slicepub",
+                    const std::string& dirPrefix = "mbb/publishers/",
+                    const std::string& countersPath = "mbb/hostCounters");
+   ~ShmPublishTarget() override;
 
    Keel::EventLoop& loop() override { return loop_; }
    bool shared() const override { return true; }
-   ChipMbbShared::TableConfigMountInfo& tableMountInfo() override { return *tableMountInfo_; }
+   ChipMbbShared::TableConfigMountInfo& tableMountInfo() override;
    Orb::Ptr<Vault::MbbEngine::TableConfig> configTable(const Key& key,
                                                        const MountEntry& entry) override;
    void configDrop(const Key& key, const MountEntry& entry) override;
@@ -102,18 +119,20 @@ class ShmPublishTarget : public PublishTarget {
 
    Keel::EventLoop& loop_;
    Atlas::EntityManager entityManager_;
+   std::string name_;
    std::string countersPath_;
-   std::string tripleInfoPath_;
+   std::unique_ptr<ChipMbbShared::TableInfoPublisher> dir_;
    Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
    Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleMountInfo_;
    std::map<std::string, SegmentId> readers_;
    std::set<std::string> damaged_;
 };
 
-// The tables of an agent host in this same process, in test mode.
+// The tables of an agent host in this same process, in test mode: the mount-info collections
+// are made here and put into the host's directory under the publisher's names.
 class LocalPublishTarget : public PublishTarget {
  public:
-   explicit LocalPublishTarget(AgentHost& host);
+   explicit LocalPublishTarget(AgentHost& host, std::string name = "slicepub");
 
    Keel::EventLoop& loop() override;
    bool shared() const override { return false; }
@@ -130,7 +149,13 @@ class LocalPublishTarget : public PublishTarget {
                                                              const std::string& path) override;
 
  private:
+   Orb::Ptr<ChipMbbSlice::ChipSliceTableMgrSm> tableMgr() const;
+   Orb::Ptr<ChipMbbSlice::ChipSliceMatAdtSelTableMgrSm> tripleMgr() const;
+
    AgentHost& host_;
+   std::string name_;
+   Orb::Ptr<ChipMbbShared::TableConfigMountInfo> tableMountInfo_;
+   Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleMountInfo_;
 };
 
 }  // namespace SliceSystem

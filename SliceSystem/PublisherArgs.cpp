@@ -43,6 +43,7 @@ void publisherArgsAdd(CLI::App& app, PublisherArgs& args) {
    app.add_option("--seed", o.seed, "generator seed")
        ->check(countIn(0, std::numeric_limits<std::uint64_t>::max()));
    app.add_flag("--ecmp", args.ecmp, "also publish the triple nexthop_ecmp with the ECMP workload");
+   app.add_flag("--ecmp-only", args.ecmpOnly, "publish the triple and no single table");
    app.add_option("--ecmp-sizes", args.ecmpSizes,
                   "default (4096 groups x 64 members) or large (a large router)")
        ->check(CLI::IsMember({"default", "large"}));
@@ -58,7 +59,8 @@ bool publisherOptionsFor(const PublisherArgs& args, const ChipModel::ChipProfile
                       options.tables, error)) {
       return false;
    }
-   if (!args.ecmp) return true;
+   if (args.ecmpOnly) options.tables.clear();
+   if (!args.ecmp && !args.ecmpOnly) return true;
    EcmpTableSpec spec;
    if (!ecmpSpecFor(profile, "nexthop_ecmp", args.ecmpSizes, spec, error)) return false;
    spec.workload.seed = options.seed;

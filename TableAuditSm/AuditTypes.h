@@ -12,7 +12,9 @@ namespace ChipMbbSlice {
 
 enum class AuditState : std::uint8_t { idle = 0, ongoing = 1 };
 
-// Why a key or an SDK handle failed an audit.
+// Why a key or an SDK handle failed an audit. The last four come only from the triple audit's
+// hardware comparison (AuditPolicy::auditHardware), which reads action data and selector
+// members back from the chip as the match-table audit reads match entries.
 enum class AuditFailReason : std::uint8_t {
    configAndMbbMismatch = 0,
    configAndStatusMismatch = 1,
@@ -28,6 +30,10 @@ enum class AuditFailReason : std::uint8_t {
    entryAndHwNotEqual = 11,
    matSdkHandleNotInMbb = 12,
    adtSdkHandleNotInMbb = 13,
+   adtEntryAndHwNotEqual = 14,
+   selMbrNotInSdk = 15,
+   selMbrAndHwNotEqual = 16,
+   selSdkMbrNotInMbb = 17,
 };
 
 // The sub-table of a triple that a flag or a notification concerns; a single table is `mat`.
@@ -53,7 +59,8 @@ class AuditPolicy : public Orb::Entity<AuditPolicy> {
    void failAuditLimitIs(std::uint32_t v) { failAuditLimit_ = v; }
    std::uint32_t notifyMbbLimit() const { return notifyMbbLimit_; }
    void notifyMbbLimitIs(std::uint32_t v) { notifyMbbLimit_ = v; }
-   // Whether the match-table audit reads each entry back from hardware and compares it.
+   // Whether the audit reads each entry back from hardware and compares it: match entries,
+   // and of a triple also action data entries and selector members.
    bool auditHardware() const { return auditHardware_; }
    void auditHardwareIs(bool v) { auditHardware_ = v; }
 
@@ -85,7 +92,7 @@ template <>
 struct Orb::EnumInfo<ChipMbbSlice::AuditFailReason> {
    using E = ChipMbbSlice::AuditFailReason;
    static constexpr std::string_view typeName = "ChipMbbSlice::AuditFailReason";
-   static constexpr std::array<std::pair<E, std::string_view>, 14> values{{
+   static constexpr std::array<std::pair<E, std::string_view>, 18> values{{
        {E::configAndMbbMismatch, "configAndMbbMismatch"},
        {E::configAndStatusMismatch, "configAndStatusMismatch"},
        {E::adtConfigAndMbbMismatch, "adtConfigAndMbbMismatch"},
@@ -100,5 +107,9 @@ struct Orb::EnumInfo<ChipMbbSlice::AuditFailReason> {
        {E::entryAndHwNotEqual, "entryAndHwNotEqual"},
        {E::matSdkHandleNotInMbb, "matSdkHandleNotInMbb"},
        {E::adtSdkHandleNotInMbb, "adtSdkHandleNotInMbb"},
+       {E::adtEntryAndHwNotEqual, "adtEntryAndHwNotEqual"},
+       {E::selMbrNotInSdk, "selMbrNotInSdk"},
+       {E::selMbrAndHwNotEqual, "selMbrAndHwNotEqual"},
+       {E::selSdkMbrNotInMbb, "selSdkMbrNotInMbb"},
    }};
 };

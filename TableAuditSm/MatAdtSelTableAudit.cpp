@@ -1,5 +1,6 @@
 #include "TableAuditSm/MatAdtSelTableAudit.h"
 
+#include <algorithm>
 #include <vector>
 
 #include "TableAuditSm/detail/AuditTrace.h"
@@ -138,8 +139,12 @@ void MatAdtSelTableAuditSm::auditAdtKey(const MatAdtSelMbbEngineImpl& impl,
       adtFlagSm_->flagVaultKey(key, config.opId(), AuditFailReason::adtConfigAndMbbMismatch);
    } else if (!statusAgrees(status, key, config.opId(), config.isDel())) {
       adtFlagSm_->flagVaultKey(key, config.opId(), AuditFailReason::adtConfigAndStatusMismatch);
-   } else if (!config.isDel() && !isAdtInSdk(config)) {
+   } else if (config.isDel()) {
+      return;
+   } else if (!isAdtInSdk(config)) {
       adtFlagSm_->flagVaultKey(key, config.opId(), AuditFailReason::adtEntryNotInSdk);
+   } else if (auditPolicy()->auditHardware() && !isAdtEqualToHw(config)) {
+      adtFlagSm_->flagVaultKey(key, config.opId(), AuditFailReason::adtEntryAndHwNotEqual);
    }
 }
 
@@ -220,13 +225,14 @@ void MatAdtSelTableAuditSm::auditSelMbrKey(const MatAdtSelMbbEngineImpl& impl,
    AUDIT_TRACE(detailLevel, "Auditing selMbr vault key:0x" << std::hex << key.value(),
                "Auditing selMbr vault key:", FlashLog::hex(key.value()));
    const EntryKey grpKey = mbrKey.selGrp();
+   Orb::Ptr<SelGrpState> sgs;
    Orb::Ptr<SelMbrState> issued;
    if (grpKey.value() == MatAdtSelMbbEngineImpl::fallbackGrpKey) {
       // The fallback member belongs to no group; the engine keeps it on its own.
       if (impl.issuedFallback() && impl.issuedFallback()->selMbrKey() == mbrKey) {
          issued = impl.issuedFallback();
       }
-   } else if (const Orb::Ptr<SelGrpState> sgs = impl.currentSelGrp(grpKey)) {
+   } else if ((sgs = impl.currentSelGrp(grpKey))) {
       issued = sgs->issuedSelMbr(mbrKey);
    } else if (!config.isDel()) {
       // A deleted member of a group that has gone is as it should be; only its status is left
@@ -239,7 +245,33 @@ void MatAdtSelTableAuditSm::auditSelMbrKey(const MatAdtSelMbbEngineImpl& impl,
    } else if (!statusAgrees(status, key, config.opId(), config.isDel())) {
       selMbrFlagSm_->flagVaultKey(key, config.opId(),
                                   AuditFailReason::selMbrConfigAndStatusMismatch);
+   } else if (sgs && issued && !config.isDel() && auditPolicy()->auditHardware()) {
+      if (const auto reason = selMbrHwMismatch(*sgs, *issued, config)) {
+         selMbrFlagSm_->flagVaultKey(key, config.opId(), *reason);
+      }
    }
+}
+
+// The engine's view is what hardware must hold: a member that the engine keeps active while
+// its configuration asks otherwise (the last active member of a vector) is active in hardware
+// too. Its data must be the configuration's. The engine places a member's data only when it
+// adds the member, so a configuration that changes the data but keeps the action data member
+// is found here: the chip still holds the data first placed.
+std::optional<AuditFailReason> MatAdtSelTableAuditSm::selMbrHwMismatch(
+    const SelGrpState& sgs, const SelMbrState& issued, const SelMbrEntryConfig& config) const {
+   const std::uint32_t selIndex = sgs.baseIndex() + issued.selMbrKey().vector();
+   const std::uint32_t subIndex = issued.selMbrKey().subIndex();
+   HwPd::SelMbrValue hw;
+   if (hwPdIntf()->selMbr(sessHdl(), devTgt().devId, readPipe(), selTblHdl_, selIndex, subIndex,
+                          hw) != BF_SUCCESS) {
+      return AuditFailReason::selMbrNotInSdk;
+   }
+   const bool same = hw.grpHdl == sgs.grpHdl() && hw.mbrHdl == issued.mbrHdl() &&
+                     hw.active == issued.active() &&
+                     hwPdIntf()->selMbrIsEqual(sessHdl(), devTgt().devId, readPipe(), selTblHdl_,
+                                               selIndex, subIndex, config.plcmtData().data());
+   if (same) return std::nullopt;
+   return AuditFailReason::selMbrAndHwNotEqual;
 }
 
 void MatAdtSelTableAuditSm::selMbrVaultPassDone() {
@@ -311,17 +343,115 @@ void MatAdtSelTableAuditSm::continueSelGrpSdkAudit(const Orb::Seconds&) {
                " for table:", FlashLog::hex(selTblHdl_));
 }
 
-void MatAdtSelTableAuditSm::continueSelMbrSdkAudit(const Orb::Seconds&) {
+void MatAdtSelTableAuditSm::continueSelMbrSdkAudit(const Orb::Seconds& deadline) {
    AUDIT_TRACE(detailLevel,
                "void ChipMbbSlice::MatAdtSelTableAuditSm::continueSelMbrSdkAudit(const Seconds&)",
                "continueSelMbrSdkAudit tbl:", FlashLog::hex(selTblHdl_));
    if (selMbrSdkStatusInstance_->instance() == currentInstance()) return;
+   const Orb::Ptr<MatAdtSelSm> sm = matAdtSelSm_.lock();
+   if (sm && auditPolicy()->auditHardware() && !selMbrHwWalk(*sm->matAdtSelImpl(), deadline)) {
+      return;
+   }
+   selMbrSdkPassDone();
+}
+
+// First the vectors of the engine's groups, each read once, whatever members the chip holds
+// there checked against the group's; then every used vector that no group covers, whose
+// members nobody placed. Unit of work: one group, then one vector.
+bool MatAdtSelTableAuditSm::selMbrHwWalk(const MatAdtSelMbbEngineImpl& impl,
+                                         const Orb::Seconds& deadline) {
+   if (!selMbrSdkGrpsDone_) {
+      const auto& groups = impl.currentSelGrps();
+      auto it = groups.lower_bound(selMbrSdkGrpBookmark_);
+      while (it != groups.end()) {
+         selGrpVectorsAudit(*it->second);
+         ++it;
+         if (it != groups.end() && now() > deadline) {
+            AUDIT_TRACE(detailLevel, "Bookmarking key:0x" << std::hex << it->first.value(),
+                        "Bookmarking key:", FlashLog::hex(it->first.value()));
+            selMbrSdkGrpBookmark_ = it->first;
+            return false;
+         }
+      }
+      selMbrSdkGrpsDone_ = true;
+   }
+   std::uint32_t hdl = 0;
+   if (!selVectorHdlNext(selMbrSdkBookmark_ == 0 ? 0 : selMbrSdkBookmark_ - 1, hdl)) return true;
+   for (;;) {
+      const std::uint32_t selIndex = hdl - 1;
+      AUDIT_TRACE(detailLevel, "Auditing sel vector idx:0x" << std::hex << selIndex,
+                  "Auditing sel vector idx:", FlashLog::hex(selIndex));
+      if (!selVectorSeen(selIndex) &&
+          hwPdIntf()->selVectorMbrs(sessHdl(), devTgt().devId, readPipe(), selTblHdl_, selIndex,
+                                    selHwMbrs_) == BF_SUCCESS) {
+         for (const HwPd::SelMbrValue& mbr : selHwMbrs_) selStrayMbrFlag(selIndex, mbr.subIndex);
+      }
+      std::uint32_t next = 0;
+      if (!selVectorHdlNext(hdl, next)) return true;
+      if (now() > deadline) {
+         AUDIT_TRACE(detailLevel, "Bookmarking hdl:0x" << std::hex << next,
+                     "Bookmarking hdl:", FlashLog::hex(next));
+         selMbrSdkBookmark_ = next;
+         return false;
+      }
+      hdl = next;
+   }
+}
+
+void MatAdtSelTableAuditSm::selGrpVectorsAudit(const SelGrpState& sgs) {
+   AUDIT_TRACE(detailLevel, "Auditing selGrp vectors key:0x" << std::hex << sgs.key().value(),
+               "Auditing selGrp vectors key:", FlashLog::hex(sgs.key().value()));
+   const std::uint32_t numVectors = std::min(sgs.numVectors(), SelMbrEntryKey::numVectors);
+   for (std::uint32_t v = 0; v < numVectors; ++v) {
+      const std::uint32_t selIndex = sgs.baseIndex() + v;
+      // Groups that overlap share a vector; it is read once.
+      if (selIndex < sgs.baseIndex() || selVectorSeen(selIndex)) continue;
+      const bool held = hwPdIntf()->selVectorMbrs(sessHdl(), devTgt().devId, readPipe(), selTblHdl_,
+                                                  selIndex, selHwMbrs_) == BF_SUCCESS;
+      if (held && selIndex >= selVectorSeen_.size()) selVectorSeen_.resize(selIndex + 1);
+      if (selIndex < selVectorSeen_.size()) selVectorSeen_[selIndex] = currentInstance();
+      if (!held) continue;
+      for (const HwPd::SelMbrValue& mbr : selHwMbrs_) {
+         const bool placed = mbr.grpHdl == sgs.grpHdl() &&
+                             mbr.subIndex < SelMbrEntryKey::numSubIndices &&
+                             sgs.issuedSelMbr(SelMbrEntryKey(sgs.key(), v, mbr.subIndex));
+         if (!placed) selStrayMbrFlag(selIndex, mbr.subIndex);
+      }
+   }
+}
+
+bool MatAdtSelTableAuditSm::selVectorSeen(std::uint32_t selIndex) const {
+   return selIndex < selVectorSeen_.size() && selVectorSeen_[selIndex] == currentInstance();
+}
+
+void MatAdtSelTableAuditSm::selStrayMbrFlag(std::uint32_t selIndex, std::uint32_t subIndex) {
+   selMbrFlagSm_->flagEntryHdl(selIndex << 7 | subIndex, AuditFailReason::selSdkMbrNotInMbb);
+}
+
+bool MatAdtSelTableAuditSm::selVectorHdlNext(std::uint32_t after, std::uint32_t& hdl) const {
+   // A reused vector keeps its capacity, so asking for one handle allocates at most once.
+   thread_local std::vector<std::uint32_t> hdls;
+   if (hwPdIntf()->entryHdlsNext(sessHdl(), devTgt().devId, readPipe(), selTblHdl_, after, 1,
+                                 hdls) != BF_SUCCESS ||
+       hdls.empty()) {
+      return false;
+   }
+   hdl = hdls.front();
+   return true;
+}
+
+void MatAdtSelTableAuditSm::selMbrSdkPassDone() {
+   selMbrSdkBookmark_ = 0;
+   selMbrSdkGrpBookmark_ = EntryKey();
+   selMbrSdkGrpsDone_ = false;
    selMbrSdkStatusInstance_->instanceIs(currentInstance());
    AUDIT_TRACE(auditLevel,
                "SelMbr SDK audit done for instance:" << std::dec << currentInstance()
                                                      << " for table:0x" << std::hex << selTblHdl_,
                "SelMbr SDK audit done for instance:", currentInstance(),
                " for table:", FlashLog::hex(selTblHdl_));
+   // Also without the comparison: flags of one made before the policy changed go.
+   selMbrFlagSm_->cleanFlaggedEntryHdls();
 }
 
 bool MatAdtSelTableAuditSm::adtMbrHdlNext(std::uint32_t after, std::uint32_t& hdl) const {
@@ -339,6 +469,11 @@ bool MatAdtSelTableAuditSm::adtMbrHdlNext(std::uint32_t after, std::uint32_t& hd
 bool MatAdtSelTableAuditSm::isAdtInSdk(const AdtEntryConfig& config) const {
    std::uint32_t hdl = 0;
    return adtMbrHdlNext(config.mbrHdl() - 1, hdl) && hdl == config.mbrHdl();
+}
+
+bool MatAdtSelTableAuditSm::isAdtEqualToHw(const AdtEntryConfig& config) const {
+   return hwPdIntf()->entryIsEqual(sessHdl(), devTgt().devId, readPipe(), adtTblHdl_,
+                                   config.mbrHdl(), config.plcmtData().data());
 }
 
 Orb::Ptr<MatAdtSelTableAuditSm> MatAdtSelTableAuditSmIs(

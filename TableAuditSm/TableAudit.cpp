@@ -187,10 +187,8 @@ bool TableAuditSm::isMatInSdk(const EntryConfig& config) const {
 }
 
 bool TableAuditSm::isMatEqualToHw(const EntryConfig& config) const {
-   // A table of all pipes holds the same in every pipe; pipe 0 answers for it.
-   const std::uint16_t pipe = devTgt().allPipes() ? 0 : devTgt().pipeId;
-   return hwPdIntf_->entryIsEqual(sessHdl_, devTgt().devId, pipe, tblHdl(), config.entryHandle(),
-                                  config.plcmtData().data());
+   return hwPdIntf_->entryIsEqual(sessHdl_, devTgt().devId, readPipe(), tblHdl(),
+                                  config.entryHandle(), config.plcmtData().data());
 }
 
 Orb::Ptr<TableAuditSm> TableAuditSmIs(Orb::WeakPtr<MbbEngine::MbbEngineSm> mbbEngineSm,

@@ -65,6 +65,9 @@ class TableAuditSm : public Orb::Entity<TableAuditSm> {
 
  protected:
    std::uint32_t currentInstance() const { return configInstance_->instance(); }
+   // The pipe an entry is read back from: a table of all pipes holds the same in every pipe,
+   // and pipe 0 answers for it.
+   std::uint16_t readPipe() const { return devTgt().allPipes() ? 0 : devTgt().pipeId; }
    static Orb::Seconds now() { return Orb::activityTimeSource()->now(); }
 
  private:

@@ -1,60 +1,36 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-#include <unistd.h>
 
-#include <functional>
 #include <map>
 #include <string>
 
-#include "Atlas/EntityManager.h"
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
 #include "ChipMbbSliceTableMgr/test/TableMgrWorld.h"
-#include "Keel/EventLoop.h"
 
 namespace ChipMbbSlice::test {
 namespace {
 
 using ::testing::ElementsAre;
 using ::testing::HasSubstr;
-using ::testing::StartsWith;
 using Vault::MbbEngine::EntryStatus;
 using Vault::MbbEngine::TableConfig;
 using Vault::MbbEngine::TableStatus;
 
-std::string uniqueRoot(const std::string& what) {
-   static int serial = 0;
-   return "tablemgrtest-" + std::to_string(::getpid()) + "-" + std::to_string(serial++) + "-" +
-          what;
-}
-
-// A publisher and an agent on one root: the publisher writes mount information and
-// configuration through its own entity manager, the agent's manager mounts them through
-// another, fed by the event loop, as two processes would.
-struct MountedWorld : World {
-   explicit MountedWorld(const std::string& what) : root(uniqueRoot(what)), publisher(root) {
+// The agent's manager mounts what the publisher announces in "agent1/info".
+struct MountedWorld : TwoProcesses, World {
+   MountedWorld() {
       pubInfo = publisher.mount<TableConfigMountInfo>("agent1/info", Atlas::MountMode::writer, 16);
-      agent = Orb::ptrNew<Atlas::EntityManager>(root, &loop);
       info = agent->mount<TableConfigMountInfo>("agent1/info", Atlas::MountMode::reader);
    }
-   // The manager and its engines go while the agent's mounts and the loop are still there.
-   ~MountedWorld() { mgr.reset(); }
-
    Orb::Ptr<TableConfig> pubConfig(const std::string& path) {
       return publisher.mount<TableConfig>(path, Atlas::MountMode::writer, 1024);
    }
-   void settle(const std::function<bool()>& done) {
-      for (int i = 0; i < 40 && !done(); ++i) loop.runOnce(0.05);
-   }
 
-   Keel::EventLoop loop;
-   std::string root;
-   Atlas::EntityManager publisher;
    Orb::Ptr<TableConfigMountInfo> pubInfo;
-   Orb::Ptr<Atlas::EntityManager> agent;
 };
 
 TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
-   MountedWorld w("serve");
+   MountedWorld w;
    auto config = w.pubConfig("host/config");
    config->entryIs(matEntry(0x10, 1, 5, 7));
    w.mgrNew(w.agent);
@@ -66,6 +42,8 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
    w.settle([&] { return w.mgr->mbbEngineSm(key) != nullptr; });
    ASSERT_NE(w.mgr->mbbEngineSm(key), nullptr);
    EXPECT_FALSE(w.capture.contains("mounting vault in test mode"));
+   EXPECT_TRUE(w.capture.contains("adding table to audit manager for table hdl:0x1000001"));
+   EXPECT_EQ(audit->engines.back().lock(), w.mgr->mbbEngineSm(key));
    auto agentConfig = w.agent->entity<TableConfig>("host/config");
    auto agentStatus = w.agent->entity<TableStatus>("host/status");
    ASSERT_NE(agentStatus, nullptr);
@@ -108,7 +86,7 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
 // Mount entries that cannot be mounted are left out with a trace and a word to whoever asked
 // for one; the others are served.
 TEST(ChipSliceTableMgrMountTest, UnmountableEntriesAreSkipped) {
-   MountedWorld w("bad");
+   MountedWorld w;
    w.pubConfig("good/config");
    w.pubConfig("nostatus/config");
    w.pubConfig("clash/config");

@@ -1,6 +1,5 @@
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <functional>
@@ -14,8 +13,6 @@
 
 namespace ChipMbbSlice::test {
 namespace {
-
-using ::testing::ElementsAre;
 
 // A case names only the fields it checks; g++ 12 warns about the others although they are
 // value-initialised as the language says.
@@ -42,22 +39,14 @@ const std::vector<DecisionCase<World>>& decisionCases() {
                EXPECT_EQ(w.mgr->debug(key)->debugStatus()->name(), p("plain"));
                EXPECT_EQ(w.chip->table(0, hostHdl)->entryScope(),
                          PIPE_MGR_ENTRY_SCOPE_ALL_PIPELINES);
-               auto helper = std::dynamic_pointer_cast<ChipMbbEngineHelper>(
-                   w.mgr->mbbEngineSm(key)->mbbEngineImpl()->helper());
+               const auto impl = w.mgr->mbbEngineSm(key)->mbbEngineImpl();
+               auto helper = std::dynamic_pointer_cast<ChipMbbEngineHelper>(impl->helper());
                ASSERT_NE(helper, nullptr);
                EXPECT_EQ(std::tuple(helper->devTgt(), helper->matTableHandle(),
-                                    helper->sessionHandle(), helper->testmode()),
-                         std::tuple(key.devTgt(), hostHdl, sessHdl, false));
+                                    helper->sessionHandle(), helper->testmode(), helper->qtId()),
+                         std::tuple(key.devTgt(), hostHdl, sessHdl, false, impl->qtId()));
+               EXPECT_TRUE(w.flushStatus->allFlushed());
             }},
-       {.name = "a device outside the supported mask is skipped",
-        .run =
-            [](World& w) {
-               w.supportedDevices = 0x1;
-               w.publish(mountKey("foreign", hostHdl, 1), published("foreign"));
-               w.mgrNew();
-            },
-        .traces = {"unsupported devId: 1"},
-        .absentTraces = {"mounting table for read " + p("foreign")}},
        {.name = "a device id of 32 or more is fatal",
         .run =
             [](World& w) {
@@ -75,7 +64,8 @@ const std::vector<DecisionCase<World>>& decisionCases() {
                w.publish(mountKey("inst2b", lpmHdl), published("inst2b", true, 1024, 2));
             },
         .absentTraces = {"mounting table for read " + p("inst1")},
-        .records = {"0:skipping stale instanceId:inst1 id:1 maxId:2"},
+        .records = {"0:skipping stale instanceId:inst1 id:1 maxId:2", "1:mounting table:inst2",
+                    "2:mounting table:inst2b"},
         .running = {p("inst2"), p("inst2b")}},
        {.name = "a newer instance deletes every engine and keeps the rest",
         .run =
@@ -92,30 +82,29 @@ const std::vector<DecisionCase<World>>& decisionCases() {
                w.publish(mountKey("old1", hostHdl), published("old1", true, 1024, 3));
                EXPECT_EQ(w.running(), (std::vector<std::string>{p("new3"), p("old1")}));
             }},
-       {.name = "a stale status is reported before a stale configuration",
+       {.name = "an unsupported device, a stale status before a stale configuration are skipped",
         .run =
             [](World& w) {
-               auto entry = published("stale");
-               entry.statusGenTimeIs(99);
-               entry.configGenTimeIs(98);
-               w.publish(mountKey("stale", hostHdl), entry);
+               w.supportedDevices = 0x1;
+               w.publish(mountKey("foreign", hostHdl, 1), published("foreign"));
+               auto stale = published("stale");
+               stale.statusGenTimeIs(99);
+               stale.configGenTimeIs(98);
+               w.publish(mountKey("stale", hostHdl), stale);
+               auto oldcfg = published("oldcfg");
+               oldcfg.configGenTimeIs(98);
+               oldcfg.globalIs(true);
+               w.publish(mountKey("oldcfg", aclHdl), oldcfg);
                w.mgrNew();
             },
-        .traces = {"ignoring " + p("stale") + " syncGenTime: 1234.5 statusGenTime: 99"},
-        .absentTraces = {"ignoring " + p("stale") +
-                         " global: 0 syncGenTime: 1234.5 configGenTime: 98"},
-        .records = {"0:skipping stale status:stale statusGenTime:99 syncGenTime:1234.5"}},
-       {.name = "a stale configuration is skipped",
-        .run =
-            [](World& w) {
-               auto entry = published("oldcfg");
-               entry.configGenTimeIs(98);
-               entry.globalIs(true);
-               w.publish(mountKey("oldcfg", hostHdl), entry);
-               w.mgrNew();
-            },
-        .traces = {"ignoring " + p("oldcfg") + " global: 1 syncGenTime: 1234.5 configGenTime: 98"},
-        .records = {"0:skipping: oldcfg global: true configGenTime:98 syncGenTime:1234.5"}},
+        .traces = {"unsupported devId: 1",
+                   "ignoring " + p("stale") + " syncGenTime: 1234.5 statusGenTime: 99",
+                   "ignoring " + p("oldcfg") + " global: 1 syncGenTime: 1234.5 configGenTime: 98"},
+        .absentTraces = {"mounting table for read " + p("foreign"),
+                         "ignoring " + p("stale") +
+                             " global: 0 syncGenTime: 1234.5 configGenTime: 98"},
+        .records = {"0:skipping stale status:stale statusGenTime:99 syncGenTime:1234.5",
+                    "0:skipping: oldcfg global: true configGenTime:98 syncGenTime:1234.5"}},
        {.name = "a changed entry for a running table changes nothing",
         .run =
             [](World& w) {
@@ -149,19 +138,6 @@ const std::vector<DecisionCase<World>>& decisionCases() {
             [](World& w) {
                EXPECT_EQ(w.mgr->mbbEngineSm(mountKey("nostatus", hostHdl))->tableStatus(), nullptr);
             }},
-       {.name = "two pipes of one table agree on its scope",
-        .run =
-            [](World& w) {
-               w.publish(mountKey("pipe0", aclHdl, 0, 0), published("pipe0"));
-               w.publish(mountKey("pipe1", aclHdl, 0, 1), published("pipe1"));
-               w.mgrNew();
-            },
-        .running = {p("pipe0"), p("pipe1")},
-        .check =
-            [](World& w) {
-               EXPECT_EQ(w.chip->table(0, aclHdl)->entryScope(),
-                         PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
-            }},
        {.name = "all pipes and one pipe of one table conflict",
         .run =
             [](World& w) {
@@ -180,10 +156,10 @@ const std::vector<DecisionCase<World>>& decisionCases() {
                w.mgrNew();
             },
         .assertion = "ps == 0"},
-       {.name = "ATCAM partition bits follow the partition count",
+       {.name = "ATCAM partition bits follow the partition count; pipes of a table agree",
         .run =
             [](World& w) {
-               // One pipe each, so that the four share the table.
+               // One pipe each, so that the four share the table and its scope.
                std::uint16_t pipe = 0;
                for (auto [name, partitions] :
                     {std::pair{"atcam1", 1u}, {"atcam3", 3u}, {"atcam4", 4u}, {"atcam16", 16u}}) {
@@ -200,6 +176,8 @@ const std::vector<DecisionCase<World>>& decisionCases() {
         .running = {p("atcam1"), p("atcam3"), p("atcam4"), p("atcam16")},
         .check =
             [](World& w) {
+               EXPECT_EQ(w.chip->table(0, lpmHdl)->entryScope(),
+                         PIPE_MGR_ENTRY_SCOPE_SINGLE_PIPELINE);
                for (const auto& [key, engine] : w.mgr->mbbEngineSms()) {
                   EXPECT_NE(std::dynamic_pointer_cast<MbbEngine::FastMbbEngineAtcamImpl>(
                                 engine->mbbEngineImpl()),
@@ -226,33 +204,26 @@ const std::vector<DecisionCase<World>>& decisionCases() {
         .assertion = "allowUnmount() && \"unmount is not supported\"",
         .traces = {"unmounting table " + p("refused")},
         .records = {"1:unmounting refused"}},
-       {.name = "test mode keeps an unpublished table running",
+       {.name = "test mode keeps an unpublished table running, also one found gone on a resync",
         .run =
             [](World& w) {
                w.publish(mountKey("kept", hostHdl), published("kept"));
+               w.publish(mountKey("resync", aclHdl), published("resync"));
                w.mgrNew();
                w.mgr->allowUnmountIs(true);
                w.info->entryDel(mountKey("kept", hostHdl));
+               // Gone without a notification of its own, as after a reader fell behind.
+               w.info->store().erase(mountKey("resync", aclHdl));
+               w.info->mountedIs(false);
+               w.info->mountedIs(true);
             },
-        .traces = {"unmounting table " + p("kept"), "No unmounting support in testmode"},
-        .running = {p("kept")},
+        .traces = {"unmounting table " + p("kept"), "unmounting table " + p("resync"),
+                   "No unmounting support in testmode"},
+        .running = {p("kept"), p("resync")},
         .check =
             [](World& w) {
                EXPECT_EQ(w.mgr->mountInfo(mountKey("kept", hostHdl)), published("kept"));
             }},
-       {.name = "a resync of the mount information decides running tables again",
-        .run =
-            [](World& w) {
-               w.publish(mountKey("resync", hostHdl), published("resync"));
-               w.mgrNew();
-               w.mgr->allowUnmountIs(true);
-               // Gone without a notification of its own, as after a reader fell behind.
-               w.info->store().erase(mountKey("resync", hostHdl));
-               w.info->mountedIs(false);
-               w.info->mountedIs(true);
-            },
-        .traces = {"unmounting table " + p("resync"), "No unmounting support in testmode"},
-        .running = {p("resync")}},
        {.name = "an unpublished table that is not running is left alone",
         .run =
             [](World& w) {
@@ -263,94 +234,28 @@ const std::vector<DecisionCase<World>>& decisionCases() {
             },
         .traces = {"handleTableMount ignoring disabled: " + p("never")},
         .absentTraces = {"unmounting table " + p("never")}},
+       {.name = "chip mismatches are skipped and the others go on",
+        .run =
+            [](World& w) {
+               w.publish(mountKey("size0", hostHdl), published("size0", true, 0));
+               w.publish(mountKey("toobig", hostHdl, 1), published("toobig", true, hostSize + 1));
+               w.publish(mountKey("notmat", ecmpAdtHdl), published("notmat"));
+               w.publish(mountKey("nochip", 0x0badbad0), published("nochip"));
+               w.publish(mountKey("fits", hostHdl, 0, 3), published("fits", true, hostSize));
+               w.mgrNew();
+            },
+        .traces = {"skipping " + p("size0") + ": tableSize 0 does not fit the chip's 65536",
+                   "skipping " + p("toobig") + ": tableSize 65537 does not fit the chip's 65536",
+                   "skipping " + p("notmat") + ": no match table with hdl:0x2000010 on the chip",
+                   "skipping " + p("nochip") + ": no match table with hdl:0xbadbad0 on the chip"},
+        .records = {"0:skipping bad size:toobig tableSize:65537 chipSize:65536"},
+        .running = {p("fits")}},
    };
    return cases;
 }
 
 TEST(ChipSliceTableMgrSmTest, DecisionSteps) {
    runDecisionCases(decisionCases(), [](const World& w) { return w.running(); });
-}
-
-TEST(ChipSliceTableMgrSmTest, TablesDrawConsecutiveTraceIds) {
-   World w;
-   w.publish(mountKey("first", hostHdl), published("first"));
-   w.mgrNew();
-   const std::uint32_t first =
-       w.mgr->mbbEngineSm(mountKey("first", hostHdl))->mbbEngineImpl()->qtId();
-   w.publish(mountKey("second", aclHdl), published("second"));
-   const auto second = w.mgr->mbbEngineSm(mountKey("second", aclHdl));
-   EXPECT_EQ(second->mbbEngineImpl()->qtId(), first + 1);
-   EXPECT_EQ(
-       std::dynamic_pointer_cast<ChipMbbEngineHelper>(second->mbbEngineImpl()->helper())->qtId(),
-       first + 1);
-   EXPECT_TRUE(hasRecord(std::to_string(first + 1) + ":mounting table:second"));
-}
-
-TEST(ChipSliceTableMgrSmTest, AuditManagerHearsOfEveryRunningTable) {
-   World w;
-   w.publish(mountKey("a1", hostHdl), published("a1"));
-   w.publish(mountKey("a2", aclHdl), published("a2"));
-   w.mgrNew();
-   auto audit = Orb::ptrNew<RecordingAuditMgr>();
-   w.mgr->tableAuditMgrSmIs(audit);
-   EXPECT_THAT(audit->calls, ElementsAre("add " + p("a1"), "add " + p("a2")));
-
-   w.publish(mountKey("a3", lpmHdl), published("a3"));
-   EXPECT_THAT(audit->calls, ElementsAre("add " + p("a1"), "add " + p("a2"), "add " + p("a3")));
-   EXPECT_EQ(audit->engines.back().lock(), w.mgr->mbbEngineSm(mountKey("a3", lpmHdl)));
-   EXPECT_TRUE(w.capture.contains("adding table to audit manager for table hdl:0x1000002"));
-
-   w.mgr->tableAuditMgrSmIs(nullptr);
-   w.publish(mountKey("a4", hostHdl, 1), published("a4"));
-   EXPECT_EQ(audit->calls.size(), 3u);
-}
-
-// Entries published into a test-mode table reach the chip and come back as status.
-TEST(ChipSliceTableMgrSmTest, TestModeTableIsServedEndToEnd) {
-   World w;
-   const auto key = mountKey("e2e", aclHdl, 0, 1);
-   w.publish(key, published("e2e"));
-   w.mgrNew();
-   const auto engine = w.mgr->mbbEngineSm(key);
-   ASSERT_NE(engine, nullptr);
-   EXPECT_TRUE(w.flushStatus->allFlushed());
-   const auto& config = engine->tableConfig();
-   const auto& status = engine->tableStatus();
-
-   config->entryIs(matEntry(0x10, 1, 5, 7));
-   const ChipModel::MatTable* chip = w.chip->matTable(0, aclHdl);
-   ASSERT_NE(chip->entry(5), nullptr);
-   EXPECT_EQ(std::tuple(chip->entry(5)->index, chip->entry(5)->instance), std::tuple(7u, 1u));
-   EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus(0x10, 1));
-
-   config->entryIs(matEntry(0x10, 2, 5, 9));
-   EXPECT_EQ(chip->entry(5)->index, 9u);
-   EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus(0x10, 2));
-
-   config->entryDel(0x10);
-   EXPECT_EQ(chip->entry(5), nullptr);
-   EXPECT_EQ(status->entry(0x10), Vault::MbbEngine::EntryStatus());
-   EXPECT_EQ(w.chip->numViolations(), 0u);
-}
-
-TEST(ChipSliceTableMgrSmTest, ChipMismatchesAreSkippedAndOthersGoOn) {
-   World w;
-   w.publish(mountKey("size0", hostHdl), published("size0", true, 0));
-   w.publish(mountKey("toobig", hostHdl, 1), published("toobig", true, hostSize + 1));
-   w.publish(mountKey("notmat", adtHdl), published("notmat"));
-   w.publish(mountKey("nochip", 0x0badbad0), published("nochip"));
-   w.publish(mountKey("fits", hostHdl, 0, 3), published("fits", true, hostSize));
-   w.mgrNew();
-   EXPECT_EQ(w.running(), std::vector<std::string>{p("fits")});
-   EXPECT_TRUE(w.capture.contains("skipping " + p("size0") +
-                                  ": tableSize 0 does not fit the chip's 65536"));
-   EXPECT_TRUE(w.capture.contains("skipping " + p("toobig") +
-                                  ": tableSize 65537 does not fit the chip's 65536"));
-   EXPECT_TRUE(w.capture.contains("skipping " + p("notmat") +
-                                  ": no match table with hdl:0x2000010 on the chip"));
-   EXPECT_TRUE(w.capture.contains("skipping " + p("nochip") +
-                                  ": no match table with hdl:0xbadbad0 on the chip"));
-   EXPECT_TRUE(hasRecord("0:skipping bad size:toobig tableSize:65537 chipSize:65536"));
 }
 
 }  // namespace

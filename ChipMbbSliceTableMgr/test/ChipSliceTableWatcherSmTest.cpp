@@ -90,6 +90,12 @@ TEST(ChipSliceTableWatcherSmTest, DirectoryEntitiesAreAddedReplacedAndRemoved) {
    ASSERT_NE(watcher->tableMgr("host"), first);
    EXPECT_NE(watcher->tableMgr("host")->mbbEngineSm(mountKey("acl", aclHdl)), nullptr);
 
+   // A second feature agent announcing a chip table that is served already is left out.
+   w.dir->entityIs("rival", w.singleInfo("acl", aclHdl));
+   EXPECT_TRUE(watcher->tableMgr("rival")->mbbEngineSms().empty());
+   EXPECT_TRUE(w.capture.contains("skipping " + namePrefix +
+                                  "acl: hdl:0x1000003 is served for another feature agent"));
+
    w.dir->entityIs("ecmp", w.tripleInfo());
    const auto triples = watcher->matAdtSelTableMgr("ecmp");
    ASSERT_NE(triples, nullptr);
@@ -102,8 +108,8 @@ TEST(ChipSliceTableWatcherSmTest, DirectoryEntitiesAreAddedReplacedAndRemoved) {
    EXPECT_EQ(watcher->tableMgr("host"), nullptr);
    EXPECT_TRUE(w.capture.contains("handleTableInfoDir removing host"));
    EXPECT_EQ(watcher->matAdtSelTableMgr("ecmp"), triples);
-   EXPECT_THAT(log.calls, ElementsAre("tableMgr host", "tableMgr host", "matAdtSelTableMgr ecmp",
-                                      "tableMgr host"));
+   EXPECT_THAT(log.calls, ElementsAre("tableMgr host", "tableMgr host", "tableMgr rival",
+                                      "matAdtSelTableMgr ecmp", "tableMgr host"));
 
    std::string failed;
    try {

@@ -11,6 +11,7 @@
 
 #include "Brio/Brio.h"
 #include "ChipMbbSliceTableMgr/ChipMbbSliceTableMgr.h"
+#include "ChipMbbSliceTableMgr/test/TableMgrWorld.h"
 #include "ChipModel/ChipModel.h"
 #include "ChipModel/testing/ChipTestUtil.h"
 #include "Keel/Keel.h"
@@ -38,21 +39,25 @@ Vault::MbbEngine::EntryConfig matEntry(std::uint64_t key, std::uint32_t handle,
                                         ChipTestUtil::plainBlock(static_cast<std::uint8_t>(key)));
 }
 
+// The lines of a dump, each of which must start with its expected text.
+std::vector<std::string> linesStartingWith(const std::string& text,
+                                           const std::vector<std::string>& expected) {
+   std::istringstream in(text);
+   std::vector<std::string> lines;
+   for (std::string line; std::getline(in, line);) lines.push_back(line);
+   EXPECT_EQ(lines.size(), expected.size()) << text;
+   for (std::size_t i = 0; i < std::min(lines.size(), expected.size()); ++i)
+      EXPECT_TRUE(lines[i].starts_with(expected[i])) << lines[i];
+   return lines;
+}
+
 // One feature agent "fib" with ipv4_host published, in test mode, and the show commands over
 // it and the chip model.
 struct CliWorld : CliTableDir {
    CliWorld() {
       setenv("FLASHLOG_DISABLE", "1", 1);
       info->mountedIs(true);
-      ChipMbbShared::TableConfigMountEntry entry;
-      entry.configPathIs("fib/ipv4_host/config");
-      entry.statusPathIs("fib/ipv4_host/status");
-      entry.needStatusIs(true);
-      entry.tableSizeIs(65536);
-      entry.configGenTimeIs(1.0);
-      entry.statusGenTimeIs(1.0);
-      entry.instanceIdIs(1);
-      info->entryIs(key, entry);
+      info->entryIs(key, test::published("fib/ipv4_host", true, 65536));
    }
    TableMgrMap tableMgrs() const override { return {{"fib", mgr}}; }
 
@@ -85,10 +90,11 @@ struct CliWorld : CliTableDir {
        Vault::localTableNew<ChipMbbShared::TableConfigMountInfo>("fib/info");
    Orb::Ptr<SteppingTime> time = Orb::ptrNew<SteppingTime>();
    Orb::Ptr<Keel::TimerWheel> wheel = Orb::ptrNew<Keel::TimerWheel>(time, 1, 1024, true, 16);
-   Orb::Ptr<ChipSliceTableMgrSm> mgr = Orb::ptrNew<ChipSliceTableMgrSm>(
-       info, nullptr, 0x1, 7, 1.0, wheel, Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flush"),
-       Orb::ptrNew<MountConfig>(MountMode::mountAllTables),
-       ChipModel::modelResourceInfoNew(chip.profile()));
+   Orb::Ptr<ChipSliceTableMgrSm> mgr =
+       Orb::ptrNew<ChipSliceTableMgrSm>(info, nullptr, 0x1, 7, test::syncGenTime, wheel,
+                                        Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("flush"),
+                                        Orb::ptrNew<MountConfig>(MountMode::mountAllTables),
+                                        ChipModel::modelResourceInfoNew(chip.profile()));
    std::shared_ptr<HwPd::HwPdIntf> hwPd = ChipModel::modelHwPdNew(chip);
    Orb::Ptr<CliCallback> cli = Orb::ptrNew<CliCallback>(
        "ChipMbbSlice", "ChipMbbSliceCli", this, ChipModel::modelResourceInfoNew(chip.profile()),
@@ -118,26 +124,19 @@ TEST(CliTest, DumpFormats) {
    w.config().entryIs(matEntry(1, 0x11, 5));
    w.config().entryIs(matEntry(2, 0x12, 0x7FFFF));
    w.config().entryIs(matEntry(3, 0x13, 5));  // waits for key 1's index
-   std::istringstream table(w.run("mbb table ipv4_host pipe 0 key 0"));
-   std::vector<std::string> lines;
-   for (std::string line; std::getline(table, line);) lines.push_back(line);
-   const std::vector<std::string> expected = {
-       "mbb table ipv4_host pipe 0 key 0",
-       "fib table: ipv4_host id: 0x01000001 pipe: 0xffff needStatus: 1",
-       "Pending entries (1):",
-       "key: 0x00000003 ti:        3",
-       "Current entries (3):",
-       "key: 0x00000001 ti:        0 hdl: 0x00000011 prioGrp: 0 prio: 0 opId: 0x0000000000000001",
-       "  plcmtData ipv4_host: ",
-       "key: 0x00000002 ti:        0 hdl: 0x00000012 prioGrp: 0 prio: 0 opId: 0x0000000000000001 "
-       "DEFAULT",
-       "  plcmtData ipv4_host: ",
-       "key: 0x00000003 ti:        3 hdl: 0x00000013 prioGrp: 0 prio: 0 opId: 0x0000000000000001 "
-       "STALE",
-       "  plcmtData ipv4_host: "};
-   ASSERT_EQ(lines.size(), expected.size());
-   for (std::size_t i = 0; i < lines.size(); ++i)
-      EXPECT_TRUE(lines[i].starts_with(expected[i])) << lines[i];
+   linesStartingWith(
+       w.run("mbb table ipv4_host pipe 0 key 0"),
+       {"mbb table ipv4_host pipe 0 key 0",
+        "fib table: ipv4_host id: 0x01000001 pipe: 0xffff needStatus: 1",
+        "Pending entries (1):", "key: 0x00000003 ti:        3", "Current entries (3):",
+        "key: 0x00000001 ti:        0 hdl: 0x00000011 prioGrp: 0 prio: 0 opId: 0x0000000000000001",
+        "  plcmtData ipv4_host: ",
+        "key: 0x00000002 ti:        0 hdl: 0x00000012 prioGrp: 0 prio: 0 opId: 0x0000000000000001 "
+        "DEFAULT",
+        "  plcmtData ipv4_host: ",
+        "key: 0x00000003 ti:        3 hdl: 0x00000013 prioGrp: 0 prio: 0 opId: 0x0000000000000001 "
+        "STALE",
+        "  plcmtData ipv4_host: "});
    const std::string one = w.run("mbb table ipv4_host pipe 0 key 0x2");
    EXPECT_NE(one.find("key: 0x00000002"), std::string::npos);
    EXPECT_EQ(one.find("key: 0x00000001"), std::string::npos);
@@ -147,25 +146,9 @@ TEST(CliTest, DumpFormats) {
 struct TripleCliWorld : CliWorld {
    TripleCliWorld() {
       tripleInfo->mountedIs(true);
-      ChipMbbShared::MatAdtSelTableConfigMountEntry entry;
-      entry.matConfigPathIs("fib/ecmp/config");
-      entry.adtConfigPathIs("fib/ecmp/adtConfig");
-      entry.selGrpConfigPathIs("fib/ecmp/grpConfig");
-      entry.selMbrConfigPathIs("fib/ecmp/mbrConfig");
-      entry.matStatusPathIs("fib/ecmp/status");
-      entry.adtStatusPathIs("fib/ecmp/adtStatus");
-      entry.selGrpStatusPathIs("fib/ecmp/grpStatus");
-      entry.selMbrStatusPathIs("fib/ecmp/mbrStatus");
-      entry.needStatusIs(true);
-      entry.adtTableIdIs(adtHdl);
-      entry.selTableIdIs(selHdl);
-      entry.tableSizeIs(1024);
-      entry.configGenTimeIs(1.0);
-      entry.statusGenTimeIs(1.0);
-      entry.instanceIdIs(1);
-      tripleInfo->entryIs(tripleKey, entry);
+      tripleInfo->entryIs(tripleKey, test::triple("fib/ecmp"));
       tmgr = Orb::ptrNew<ChipSliceMatAdtSelTableMgrSm>(
-          tripleInfo, nullptr, 0x1, 7, 1.0, wheel,
+          tripleInfo, nullptr, 0x1, 7, test::syncGenTime, wheel,
           Orb::ptrNew<MbbEngine::MbbEngineFlushStatus>("tflush"),
           Orb::ptrNew<MountConfig>(MountMode::mountAllTables),
           ChipModel::modelResourceInfoNew(chip.profile()));
@@ -173,10 +156,8 @@ struct TripleCliWorld : CliWorld {
    ~TripleCliWorld() { tmgr.reset(); }
    TripleMgrMap tripleMgrs() const override { return {{"fib", tmgr}}; }
 
-   static constexpr std::uint32_t matHdl = 0x01000010;
-   static constexpr std::uint32_t adtHdl = 0x02000010;
-   static constexpr std::uint32_t selHdl = 0x03000010;
-   ChipMbbShared::TableConfigMountKey tripleKey{ChipDriver::ChipDevTgt{0, 0xFFFF}, "ecmp", matHdl};
+   ChipMbbShared::TableConfigMountKey tripleKey{ChipDriver::ChipDevTgt{0, 0xFFFF}, "ecmp",
+                                                test::ecmpHdl};
    Orb::Ptr<ChipMbbShared::MatAdtSelTableConfigMountInfo> tripleInfo =
        Vault::localTableNew<ChipMbbShared::MatAdtSelTableConfigMountInfo>("fib/triples");
    Orb::Ptr<ChipSliceMatAdtSelTableMgrSm> tmgr;
@@ -210,25 +191,17 @@ TEST(CliTest, TripleDumpFormats) {
    w.time->step = 0.01;
    for (int i = 0; i < 50 && sm->tableStatus()->entry(0x300).opId() != 1; ++i) w.wheel->advance();
    w.time->step = 0;
-   ASSERT_NE(w.chip.matTable(0, TripleCliWorld::matHdl)->entry(31), nullptr);
+   ASSERT_NE(w.chip.matTable(0, test::ecmpHdl)->entry(31), nullptr);
 
-   std::istringstream table(w.run("mbb table nexthop_ecmp pipe 0 key 0"));
-   std::vector<std::string> lines;
-   for (std::string line; std::getline(table, line);) lines.push_back(line);
-   const std::vector<std::string> expected = {
-       "mbb table nexthop_ecmp pipe 0 key 0",
-       "fib table nexthop_ecmp/nexthop_ecmp_adt/nexthop_ecmp_sel "
-       "id:0x01000010/0x02000010/0x03000010 pipe: 0xffff needStatus: 1",
-       "Pending entries (1):",
-       "key: 0x00000301 ti: ",
-       "Current entries (2):",
-       "key: 0x00000300 ti:        0 hdl: 0x0000001f prioGrp: 0 prio: 0 opId: 0x0000000000000001",
-       "  plcmtData nexthop_ecmp: ",
-       "key: 0x00000301 ti: ",
-       "  plcmtData nexthop_ecmp: "};
-   ASSERT_EQ(lines.size(), expected.size()) << table.str();
-   for (std::size_t i = 0; i < lines.size(); ++i)
-      EXPECT_TRUE(lines[i].starts_with(expected[i])) << lines[i];
+   const auto lines = linesStartingWith(
+       w.run("mbb table nexthop_ecmp pipe 0 key 0"),
+       {"mbb table nexthop_ecmp pipe 0 key 0",
+        "fib table nexthop_ecmp/nexthop_ecmp_adt/nexthop_ecmp_sel "
+        "id:0x01000010/0x02000010/0x03000010 pipe: 0xffff needStatus: 1",
+        "Pending entries (1):", "key: 0x00000301 ti: ", "Current entries (2):",
+        "key: 0x00000300 ti:        0 hdl: 0x0000001f prioGrp: 0 prio: 0 opId: 0x0000000000000001",
+        "  plcmtData nexthop_ecmp: ", "key: 0x00000301 ti: ", "  plcmtData nexthop_ecmp: "});
+   ASSERT_EQ(lines.size(), 9u);
    EXPECT_TRUE(lines[7].ends_with(" STALE")) << lines[7];
 
    // The hardware dumps of the triple's three tables.
@@ -241,9 +214,9 @@ TEST(CliTest, TripleDumpFormats) {
       }
       return text + "})";
    };
-   EXPECT_EQ(w.run("hw table nexthop_ecmp pipe 0", true), rows(TripleCliWorld::matHdl, {31}));
-   EXPECT_EQ(w.run("hw table nexthop_ecmp_adt pipe 0", true), rows(TripleCliWorld::adtHdl, {11}));
-   EXPECT_EQ(w.run("hw table nexthop_ecmp_sel pipe 0", true), rows(TripleCliWorld::selHdl, {11}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp pipe 0", true), rows(test::ecmpHdl, {31}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp_adt pipe 0", true), rows(test::ecmpAdtHdl, {11}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp_sel pipe 0", true), rows(test::ecmpSelHdl, {11}));
 }
 
 struct RunnerTest : ::testing::Test {

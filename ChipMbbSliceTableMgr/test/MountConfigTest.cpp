@@ -5,14 +5,6 @@
 namespace ChipMbbSlice {
 namespace {
 
-TEST(MountConfig, ModeConvertsByNumberAndName) {
-   EXPECT_EQ(stringValue(MountMode::mountAllTables), "mountAllTables");
-   EXPECT_EQ(MountModeInstance(0), MountMode::mountStatusTablesOnly);
-   EXPECT_EQ(MountModeInstance("mountAllTables"), MountMode::mountAllTables);
-   EXPECT_THROW(MountModeInstance(7), Orb::ParseError);
-   EXPECT_THROW(MountModeInstance("mountSome"), Orb::ParseError);
-}
-
 TEST(MountConfig, ModuleTypesRegisteredAtLoadInStartUpOrder) {
    const std::vector<std::string> expected{
        "ChipMbbSlice::CliYieldSm",          "ChipMbbSlice::CliCallback",

@@ -4,6 +4,8 @@
 // it is told, and a world of chip, mount-info collection, mount configuration, timer wheel and
 // flush status around one manager, with its trace lines and records captured.
 
+#include <unistd.h>
+
 #include <cstdint>
 #include <cstdlib>
 #include <filesystem>
@@ -14,6 +16,8 @@
 
 #include <gtest/gtest.h>
 
+#include "Atlas/EntityManager.h"
+
 #include "Brio/Brio.h"
 #include "ChipMbbSliceTableMgr/ChipMbbSliceTableMgr.h"
 #include "ChipModel/ChipModel.h"
@@ -21,6 +25,7 @@
 #include "FlashLog/CaptureSink.h"
 #include "FlashLog/Decoder.h"
 #include "FlashLog/FlashLog.h"
+#include "Keel/EventLoop.h"
 #include "Keel/TimerWheel.h"
 #include "Orb/Time.h"
 #include "Vault/LocalTable.h"
@@ -28,6 +33,7 @@
 
 namespace ChipMbbSlice::test {
 
+using ChipMbbShared::MatAdtSelTableConfigMountEntry;
 using ChipMbbShared::TableConfigMountEntry;
 using ChipMbbShared::TableConfigMountInfo;
 using ChipMbbShared::TableConfigMountKey;
@@ -36,8 +42,11 @@ using ChipMbbShared::TableConfigMountKey;
 constexpr std::uint32_t hostHdl = 0x01000001;  // 65536 entries
 constexpr std::uint32_t lpmHdl = 0x01000002;   // 16384 entries, ATCAM
 constexpr std::uint32_t aclHdl = 0x01000003;   // 2048 entries
-constexpr std::uint32_t adtHdl = 0x02000010;   // an action data table
 constexpr std::uint32_t hostSize = 65536;
+// The default profile's triple; its action data table is a table but no match table.
+constexpr std::uint32_t ecmpHdl = 0x01000010;
+constexpr std::uint32_t ecmpAdtHdl = 0x02000010;
+constexpr std::uint32_t ecmpSelHdl = 0x03000010;
 
 constexpr double syncGenTime = 1234.5;
 constexpr std::uint32_t sessHdl = 7;
@@ -58,6 +67,28 @@ inline TableConfigMountEntry published(const std::string& name, bool needStatus 
    entry.statusPathIs(name + "/status");
    entry.needStatusIs(needStatus);
    entry.tableSizeIs(tableSize);
+   entry.configGenTimeIs(syncGenTime);
+   entry.statusGenTimeIs(syncGenTime);
+   entry.instanceIdIs(instanceId);
+   return entry;
+}
+
+// The default profile's triple announced with its eight collections under `name`.
+inline MatAdtSelTableConfigMountEntry triple(const std::string& name, bool needStatus = true,
+                                             std::uint16_t instanceId = 1) {
+   MatAdtSelTableConfigMountEntry entry;
+   entry.matConfigPathIs(name + "/config");
+   entry.adtConfigPathIs(name + "/adtConfig");
+   entry.selGrpConfigPathIs(name + "/grpConfig");
+   entry.selMbrConfigPathIs(name + "/mbrConfig");
+   entry.matStatusPathIs(name + "/status");
+   entry.adtStatusPathIs(name + "/adtStatus");
+   entry.selGrpStatusPathIs(name + "/grpStatus");
+   entry.selMbrStatusPathIs(name + "/mbrStatus");
+   entry.needStatusIs(needStatus);
+   entry.adtTableIdIs(ecmpAdtHdl);
+   entry.selTableIdIs(ecmpSelHdl);
+   entry.tableSizeIs(1024);
    entry.configGenTimeIs(syncGenTime);
    entry.statusGenTimeIs(syncGenTime);
    entry.instanceIdIs(instanceId);
@@ -117,6 +148,28 @@ inline bool hasRecord(const std::string& text) {
    return false;
 }
 
+// A publisher and an agent on one root, each with an entity manager of its own as two processes
+// would have; the agent's is fed by the event loop. A world that derives from this before its
+// managers' world lets its managers go first.
+struct TwoProcesses {
+   TwoProcesses()
+       : root("tablemgrtest-" + std::to_string(::getpid()) + "-" + std::to_string(serial()++)),
+         publisher(root),
+         agent(Orb::ptrNew<Atlas::EntityManager>(root, &loop)) {}
+   static int& serial() {
+      static int n = 0;
+      return n;
+   }
+   void settle(const std::function<bool()>& done) {
+      for (int i = 0; i < 40 && !done(); ++i) loop.runOnce(0.05);
+   }
+
+   Keel::EventLoop loop;
+   std::string root;
+   Atlas::EntityManager publisher;
+   Orb::Ptr<Atlas::EntityManager> agent;
+};
+
 struct World {
    World() {
       traceFile();
@@ -174,8 +227,8 @@ struct DecisionCase {
    std::vector<std::string> traces;
    std::vector<std::string> absentTraces;
    // Ring-buffer records that must have been written, as the decoder prints them. A record
-   // that starts "1:" carries the trace id of the case's first table: each case starts the
-   // count from where the process is, so ids are compared by their offset.
+   // that starts "N:" with N above 0 carries the trace id of the case's Nth table: each case
+   // starts the count from where the process is, so ids are compared by their offset.
    std::vector<std::string> records;
    // Tables running at the end.
    std::vector<std::string> running;
@@ -199,7 +252,9 @@ void runDecisionCases(const std::vector<DecisionCase<W>>& cases, Running running
       for (const std::string& text : c.traces) EXPECT_TRUE(w.capture.contains(text)) << text;
       for (const std::string& text : c.absentTraces) EXPECT_FALSE(w.capture.contains(text)) << text;
       for (std::string text : c.records) {
-         if (text.starts_with("1:")) text = std::to_string(firstQtId) + text.substr(1);
+         const std::size_t colon = text.find(':');
+         const std::uint32_t nth = std::stoul(text.substr(0, colon));
+         if (nth > 0) text = std::to_string(firstQtId + nth - 1) + text.substr(colon);
          EXPECT_TRUE(hasRecord(text)) << text;
       }
       if (c.assertion.empty()) {

@@ -8,6 +8,7 @@
 #include <chrono>
 #include <filesystem>
 #include <fstream>
+#include <optional>
 #include <sstream>
 #include <thread>
 #include <tuple>
@@ -37,7 +38,8 @@ std::vector<std::string> segmentsUnder(const std::string& root) {
 // The agent host binary on its own root, its output kept in a file.
 class HostProcess {
  public:
-   explicit HostProcess(std::string root = "") : root_(std::move(root)) {
+   explicit HostProcess(std::string root = "", std::vector<std::string> args = {})
+       : root_(std::move(root)) {
       static int serial = 0;
       if (root_.empty())
          root_ = "e2e-" + std::to_string(::getpid()) + "-" + std::to_string(++serial);
@@ -51,8 +53,11 @@ class HostProcess {
          ::dup2(fd, 2);
          // The host's trace file is not what these tests look at.
          ::setenv("FLASHLOG_DISABLE", "1", 1);
-         ::execl(SLICEHOST_PATH, SLICEHOST_PATH, "--root", root_.c_str(), "--status-interval", "0",
-                 nullptr);
+         args.insert(args.begin(), {SLICEHOST_PATH, "--root", root_, "--status-interval", "0"});
+         std::vector<char*> argv;
+         for (std::string& arg : args) argv.push_back(arg.data());
+         argv.push_back(nullptr);
+         ::execv(SLICEHOST_PATH, argv.data());
          std::_Exit(127);
       }
    }
@@ -193,6 +198,32 @@ TEST(EndToEnd, PublisherDyingMidWayLeavesTheHostServingAndItsSuccessorConverges)
    EXPECT_EQ(report.host->numViolations, 0u);
    EXPECT_EQ(host.stop(), 0) << host.log();
    EXPECT_NE(host.log().find("replaced"), std::string::npos) << host.log();
+}
+
+// Publishers of one name replace each other a hundred times, each with a small table: the host
+// serves every successor from scratch, and while one is served it holds as many mounts, and
+// the root as many segments, as while the first one was.
+TEST(EndToEnd, HundredReplacedPublicationsLeaveMountsAndSegmentsAtTheirBaseline) {
+   HostProcess host("", {"--probe-interval", "0.005"});
+   Keel::EventLoop loop;
+   std::optional<std::pair<std::uint64_t, std::size_t>> baseline;
+   for (int i = 0; i < 100; ++i) {
+      SliceSystem::ShmPublishTarget target(loop, host.root(), "replaced");
+      SliceSystem::PublisherOptions options = smallRun();
+      options.tables.resize(1);
+      options.tables[0].numEntries = 20;
+      options.seed = i + 1;
+      SliceSystem::Publisher publisher(target, options);
+      ASSERT_TRUE(publisher.publish().converged()) << host.log();
+      const std::optional<SliceSystem::HostCounters> counters = publisher.hostCountersFresh(5);
+      ASSERT_TRUE(counters) << host.log();
+      ASSERT_EQ(counters->entries, 20u);
+      const auto now = std::pair(counters->mounts, segmentsUnder(host.root()).size());
+      if (!baseline) baseline = now;
+      ASSERT_EQ(now, *baseline) << "after " << i << " replacements\n" << host.log();
+   }
+   EXPECT_EQ(host.stop(), 0) << host.log();
+   EXPECT_EQ(segmentsUnder(host.root()), std::vector<std::string>());
 }
 
 // A second host on a root in use says why and leaves; a host killed outright leaves its

@@ -59,7 +59,7 @@ TEST(InProcess, PublishChurnReaddConvergesWithTheChipHoldingTheConfiguration) {
    EXPECT_EQ(c.numMatDelDeadlockOps, count(Kind::replace) + count(Kind::swap) / 2);
 
    // The chip has exactly the entries of the configurations, at their indices.
-   const auto& engines = host.tableMgr()->mbbEngineSms();
+   const auto& engines = host.watcher()->tableMgr("slicepub")->mbbEngineSms();
    ASSERT_EQ(engines.size(), 3u);
    for (const auto& [key, engine] : engines) {
       const ChipModel::MatTable* chip = host.chip().matTable(0, key.tableId());

@@ -66,6 +66,11 @@ struct TripleAudit {
    bf_status_t adtFault(FaultKind kind, std::uint32_t mbrHdl) {
       return w.chip.faultInject({kind, 0, P4_PD_PIPE_ALL, World::adtHdl, mbrHdl, 0, 0, 0});
    }
+   bf_status_t selFault(FaultKind kind, std::uint32_t selIndex, std::uint32_t subIndex,
+                        std::uint32_t mbrHdl, std::uint32_t grpHdl = 0) {
+      return w.chip.faultInject(
+          {kind, 0, P4_PD_PIPE_ALL, World::selHdl, mbrHdl, selIndex, subIndex, grpHdl});
+   }
    ChipMbbSlice::MatAdtSelTableAuditSm& sm() const {
       return static_cast<ChipMbbSlice::MatAdtSelTableAuditSm&>(*mgr->tableAuditSm(mountKey));
    }
@@ -130,39 +135,53 @@ TEST(MatAdtSelTableAuditTest, EachSubTableKeyGetsTheFirstReasonInCheckOrder) {
    t.adtFault(FaultKind::stray, 0x13);  // the engine's clean-up takes it out again
 }
 
-// Faults injected into the ADT behind the engine's back climb the thresholds audit by audit:
-// flagged, then the key notified to the dependency engine, then recorded, key and handle alike.
-TEST(MatAdtSelTableAuditTest, InjectedAdtFaultsAreNotifiedThenRecorded) {
+// Faults in action data and selector members are seen only when the chip is read back: with the
+// comparison off nothing is flagged, with it on each with its own reason, members the chip holds
+// in a group's vector and in a vector of no group alike.
+TEST(MatAdtSelTableAuditTest, HardwareComparisonReadsBackActionDataAndMembers) {
    TripleAudit t;
    t.build();
+   DualLog::CaptureSink capture;
+   capture.levelIs("TableAudit", 8);
+   t.mgr->auditPolicy()->auditHardwareIs(true);
    t.audit();
-   ASSERT_EQ(t.adtFault(FaultKind::drop, 0x12), BF_SUCCESS);
-   ASSERT_EQ(t.adtFault(FaultKind::stray, 0x30), BF_SUCCESS);
-   t.clock->stepIs(1e-7);  // records made in one slice are told apart by their time
-   const auto& failed = *t.mgr->failedAuditStatus();
-   std::vector<std::pair<std::uint32_t, std::size_t>> seen;
-   for (int audit = 1; audit <= 4; ++audit) {
-      t.audit();
-      seen.emplace_back(t.sm().adtFlagSm()->mbbNotifier()->notificationCount(),
-                        failed.numFailedEntries());
-   }
-   EXPECT_THAT(seen, ElementsAre(std::pair(0u, 0u), std::pair(1u, 0u), std::pair(1u, 2u),
-                                 std::pair(1u, 4u)));
-   std::set<std::pair<std::uint64_t, AuditFailReason>> records;
-   for (const auto& [time, entry] : failed.failedEntries()) {
-      records.emplace(entry.identifier(), entry.reason());
-   }
-   EXPECT_THAT(records, ElementsAre(std::pair(2ull, AuditFailReason::adtEntryNotInSdk),
-                                    std::pair(0x30ull, AuditFailReason::adtSdkHandleNotInMbb)));
-   t.adtFault(FaultKind::stray, 0x12);
+   ASSERT_THAT(flagLines(capture), IsEmpty());
+
+   ASSERT_EQ(t.adtFault(FaultKind::corrupt, 0x11), BF_SUCCESS);
+   ASSERT_EQ(t.selFault(FaultKind::drop, 0, 1, 0x12), BF_SUCCESS);  // mbrA1
+   // mbrB0 selects another next hop.
+   ASSERT_EQ(t.selFault(FaultKind::drop, 1, 0, 0x13), BF_SUCCESS);
+   ASSERT_EQ(t.selFault(FaultKind::stray, 1, 0, 0x14, 0x1001), BF_SUCCESS);
+   ASSERT_EQ(t.selFault(FaultKind::stray, 0, 5, 0x11), BF_SUCCESS);  // in grpA's vector
+   ASSERT_EQ(t.selFault(FaultKind::stray, 3, 0, 0x14, 0x1003), BF_SUCCESS);
+   t.mgr->auditPolicy()->auditHardwareIs(false);
+   t.audit();
+   EXPECT_THAT(flagLines(capture), IsEmpty());
+
+   t.mgr->auditPolicy()->auditHardwareIs(true);
+   t.audit();
+   EXPECT_THAT(flagLines(capture),
+               ElementsAre("Flagging key:0x1 tbl:0x301 reason:adtEntryAndHwNotEqual",
+                           "Flagging key:0x280001 tbl:0x302 reason:selMbrNotInSdk",
+                           "Flagging key:0x288000 tbl:0x302 reason:selMbrAndHwNotEqual",
+                           "Flagging hdl:0x5 tbl:0x302 reason:selSdkMbrNotInMbb",
+                           "Flagging hdl:0x180 tbl:0x302 reason:selSdkMbrNotInMbb"));
+   // The engine takes out what it placed when it goes.
+   t.selFault(FaultKind::stray, 0, 1, 0x12);
+   t.selFault(FaultKind::drop, 1, 0, 0x14);
+   t.selFault(FaultKind::stray, 1, 0, 0x13, 0x1001);
+   t.selFault(FaultKind::drop, 0, 5, 0x11);
+   t.selFault(FaultKind::drop, 3, 0, 0x14);
 }
 
-// Random churn of next hops, members and routes, audited in short slices while it changes:
-// nothing is recorded, the engine is never nudged, and once it settles no key stays flagged. A
-// triple whose engine has gone then finishes its audit at once.
+// Random churn of next hops, members and routes, audited in short slices while it changes, with
+// every check there is (the hardware comparison on): nothing is recorded, the engine is never
+// nudged, and once it settles no key stays flagged. A triple whose engine has gone then
+// finishes its audit at once.
 TEST(MatAdtSelTableAuditTest, ChurnRaisesNoFlagThatLasts) {
    TripleAudit t;
    t.build();
+   t.mgr->auditPolicy()->auditHardwareIs(true);
    t.mgr->auditIntervalIs(0.05);
    t.clock->stepIs(0.00005);
    std::mt19937 rng(11);

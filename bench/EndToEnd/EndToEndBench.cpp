@@ -5,9 +5,11 @@
 // and the engine alone (in-memory tables, the slice's helper and the engine, configurations
 // written one after the other, as the engine's own benchmark does). Then the ECMP build of the
 // default chip's triple (next hops, groups, their members, routes), from the first write to the
-// last status, across two processes and in one process, counted in placement operations.
+// last status, across two processes and in one process, counted in placement operations. Then a
+// 16-table publication rebuilt after its publisher is replaced, and a hundred replacements that
+// must leave the host's mounts and the root's segments where they were.
 //
-//   EndToEndBench [--quick] [--only single|multi|ecmp] [--rounds N]
+//   EndToEndBench [--quick] [--only single|multi|ecmp|replace] [--rounds N]
 //     --quick: a tenth of the entries; --only: one scenario; --rounds: runs of each variant
 //     (2 by default), the order of the variants alternating from round to round
 
@@ -339,6 +341,104 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
    std::fflush(stdout);
 }
 
+pid_t hostStart(const std::string& root, const std::string& profilePath) {
+   pid_t host = ::fork();
+   if (host == 0) {
+      int null = ::open("/dev/null", O_WRONLY);
+      ::dup2(null, 1);
+      ::execl(SLICEHOST_PATH, SLICEHOST_PATH, "--root", root.c_str(), "--profile",
+              profilePath.c_str(), "--status-interval", "0", nullptr);
+      std::_Exit(127);
+   }
+   Atlas::EntityManager names(root);
+   while (!SliceSystem::segmentId(names.shmName("mbb/hostCounters")) &&
+          ::waitpid(host, nullptr, WNOHANG) == 0) {
+      std::this_thread::sleep_for(std::chrono::milliseconds(10));
+   }
+   return host;
+}
+
+std::size_t segmentsUnder(const std::string& root) {
+   std::size_t n = 0;
+   for (const auto& file : std::filesystem::directory_iterator("/dev/shm")) {
+      n += file.path().filename().string().starts_with(root + ".");
+   }
+   return n;
+}
+
+// A publication of 16 tables rebuilt after its publisher was replaced, beside the first
+// publication in the same run, each timed from the publisher's directory (what the host is
+// told of) to the last status: the rebuild also takes the old entries out. Then a hundred
+// replacements of it by a small publication, after each of which the host's mounts and the
+// root's segments must be what they were after the first.
+void replaceScenario(std::uint32_t scale) {
+   const Scenario s{"replace", 16, 65536, 65536 / scale};
+   const ChipModel::ChipProfile profile = profileFor(s);
+   const std::string root = "e2ebench-replace-" + std::to_string(::getpid());
+   const std::string profilePath =
+       (std::filesystem::temp_directory_path() / (root + "-chip.json")).string();
+   std::ofstream(profilePath) << profileJson(profile);
+   std::printf("== publication replaced: 16 tables of %u entries, load %s\n", s.entriesPerTable,
+               loadNow().c_str());
+   std::fflush(stdout);
+   const pid_t host = hostStart(root, profilePath);
+   const std::uint64_t total = std::uint64_t(s.numTables) * s.entriesPerTable;
+   Keel::EventLoop loop;
+   auto publication = [&](const char* what, std::uint64_t seed) {
+      const auto start = std::chrono::steady_clock::now();
+      SliceSystem::ShmPublishTarget target(loop, root, "bench");
+      SliceSystem::PublisherOptions options = optionsFor(profile, s);
+      options.seed = seed;
+      SliceSystem::Publisher publisher(target, options);
+      const double ready =
+          std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      Run run = runOf(publisher, total);
+      run.seconds = std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+      std::printf(
+          "  %s: %.3f s from the directory to the last status (%.3f s of it making the "
+          "publisher), %s\n",
+          what, run.seconds, ready, run.sound ? "sound" : "NOT SOUND");
+      if (!run.sound) std::printf("%s", run.why.c_str());
+      std::fflush(stdout);
+      return run;
+   };
+   const Run first = publication("first publication", 1);
+   const Run rebuild = publication("rebuild after its replacement", 2);
+   const double ratio = rebuild.seconds / first.seconds;
+   std::printf("figure: rebuild after replacement / first publication = %.2f (target <= 2) %s\n",
+               ratio, verdict(first.sound && rebuild.sound && ratio <= 2));
+
+   std::optional<std::pair<std::uint64_t, std::size_t>> baseline;
+   bool steady = true;
+   for (int i = 0; i < 100 && steady; ++i) {
+      SliceSystem::ShmPublishTarget target(loop, root, "bench");
+      SliceSystem::PublisherOptions options = optionsFor(profile, s);
+      options.tables.resize(1);
+      options.tables[0].numEntries = 64;
+      options.seed = i + 1;
+      SliceSystem::Publisher publisher(target, options);
+      const bool converged = publisher.publish().converged();
+      const auto counters = publisher.hostCountersFresh(10);
+      if (!converged || !counters) {
+         steady = false;
+         break;
+      }
+      const auto now = std::pair(counters->mounts, segmentsUnder(root));
+      if (!baseline) baseline = now;
+      steady = now == *baseline;
+   }
+   std::printf(
+       "figure: host mounts and root segments after 100 replacements = %s baseline "
+       "(%llu mounts, %zu segments) %s\n",
+       steady ? "equal to" : "NOT equal to",
+       static_cast<unsigned long long>(baseline ? baseline->first : 0),
+       baseline ? baseline->second : 0, verdict(steady));
+   std::fflush(stdout);
+   ::kill(host, SIGTERM);
+   ::waitpid(host, nullptr, 0);
+   std::filesystem::remove(profilePath);
+}
+
 SliceSystem::PublisherOptions ecmpOptions(std::uint32_t scale) {
    SliceSystem::PublisherOptions options;
    SliceSystem::EcmpTableSpec spec;
@@ -473,7 +573,8 @@ int main(int argc, char** argv) {
       } else if (std::strcmp(argv[i], "--rounds") == 0 && i + 1 < argc) {
          rounds = std::max(1, std::atoi(argv[++i]));
       } else {
-         std::printf("usage: %s [--quick] [--only single|multi|ecmp] [--rounds N]\n", argv[0]);
+         std::printf("usage: %s [--quick] [--only single|multi|ecmp|replace] [--rounds N]\n",
+                     argv[0]);
          return std::strcmp(argv[i], "--help") == 0 ? 0 : 2;
       }
    }
@@ -484,5 +585,6 @@ int main(int argc, char** argv) {
       scenario({"16 tables x 64K", 16, 65536, 65536 / scale}, rounds, 1000000);
    }
    if (only.empty() || only == "ecmp") ecmpScenario(scale, rounds);
+   if (only.empty() || only == "replace") replaceScenario(scale);
    return 0;
 }

@@ -19,9 +19,6 @@ struct CliServerOptions {
    std::vector<std::string> commands;
    std::size_t maxLineLength = 1024;
    std::size_t maxConnections = 64;
-   // Answer bytes held per connection for a client that reads slowly; past this the
-   // command's own output fills up and a long dump pauses.
-   std::size_t relayBytes = 256 * 1024;
 };
 
 // Where a host of this root serves its commands.
@@ -30,7 +27,8 @@ std::string socketPathFor(const std::string& root);
 // Serves commands on a Unix stream socket from the event loop: one command line per
 // connection, answered and closed. Each command gets a pipe whose write end is handed to
 // the callback as the client's socket; the server relays the pipe to the client as fast as
-// the client reads, so a slow client never blocks the loop and a dump is never cut short by
+// the client reads, the pipe holding what the client has not read yet, so a slow client never
+// blocks the loop and a dump (which pauses while the pipe is half full) is never cut short by
 // it. A client that goes away closes the pipe, so the callback's next write fails and the
 // command ends. Writing to a closed pipe must fail rather than kill the process, so the
 // server ignores SIGPIPE.
@@ -60,7 +58,7 @@ class CliServer {
    void handleOutput(int client);
    void commandStart(Connection& conn, const AgentCommandRequest& request);
    void refuse(Connection& conn, const std::string& reason);
-   void flush(Connection& conn);
+   void relay(Connection& conn);
    void outputReadIs(Connection& conn, bool on);
    void interestIs(Connection& conn, std::uint32_t events);
    void close(int client);

@@ -2,8 +2,11 @@
 
 #include <sys/stat.h>
 
+#include <charconv>
 #include <cstdio>
+#include <filesystem>
 #include <functional>
+#include <optional>
 
 #include "Brio/Brio.h"
 #include "Keel/EventLoop.h"
@@ -36,6 +39,27 @@ std::string escaped(const std::string& text) {
    return out;
 }
 
+// The path a readable segment name spells, or nothing for a name that is not one of ours: a
+// stray character, a bad escape, or the dot that starts the hash of a long name.
+std::optional<std::string> unescaped(std::string_view name) {
+   std::string out;
+   for (std::size_t i = 0; i < name.size(); ++i) {
+      if (plainChar(name[i])) {
+         out += name[i];
+         continue;
+      }
+      unsigned value = 0;
+      if (name[i] != '%' || i + 2 >= name.size() ||
+          std::from_chars(name.data() + i + 1, name.data() + i + 3, value, 16).ptr !=
+              name.data() + i + 3) {
+         return std::nullopt;
+      }
+      out += static_cast<char>(value);
+      i += 2;
+   }
+   return out;
+}
+
 const char* modeName(MountMode mode) {
    return mode == MountMode::reader ? "reader" : "writer";
 }
@@ -58,6 +82,21 @@ std::string EntityManager::shmName(const std::string& path) const {
    char hash[24];
    std::snprintf(hash, sizeof hash, ".%016zx", std::hash<std::string>()(name));
    return name.substr(0, maxShmName - 17) + hash;
+}
+
+std::vector<std::string> EntityManager::paths(const std::string& prefix) const {
+   const std::string stem = shmName(prefix).substr(1);
+   const std::size_t rootPart = escaped(root_).size() + 1;
+   std::vector<std::string> found;
+   std::error_code ec;
+   for (const auto& file : std::filesystem::directory_iterator("/dev/shm", ec)) {
+      const std::string name = file.path().filename().string();
+      if (!name.starts_with(stem)) continue;
+      if (auto path = unescaped(std::string_view(name).substr(rootPart))) {
+         found.push_back(std::move(*path));
+      }
+   }
+   return found;
 }
 
 Orb::Ptr<Orb::Object> EntityManager::mount(const std::string& path, const std::string& typeName,

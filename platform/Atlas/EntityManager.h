@@ -62,6 +62,9 @@ class EntityManager : public Orb::Entity<EntityManager> {
    std::size_t numMounts() const { return mounts_.size(); }
    // The name of the segment that holds `path`.
    std::string shmName(const std::string& path) const;
+   // The paths starting with `prefix` that have a segment under this root now, whoever wrote
+   // them. A path too long to be spelled out in a segment name is not found.
+   std::vector<std::string> paths(const std::string& prefix) const;
    // Called with the path and the reason when a mounted table finds its segment damaged, from
    // inside the access that found it (the handler must not unmount anything there), and when a
    // mount is refused because the segment is damaged or another user's, once per segment.

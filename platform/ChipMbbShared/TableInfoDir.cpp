@@ -5,14 +5,19 @@
 namespace ChipMbbShared {
 
 TableInfoPublisher::TableInfoPublisher(Atlas::EntityManager& entityManager, std::string dirPath,
-                                       std::uint32_t capacity)
-    : entityManager_(entityManager), dirPath_(std::move(dirPath)) {
+                                       std::uint32_t capacity, OnExit onExit)
+    : entityManager_(entityManager), dirPath_(std::move(dirPath)), onExit_(onExit) {
    dirTable_ =
        entityManager_.mount<TableInfoDirTable>(dirPath_, Atlas::MountMode::writer, capacity);
 }
 
 TableInfoPublisher::~TableInfoPublisher() {
-   while (auto first = dirTable_->nextEntry(nullptr, true)) tableInfoDel(first->first);
+   std::vector<std::string> names;
+   for (const auto& [name, entry] : *dirTable_) names.push_back(name);
+   for (const std::string& name : names) {
+      if (onExit_ == OnExit::withdraw) dirTable_->entryDel(name);
+      entityManager_.unmount(tableInfoPath(dirPath_, name));
+   }
    entityManager_.unmount(dirPath_);
 }
 
@@ -65,9 +70,13 @@ TableInfoDirMirror::~TableInfoDirMirror() {
 void TableInfoDirMirror::handleTableInfo(const std::string& name) {
    TableInfoDirEntry entry = dirTable_->entry(name);
    auto it = mounted_.find(name);
-   if (it != mounted_.end() && it->second == entry) return;
+   if (it != mounted_.end() && it->second.entry == entry) return;
    if (it != mounted_.end()) forget(name);
    if (entry.empty()) return;
+   if (dir_->entity(name)) {
+      ++numNameClashes_;
+      return;
+   }
    std::string path = tableInfoPath(dirPath_, name);
    Orb::Ptr<Orb::Object> info;
    try {
@@ -85,7 +94,7 @@ void TableInfoDirMirror::handleTableInfo(const std::string& name) {
       ++numMountFailures_;
       return;
    }
-   mounted_[name] = entry;
+   mounted_[name] = {entry, info};
    dir_->entityIs(name, info);
 }
 
@@ -97,8 +106,10 @@ void TableInfoDirMirror::handleTableInfoDir() {
 }
 
 void TableInfoDirMirror::forget(std::string name) {
-   mounted_.erase(name);
-   dir_->entityDel(name);
+   auto it = mounted_.find(name);
+   const Orb::Ptr<Orb::Object> info = it->second.info;
+   mounted_.erase(it);
+   if (dir_->entity(name) == info) dir_->entityDel(name);
    entityManager_.unmount(tableInfoPath(dirPath_, name));
 }
 

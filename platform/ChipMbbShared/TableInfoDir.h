@@ -82,10 +82,16 @@ inline std::string tableInfoPath(const std::string& dirPath, const std::string& 
 // The publisher's side: owns the directory and the mount-info collections it announces. A
 // collection is created before its directory entry is written and removed after the entry is
 // deleted, so a reader never finds an entry whose collection was not there yet.
+//
+// When the publisher goes it either withdraws every entry first (readers see the tables
+// unpublished) or leaves them: its segments simply go, as if it had died, and readers keep
+// what they hold.
 class TableInfoPublisher {
  public:
+   enum class OnExit { withdraw, leave };
+
    TableInfoPublisher(Atlas::EntityManager& entityManager, std::string dirPath,
-                      std::uint32_t capacity = 256);
+                      std::uint32_t capacity = 256, OnExit onExit = OnExit::withdraw);
    TableInfoPublisher(const TableInfoPublisher&) = delete;
    TableInfoPublisher& operator=(const TableInfoPublisher&) = delete;
    ~TableInfoPublisher();
@@ -105,6 +111,7 @@ class TableInfoPublisher {
 
    Atlas::EntityManager& entityManager_;
    std::string dirPath_;
+   OnExit onExit_;
    Orb::Ptr<TableInfoDirTable> dirTable_;
    std::uint32_t nextGeneration_ = 1;
 };
@@ -113,6 +120,10 @@ class TableInfoPublisher {
 // collection (TableConfigMountInfo or MatAdtSelTableConfigMountInfo) mounted for reading, and
 // follows the directory as the publisher adds and removes names. A collection that cannot be
 // mounted is left out of the Dir and counted.
+//
+// Several mirrors may fill one Dir, one per publisher's directory. A name that another mirror
+// already put there stays with it: the later announcement is counted as a clash and left out
+// (until handleTableInfoDir finds the name free), and a mirror removes only what it put in.
 class TableInfoDirMirror : public TableInfoDirTable::Notifiee {
  public:
    TableInfoDirMirror(Atlas::EntityManager& entityManager, std::string dirPath,
@@ -122,21 +133,31 @@ class TableInfoDirMirror : public TableInfoDirTable::Notifiee {
    const Orb::Ptr<Orb::Dir>& dir() const { return dir_; }
    const Orb::Ptr<TableInfoDirTable>& dirTable() const { return dirTable_; }
    std::size_t numMountFailures() const { return numMountFailures_; }
+   std::size_t numNameClashes() const { return numNameClashes_; }
+   // Names this mirror has put in the Dir.
+   std::size_t size() const { return mounted_.size(); }
+   bool holds(const std::string& name) const { return mounted_.contains(name); }
 
    void onEntry(const std::string& name) override { handleTableInfo(name); }
    void onEntry() override { handleTableInfoDir(); }
+   // Decides every name again: a name left out for a clash is taken once it is free.
+   void handleTableInfoDir();
 
  private:
    void handleTableInfo(const std::string& name);
-   void handleTableInfoDir();
    void forget(std::string name);
 
    Atlas::EntityManager& entityManager_;
    std::string dirPath_;
    Orb::Ptr<Orb::Dir> dir_;
    Orb::Ptr<TableInfoDirTable> dirTable_;
-   std::map<std::string, TableInfoDirEntry> mounted_;
+   struct Mounted {
+      TableInfoDirEntry entry;
+      Orb::Ptr<Orb::Object> info;
+   };
+   std::map<std::string, Mounted> mounted_;
    std::size_t numMountFailures_ = 0;
+   std::size_t numNameClashes_ = 0;
 };
 
 }  // namespace ChipMbbShared

@@ -60,6 +60,27 @@ std::string selVectorValue(const SelTable& sel, std::uint16_t pipe, std::uint32_
    return text + "}";
 }
 
+HwPd::SelMbrValue selMbrValue(const SelMember& mbr) {
+   return {mbr.subIndex, mbr.grpHdl, mbr.mbrHdl, mbr.active};
+}
+
+// The selector's instance that a read of `pipe` sees; false (with the status) when none does.
+bool selInstance(const Chip& chip, std::uint8_t dev, std::uint16_t pipe, std::uint32_t selTblHdl,
+                 const SelTable*& sel, std::uint16_t& instance, bf_status_t& status) {
+   sel = chip.selTable(dev, selTblHdl);
+   if (!sel) {
+      status = BF_TABLE_NOT_FOUND;
+      return false;
+   }
+   const int read = sel->readInstance(pipe);
+   if (read < 0) {
+      status = BF_INVALID_ARG;
+      return false;
+   }
+   instance = static_cast<std::uint16_t>(read);
+   return true;
+}
+
 }  // namespace
 
 bf_status_t ModelHwPd::entryHdlsNext(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
@@ -93,6 +114,48 @@ bool ModelHwPd::entryIsEqual(std::uint32_t sessHdl, std::uint8_t dev, std::uint1
       return entry && seenFrom(*adt, entry->instance, pipe) && sameBlock(entry->data, plcmtData);
    }
    return false;
+}
+
+bf_status_t ModelHwPd::selMbr(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                              std::uint32_t selTblHdl, std::uint32_t selIndex,
+                              std::uint32_t subIndex, HwPd::SelMbrValue& mbr) const {
+   const SelTable* sel = nullptr;
+   std::uint16_t instance = 0;
+   bf_status_t status = BF_SUCCESS;
+   if (!selInstance(chip_, dev, pipe, selTblHdl, sel, instance, status)) return status;
+   const SelMember* found = sel->member(instance, selIndex, subIndex);
+   if (!found) return BF_OBJECT_NOT_FOUND;
+   mbr = selMbrValue(*found);
+   return BF_SUCCESS;
+}
+
+bf_status_t ModelHwPd::selVectorMbrs(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                                     std::uint32_t selTblHdl, std::uint32_t selIndex,
+                                     std::vector<HwPd::SelMbrValue>& mbrs) const {
+   mbrs.clear();
+   const SelTable* sel = nullptr;
+   std::uint16_t instance = 0;
+   bf_status_t status = BF_SUCCESS;
+   if (!selInstance(chip_, dev, pipe, selTblHdl, sel, instance, status)) return status;
+   const SelVector* vec = sel->vector(instance, selIndex);
+   const std::uint32_t numMembers = vec ? vec->numMembers : 0;
+   for (std::uint32_t sub = 0; sub < selVectorMembers && mbrs.size() < numMembers; ++sub) {
+      if (const SelMember* mbr = sel->member(instance, selIndex, sub)) {
+         mbrs.push_back(selMbrValue(*mbr));
+      }
+   }
+   return mbrs.empty() ? BF_OBJECT_NOT_FOUND : BF_SUCCESS;
+}
+
+bool ModelHwPd::selMbrIsEqual(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                              std::uint32_t selTblHdl, std::uint32_t selIndex,
+                              std::uint32_t subIndex, const void* plcmtData) const {
+   const SelTable* sel = nullptr;
+   std::uint16_t instance = 0;
+   bf_status_t status = BF_SUCCESS;
+   if (!selInstance(chip_, dev, pipe, selTblHdl, sel, instance, status)) return false;
+   const SelMember* mbr = sel->member(instance, selIndex, subIndex);
+   return mbr && sameBlock(mbr->data, plcmtData);
 }
 
 std::string ModelHwPd::cliSchema(std::uint8_t dev, std::uint32_t tblHdl) const {

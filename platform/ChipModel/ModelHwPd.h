@@ -24,6 +24,15 @@ class ModelHwPd : public HwPd::HwPdIntf {
    bool entryIsEqual(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
                      std::uint32_t tblHdl, std::uint32_t entHdl,
                      const void* plcmtData) const override;
+   bf_status_t selMbr(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                      std::uint32_t selTblHdl, std::uint32_t selIndex, std::uint32_t subIndex,
+                      HwPd::SelMbrValue& mbr) const override;
+   bf_status_t selVectorMbrs(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                             std::uint32_t selTblHdl, std::uint32_t selIndex,
+                             std::vector<HwPd::SelMbrValue>& mbrs) const override;
+   bool selMbrIsEqual(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                      std::uint32_t selTblHdl, std::uint32_t selIndex, std::uint32_t subIndex,
+                      const void* plcmtData) const override;
    std::string cliSchema(std::uint8_t dev, std::uint32_t tblHdl) const override;
    std::string entryValue(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
                           std::uint32_t tblHdl, std::uint32_t entHdl) const override;

@@ -15,6 +15,14 @@
 
 namespace HwPd {
 
+// One member of a selector vector as the chip holds it.
+struct SelMbrValue {
+   std::uint32_t subIndex = 0;
+   std::uint32_t grpHdl = 0;
+   std::uint32_t mbrHdl = 0;  // the action data member it selects
+   bool active = false;
+};
+
 class HwPdIntf {
  public:
    virtual ~HwPdIntf() = default;
@@ -38,6 +46,21 @@ class HwPdIntf {
    virtual bool entryIsEqual(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
                              std::uint32_t tblHdl, std::uint32_t entHdl,
                              const void* plcmtData) const = 0;
+
+   // The member at sub-index `subIndex` of the selector vector at `selIndex`;
+   // BF_OBJECT_NOT_FOUND when that slot is free.
+   virtual bf_status_t selMbr(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                              std::uint32_t selTblHdl, std::uint32_t selIndex,
+                              std::uint32_t subIndex, SelMbrValue& mbr) const = 0;
+   // Every member of the vector at `selIndex`, by ascending sub-index; BF_OBJECT_NOT_FOUND
+   // when it has none.
+   virtual bf_status_t selVectorMbrs(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                                     std::uint32_t selTblHdl, std::uint32_t selIndex,
+                                     std::vector<SelMbrValue>& mbrs) const = 0;
+   // Whether that member holds exactly this placement data block.
+   virtual bool selMbrIsEqual(std::uint32_t sessHdl, std::uint8_t dev, std::uint16_t pipe,
+                              std::uint32_t selTblHdl, std::uint32_t selIndex,
+                              std::uint32_t subIndex, const void* plcmtData) const = 0;
 
    // A line that describes a table's entries: what identifies one and what it holds.
    virtual std::string cliSchema(std::uint8_t dev, std::uint32_t tblHdl) const = 0;

@@ -1,5 +1,6 @@
-// The agent host: serves the single match tables that a feature agent publishes under a root,
-// programming them into the chip model, until SIGINT or SIGTERM. SIGUSR1 prints the status.
+// The agent host: loads the slice over the table directory that publishers write under a root
+// and serves what they publish, programming it into the chip model, until SIGINT or SIGTERM.
+// SIGUSR1 prints the status.
 
 #include <grp.h>
 #include <signal.h>
@@ -20,9 +21,9 @@
 namespace {
 
 const char* description =
-    "The agent host: serves the tables announced in the mount-info collection --table-info\n"
-    "(default mbb/tableInfo) of the shared tables under --root, and the triples announced in\n"
-    "mbb/tripleInfo, and writes its counters to mbb/hostCounters. Prints a status line every\n"
+    "The agent host: serves the single tables and triples that publishers announce under\n"
+    "--root, each in a directory of its own at --dir-prefix (default mbb/publishers/) followed\n"
+    "by its name, and writes its counters to mbb/hostCounters. Prints a status line every\n"
     "--status-interval seconds when something changed, on SIGUSR1, and when it stops on\n"
     "SIGINT or SIGTERM.";
 
@@ -86,8 +87,8 @@ int serve(const SliceSystem::AgentHostOptions& options, Orb::Seconds statusInter
       faultTimers.push_back(std::make_unique<FaultTimer>(loop, host, timed));
    }
    std::cout << "slicehost: pid " << ::getpid() << ", root " << options.root << ", chip profile '"
-             << options.profile.name << "', serving " << options.tableInfoPath << " and "
-             << options.tripleInfoPath << std::endl;
+             << options.profile.name << "', serving the publishers under " << options.dirPrefix
+             << std::endl;
    host.serve();
    statusPrinter.print(true);
    std::cout << "slicehost: stopped" << std::endl;
@@ -103,17 +104,22 @@ int main(int argc, char** argv) {
    std::vector<std::string> faultTexts;
    app.add_option("--root", options.root, "root of the shared tables")->required();
    app.add_option("--profile", profilePath, "chip profile (JSON; default: the built-in one)");
-   app.add_option("--table-info", options.tableInfoPath, "the mount-info collection to serve");
+   app.add_option("--dir-prefix", options.dirPrefix,
+                  "where publishers' directories are, each followed by its publisher's name");
    app.add_option("--sync-gen-time", options.syncGenTime, "generation time of a sync")
        ->check(SliceSystem::numberIn(0, 1e12));
    app.add_option("--status-interval", statusInterval,
                   "seconds between status lines (0: only on SIGUSR1 and at the end)")
        ->check(SliceSystem::numberIn(0, maxSeconds));
+   app.add_option("--probe-interval", options.probePeriod,
+                  "seconds between looks for new and replaced publishers (default 0.1)")
+       ->check(SliceSystem::numberIn(0.001, 60));
    app.add_option("--audit-interval", options.auditInterval,
                   "start an audit of the served tables every S seconds (default 30)")
        ->check(SliceSystem::numberIn(0.001, maxSeconds));
    app.add_flag("--audit-hardware", options.auditHardware,
-                "the audit also compares every entry with what the chip holds");
+                "the audit also compares every entry, action data entry and selector member "
+                "with what the chip holds");
    std::string group;
    app.add_option("--group", group,
                   "also serve segments owned by this group (default: only this user's)");

@@ -1,5 +1,6 @@
-// The publisher: announces single match tables under a root, fills them with routes, churns
-// them, waits each time until the agent host has every change in hardware, and reports.
+// The publisher: announces single match tables (and with --ecmp a triple) in its directory
+// under a root, fills them with routes, churns them, waits each time until the agent host has
+// every change in hardware, and reports.
 
 #include <grp.h>
 #include <signal.h>
@@ -23,11 +24,16 @@ int main(int argc, char** argv) {
        "slicepub"};
    std::string root;
    std::string profilePath;
-   std::string tableInfoPath = "mbb/tableInfo";
+   std::string name = "slicepub";
+   std::string dirPrefix = "mbb/publishers/";
    bool quiet = false;
    app.add_option("--root", root, "root of the shared tables")->required();
    app.add_option("--profile", profilePath, "chip profile (JSON; default: the built-in one)");
-   app.add_option("--table-info", tableInfoPath, "the mount-info collection to announce in");
+   app.add_option("--name", name,
+                  "the publisher's name: its directory and the feature agent names it announces "
+                  "(letters, digits, '_' and '-', at most 64)")
+       ->check(SliceSystem::plainName(64));
+   app.add_option("--dir-prefix", dirPrefix, "where publishers' directories are");
    app.add_flag("--quiet", quiet, "no progress lines");
    std::string group;
    app.add_option("--group", group,
@@ -62,7 +68,8 @@ int main(int argc, char** argv) {
    SliceSystem::SignalWatch signals(loop, {SIGINT, SIGTERM},
                                     [](int signo) { throw Stopped{signo}; });
    try {
-      SliceSystem::ShmPublishTarget target(loop, root, tableInfoPath);
+      options.publisherName = name;
+      SliceSystem::ShmPublishTarget target(loop, root, name, dirPrefix);
       SliceSystem::Publisher publisher(target, options);
       SliceSystem::PublisherReport report = publisher.run();
       std::cout << "slicepub report (root " << root << "):\n" << report.text() << std::flush;

@@ -42,53 +42,11 @@ bf_status_t fallback(std::uint32_t mbrHdl) {
    });
 }
 
-bf_status_t matMod(std::uint32_t hdl, std::uint32_t selIndex, const PlcmtDataBlock& data) {
-   return commit(routeHdl, [&](p4_pd_plcmt_info_t* info) {
-      return p4_pd_set_one_plcmt_op_mat_mod(info, hdl, selIndex, 0, data.data());
-   });
-}
-
 class Triple : public ::testing::Test {
  protected:
    InstalledChip chip{testProfile()};
    Brio::ScopedThrowingAsserts throwing;
 };
-
-TEST_F(Triple, RightOrderIsHitless) {
-   chip.hitlessFatalIs(true);
-   ASSERT_EQ(adtAdd(1), BF_SUCCESS);
-   ASSERT_EQ(adtAdd(2), BF_SUCCESS);
-   ASSERT_EQ(adtAdd(3), BF_SUCCESS);
-   // Group 0x77 at base 4 with two vectors, each with an active member, then the entries.
-   ASSERT_EQ(selAdd(grpHdl, 1, 4, 0), BF_SUCCESS);
-   ASSERT_EQ(selAdd(grpHdl, 2, 5, 0), BF_SUCCESS);
-   ASSERT_EQ(matAdd(routeHdl, 0x10, 0, grpBlock(grpKey, 2), allPipes, 4), BF_SUCCESS);
-   ASSERT_EQ(matAdd(routeHdl, 0x11, 1, adtBlock(3)), BF_SUCCESS);
-
-   // Replace vector 0's member: the new one is active before the old one goes.
-   ASSERT_EQ(selAdd(grpHdl, 3, 4, 1), BF_SUCCESS);
-   ASSERT_EQ(selOp(OpKind::selDeactivate, grpHdl, 1, 4, 0), BF_SUCCESS);
-   ASSERT_EQ(selOp(OpKind::selDel, grpHdl, 1, 4, 0), BF_SUCCESS);
-
-   // Re-point entry 0x10 at a one-vector group at base 8, then empty the old group.
-   ASSERT_EQ(selAdd(0x78, 1, 8, 0), BF_SUCCESS);
-   ASSERT_EQ(matMod(0x10, 8, grpBlock(grpKey + 1, 1)), BF_SUCCESS);
-   ASSERT_EQ(selOp(OpKind::selDel, grpHdl, 3, 4, 1), BF_SUCCESS);
-   ASSERT_EQ(selOp(OpKind::selDel, grpHdl, 2, 5, 0), BF_SUCCESS);
-   ASSERT_EQ(simple(routeAdtHdl, p4_pd_set_one_plcmt_op_adt_del, 2), BF_SUCCESS);
-
-   // Tear down in dependency order.
-   ASSERT_EQ(simple(routeHdl, p4_pd_set_one_plcmt_op_mat_del, 0x10), BF_SUCCESS);
-   ASSERT_EQ(simple(routeHdl, p4_pd_set_one_plcmt_op_mat_del, 0x11), BF_SUCCESS);
-   ASSERT_EQ(selOp(OpKind::selDel, 0x78, 1, 8, 0), BF_SUCCESS);
-   ASSERT_EQ(simple(routeAdtHdl, p4_pd_set_one_plcmt_op_adt_del, 1), BF_SUCCESS);
-   ASSERT_EQ(simple(routeAdtHdl, p4_pd_set_one_plcmt_op_adt_del, 3), BF_SUCCESS);
-
-   EXPECT_EQ(chip.numViolations(), 0u);
-   EXPECT_TRUE(chip.table(0, routeHdl)->empty());
-   EXPECT_TRUE(chip.table(0, routeAdtHdl)->empty());
-   EXPECT_TRUE(chip.table(0, routeSelHdl)->empty());
-}
 
 TEST_F(Triple, CheckerCatchesAnEntryOnAGroupWithAnEmptyVector) {
    ASSERT_EQ(adtAdd(1), BF_SUCCESS);
@@ -228,35 +186,26 @@ TEST_F(Triple, EntryScopeCoversTheWholeTriple) {
              BF_IN_USE);
 }
 
-// Faults change what the chip holds without an operation: ADT entries go even while in use,
-// data changes but still reads as a valid block, and what nobody placed appears.
+// Faults change what the chip holds without an operation; the audits' tests show each kind
+// being found. What they cannot show: corrupted data still reads as a valid block, so that
+// only a comparison finds it, and a fault on nothing is refused.
 TEST_F(Triple, FaultsChangeTheChipBehindTheOperationsBack) {
    chip.hitlessFatalIs(true);
    ASSERT_EQ(adtAdd(1), BF_SUCCESS);
-   ASSERT_EQ(adtAdd(2), BF_SUCCESS);
    ASSERT_EQ(selAdd(grpHdl, 1, 4, 0), BF_SUCCESS);
    auto fault = [&](FaultKind kind, std::uint32_t tblHdl, std::uint32_t hdl,
-                    std::uint32_t index = 0, std::uint32_t subIndex = 0) {
-      return chip.faultInject(Fault{kind, 0, allPipes, tblHdl, hdl, index, subIndex, 0});
+                    std::uint32_t index = 0) {
+      return chip.faultInject(Fault{kind, 0, allPipes, tblHdl, hdl, index, 0, 0});
    };
-   const AdtTable& adt = *chip.adtTable(0, routeAdtHdl);
-   const SelTable& sel = *chip.selTable(0, routeSelHdl);
-   const PlcmtDataBlock before = adt.entry(2)->data;
-   EXPECT_EQ(fault(FaultKind::corrupt, routeAdtHdl, 2), BF_SUCCESS);
-   EXPECT_NE(adt.entry(2)->data, before);
-   EXPECT_TRUE(plcmtDataParse(adt.entry(2)->data.data(), plcmtDataMaxSize).ok());
+   const PlcmtDataBlock before = chip.adtTable(0, routeAdtHdl)->entry(1)->data;
+   EXPECT_EQ(fault(FaultKind::corrupt, routeAdtHdl, 1), BF_SUCCESS);
+   const PlcmtDataBlock& after = chip.adtTable(0, routeAdtHdl)->entry(1)->data;
+   EXPECT_NE(after, before);
+   EXPECT_TRUE(plcmtDataParse(after.data(), plcmtDataMaxSize).ok());
+   EXPECT_EQ(fault(FaultKind::drop, routeSelHdl, 1, 4), BF_SUCCESS);
+   EXPECT_EQ(fault(FaultKind::drop, routeSelHdl, 1, 4), BF_OBJECT_NOT_FOUND);
    EXPECT_EQ(fault(FaultKind::drop, routeAdtHdl, 1), BF_SUCCESS);
-   EXPECT_EQ(adt.entry(1), nullptr);
-   EXPECT_EQ(fault(FaultKind::stray, routeAdtHdl, 5), BF_SUCCESS);
-   EXPECT_NE(adt.entry(5), nullptr);
-
-   EXPECT_EQ(fault(FaultKind::corrupt, routeSelHdl, 1, 4, 0), BF_SUCCESS);
-   EXPECT_EQ(fault(FaultKind::stray, routeSelHdl, 2, 4, 1), BF_SUCCESS);
-   EXPECT_NE(sel.member(0, 4, 1), nullptr);
-   EXPECT_EQ(fault(FaultKind::drop, routeSelHdl, 1, 4, 0), BF_SUCCESS);
-   EXPECT_EQ(sel.member(0, 4, 0), nullptr);
-   EXPECT_EQ(fault(FaultKind::drop, routeSelHdl, 1, 4, 0), BF_OBJECT_NOT_FOUND);
-   EXPECT_EQ(chip.numFaults(), 6u);
+   EXPECT_EQ(chip.numFaults(), 3u);
    EXPECT_EQ(chip.numOps(OpKind::adtDel) + chip.numOps(OpKind::selDel), 0u);
 }
 

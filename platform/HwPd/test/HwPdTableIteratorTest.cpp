@@ -34,6 +34,18 @@ class TableOfHandles : public HwPd::HwPdIntf {
                      const void*) const override {
       return false;
    }
+   bf_status_t selMbr(std::uint32_t, std::uint8_t, std::uint16_t, std::uint32_t, std::uint32_t,
+                      std::uint32_t, HwPd::SelMbrValue&) const override {
+      return BF_OBJECT_NOT_FOUND;
+   }
+   bf_status_t selVectorMbrs(std::uint32_t, std::uint8_t, std::uint16_t, std::uint32_t,
+                             std::uint32_t, std::vector<HwPd::SelMbrValue>&) const override {
+      return BF_OBJECT_NOT_FOUND;
+   }
+   bool selMbrIsEqual(std::uint32_t, std::uint8_t, std::uint16_t, std::uint32_t, std::uint32_t,
+                      std::uint32_t, const void*) const override {
+      return false;
+   }
    std::string cliSchema(std::uint8_t, std::uint32_t) const override { return ""; }
    std::string entryValue(std::uint32_t, std::uint8_t, std::uint16_t, std::uint32_t,
                           std::uint32_t) const override {

@@ -186,22 +186,12 @@ TEST(MbbEngineSm, ADamagedRecordIsSkippedAndTakesNothingOut) {
    EXPECT_TRUE(helper->take().empty());
    EXPECT_EQ(impl->numCurrent(), 3u);
    EXPECT_EQ(reports, 3);
-}
 
-TEST(MbbEngineSm, StatusIsWrittenThroughTheHelpersTableOnly) {
-   // A table without a status collection still programs hardware.
-   auto config = Vault::MbbEngine::tableConfigFactory("nostatus");
-   config->mountedIs(true);
-   auto helper = Orb::ptrNew<MbbEngine::Test::RecordingHelper>("helper", nullptr, 64);
-   auto impl =
-       Orb::ptrNew<MbbEngine::FastMbbEngineImpl>("nostatus", config, nullptr, nullptr, helper, 4);
-   Keel::TimerWheel wheel(Orb::ptrNew<Orb::ManualTimeSource>(), 1, 100, true, 16);
-   MbbEngine::MbbEngineSm sm(config, nullptr, nullptr, nullptr, impl, nullptr, &wheel);
-   config->entryIs(EngineFixture<>::entry(1, 1, 0x101, 1));
-   config->entryIs(Vault::MbbEngine::EntryConfig::deletion(2, 1));
-   config->entryIs(Vault::MbbEngine::EntryConfig::deletion(1, 2));
-   EXPECT_EQ(helper->take(), (Ops{{"add", 1, 0x101, 1, 1}, {"del", 1, 0x101, 1, 2}}));
-   EXPECT_EQ(impl->numCurrent(), 0u);
+   // Without a status collection deletes still reach hardware, and acknowledge nothing.
+   damage->write(Vault::MbbEngine::EntryConfig::deletion(1, 2));
+   damage->write(Vault::MbbEngine::EntryConfig::deletion(4, 1));
+   config->changesDrain();
+   EXPECT_EQ(helper->take(), (Ops{{"del", 1, 0x101, 1, 2}}));
 }
 
 }  // namespace
