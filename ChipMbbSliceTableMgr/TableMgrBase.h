@@ -242,7 +242,9 @@ class TableMgrBase : public Orb::Entity<Mgr> {
 
    // One writer per status collection: a table that names one status path twice, or one that
    // another running table writes, is not served, since two engines writing one collection
-   // would each take the other's statuses for their own. `pathsOf` lists an entry's statuses.
+   // would each take the other's statuses for their own. Another manager of this process (one
+   // per feature agent) writing it shows as a mount that none of this manager's tables holds.
+   // `pathsOf` lists an entry's statuses.
    template <class PathsOf>
    void statusPathsCheck(const Key& key, const MountEntry& entry, PathsOf pathsOf) {
       std::set<std::string> mine;
@@ -251,12 +253,18 @@ class TableMgrBase : public Orb::Entity<Mgr> {
             throw Vault::MountException(path + " is named for two statuses of the table");
          }
       }
-      for (const auto& [other, running] : mountInfos()) {
-         if (other == key || !self().tableRunning(other)) continue;
-         for (const std::string& path : pathsOf(running)) {
-            if (mine.contains(path)) {
+      std::set<std::string> held;
+      for (const auto& [other, known] : mountInfos()) {
+         for (const std::string& path : pathsOf(known)) {
+            held.insert(path);
+            if (other != key && self().tableRunning(other) && mine.contains(path)) {
                throw Vault::MountException(path + " is the status of " + other.name() + " already");
             }
+         }
+      }
+      for (const std::string& path : mine) {
+         if (!held.contains(path) && entityManager_->entity(path)) {
+            throw Vault::MountException(path + " is the status of another feature agent's table");
          }
       }
    }
