@@ -147,7 +147,19 @@ void ChipSliceMatAdtSelTableMgrSm::mountTable(const Key& key, const MountEntry& 
    TripleColls colls;
    if (testmode()) {
       colls = testmodeColls(entry, capacity);
-   } else if (!detail::mountedOrSkipped(key, [&] { colls = mountedColls(entry, capacity); })) {
+   } else if (!detail::mountedOrSkipped(
+                  key,
+                  [&] {
+                     statusPathsCheck(key, entry, [](const MountEntry& e) {
+                        std::vector<std::string> paths{e.adtStatusPath(), e.selGrpStatusPath()};
+                        if (e.needStatus()) {
+                           paths.insert(paths.end(), {e.matStatusPath(), e.selMbrStatusPath()});
+                        }
+                        return paths;
+                     });
+                     colls = mountedColls(entry, capacity);
+                  },
+                  [&](const std::string& reason) { tableSkipped(key, reason); })) {
       return;
    }
 

@@ -111,7 +111,15 @@ bool ChipSliceTableMgrSm::mountColls(const Key& key, const MountEntry& entry, Ta
       colls = testmodeColls(entry);
       return true;
    }
-   return detail::mountedOrSkipped(key, [&] { colls = mountedColls(entry); });
+   return detail::mountedOrSkipped(
+       key,
+       [&] {
+          statusPathsCheck(key, entry, [](const MountEntry& e) {
+             return e.needStatus() ? std::vector{e.statusPath()} : std::vector<std::string>();
+          });
+          colls = mountedColls(entry);
+       },
+       [&](const std::string& reason) { tableSkipped(key, reason); });
 }
 
 ChipSliceTableMgrSm::TableColls ChipSliceTableMgrSm::testmodeColls(const MountEntry& entry) const {
@@ -137,6 +145,13 @@ ChipSliceTableMgrSm::TableColls ChipSliceTableMgrSm::mountedColls(const MountEnt
    group->close();
    TableColls colls;
    colls.config = entityManager_->entity<TableConfig>(entry.configPath());
+   // Entries beyond the table's size could never be placed; they would wait for ever.
+   if (colls.config->capacity() > entry.tableSize()) {
+      if (!configWasMounted) entityManager_->unmount(entry.configPath());
+      throw Vault::MountException(
+          entry.configPath() + " has room for " + std::to_string(colls.config->capacity()) +
+          " entries, more than the " + std::to_string(entry.tableSize()) + " of the table");
+   }
    if (!entry.needStatus()) return colls;
    try {
       colls.status = entityManager_->mount<TableStatus>(

@@ -1,7 +1,10 @@
 #pragma once
 
 #include <cstdint>
+#include <functional>
 #include <map>
+#include <set>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -99,6 +102,13 @@ class TableMgrBase : public Orb::Entity<Mgr> {
    const Orb::Ptr<const HwResourceInfo::HwResourceInfoIntf>& resourceInfoIntf() const {
       return resourceInfoIntf_;
    }
+
+   // Told why a published table is not served when its collections cannot be mounted for a
+   // reason that the entity manager does not report itself: a path missing, of another type
+   // or layout, written for another table, a configuration with room for more entries than
+   // the table.
+   using SkipHandler = std::function<void(const Key& key, const std::string& reason)>;
+   void skipHandlerIs(SkipHandler handler) { skipHandler_ = std::move(handler); }
 
    // The highest publisher instance seen; announcements of lower instances are stale.
    std::uint16_t maxPublishedInstanceId() const { return maxPublishedInstanceId_(); }
@@ -226,6 +236,39 @@ class TableMgrBase : public Orb::Entity<Mgr> {
           [this, reactor](const auto&... args) { this->notifieeList().notify(reactor, args...); };
    }
 
+   void tableSkipped(const Key& key, const std::string& reason) const {
+      if (skipHandler_) skipHandler_(key, reason);
+   }
+
+   // One writer per status collection: a table that names one status path twice, or one that
+   // another running table writes, is not served, since two engines writing one collection
+   // would each take the other's statuses for their own. Another manager of this process (one
+   // per feature agent) writing it shows as a mount that none of this manager's tables holds.
+   // `pathsOf` lists an entry's statuses.
+   template <class PathsOf>
+   void statusPathsCheck(const Key& key, const MountEntry& entry, PathsOf pathsOf) {
+      std::set<std::string> mine;
+      for (const std::string& path : pathsOf(entry)) {
+         if (!mine.insert(path).second) {
+            throw Vault::MountException(path + " is named for two statuses of the table");
+         }
+      }
+      std::set<std::string> held;
+      for (const auto& [other, known] : mountInfos()) {
+         for (const std::string& path : pathsOf(known)) {
+            held.insert(path);
+            if (other != key && self().tableRunning(other) && mine.contains(path)) {
+               throw Vault::MountException(path + " is the status of " + other.name() + " already");
+            }
+         }
+      }
+      for (const std::string& path : mine) {
+         if (!held.contains(path) && entityManager_->entity(path)) {
+            throw Vault::MountException(path + " is the status of another feature agent's table");
+         }
+      }
+   }
+
    // The chip tables a running key uses are this manager's until the key is taken down.
    bool chipTablesClaim(const Key& key, const MountEntry& entry) {
       if (detail::TableClaims::process().take(this, key.devTgt().devId,
@@ -237,6 +280,9 @@ class TableMgrBase : public Orb::Entity<Mgr> {
                           << " is served for another feature agent");
       FLASHLOG(detail::badEntryLevel, 0u,
                ":skipping served elsewhere:", detail::recordName(key.name()));
+      std::ostringstream reason;
+      reason << "hdl:0x" << std::hex << key.tableId() << " is served for another feature agent";
+      tableSkipped(key, reason.str());
       return false;
    }
    void chipTablesRelease(const Key& key, const MountEntry& entry) {
@@ -372,6 +418,7 @@ class TableMgrBase : public Orb::Entity<Mgr> {
    Orb::Collection<Key, Orb::Ptr<DebugIntf>> debug_{"debug", Mgr::orbTypeName};
    MountInfoReactor mountInfoReactor_;
    MountConfigReactor mountConfigReactor_;
+   SkipHandler skipHandler_;
 };
 
 }  // namespace ChipMbbSlice

@@ -192,6 +192,11 @@ void AgentHost::handleTableMgr(const std::string& name) {
       return;
    }
    mgr->allowUnmountIs(true);
+   mgr->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
+                             const std::string& reason) { handleTableSkip(key, reason); });
+   // The manager decided on what was announced already while it was made; what it could not
+   // serve then is decided again, now that somebody hears of it.
+   mgr->handleTableMount();
    ++numPublications_;
    log("serving tables of " + name + " (" + std::to_string(mgr->tableMountInfoDir()->size()) +
        " announced so far)");
@@ -200,6 +205,9 @@ void AgentHost::handleTableMgr(const std::string& name) {
 void AgentHost::handleMatAdtSelTableMgr(const std::string& name) {
    const auto mgr = watcher_->matAdtSelTableMgr(name);
    mgr->allowUnmountIs(true);
+   mgr->skipHandlerIs([this](const ChipMbbShared::TableConfigMountKey& key,
+                             const std::string& reason) { handleTableSkip(key, reason); });
+   mgr->handleTableMount();
    ++numPublications_;
    log("serving triples of " + name + " (" + std::to_string(mgr->tableMountInfoDir()->size()) +
        " announced so far)");
@@ -270,6 +278,14 @@ std::size_t AgentHost::tablesServed(const ChipMbbShared::TableInfoDirMirror& mir
    return n;
 }
 
+// Said once per table and reason: the managers decide again on every resync.
+void AgentHost::handleTableSkip(const ChipMbbShared::TableConfigMountKey& key,
+                                const std::string& reason) {
+   if (!skipsSaid_.insert(key.name() + "\n" + reason).second) return;
+   ++numTablesSkipped_;
+   log("not serving table " + key.name() + ": " + reason);
+}
+
 void AgentHost::handleSegmentDamage(const std::string& path, const std::string& reason) {
    if (!damagedPaths_.insert(path).second) return;
    ++numDamagedSegments_;
@@ -332,6 +348,7 @@ HostCounters AgentHost::counters() const {
    c.publications = numPublications_;
    c.numHandlerFailures = numHandlerFailures_;
    c.numDamagedSegments = numDamagedSegments_;
+   c.numTablesSkipped = numTablesSkipped_;
    c.numViolations = chip_.numViolations();
    for (const auto& [name, mgr] : watcher_->tableMgrs()) singlesCount(*mgr, chip_, c);
    for (const auto& [name, mgr] : watcher_->matAdtSelTableMgrs()) triplesCount(*mgr, chip_, c);

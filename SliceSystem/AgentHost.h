@@ -162,6 +162,8 @@ class AgentHost {
    // A mounted segment found damaged: reported once, its table stopped at the next probe and
    // offered again once the segment is a new one.
    void handleSegmentDamage(const std::string& path, const std::string& reason);
+   // An announced table whose collections could not be mounted: said once, and counted.
+   void handleTableSkip(const ChipMbbShared::TableConfigMountKey& key, const std::string& reason);
    void damagedTablesStop();
    void damagedTablesRestart();
 
@@ -183,6 +185,8 @@ class AgentHost {
    std::uint64_t seq_ = 0;
    std::uint64_t numHandlerFailures_ = 0;
    std::uint64_t numDamagedSegments_ = 0;
+   std::uint64_t numTablesSkipped_ = 0;
+   std::set<std::string> skipsSaid_;
    // Damaged paths not yet acted on, and the tables stopped for them with the configuration
    // segment they had then (empty when the damage was in a segment the host writes itself).
    std::set<std::string> damagedPaths_;

@@ -44,7 +44,8 @@ std::string HostCounters::text() const {
           std::to_string(numOps()) + " (" + opsText() + "), violations " +
           std::to_string(numViolations) + ", handler failures " +
           std::to_string(numHandlerFailures) + ", damaged or foreign segments " +
-          std::to_string(numDamagedSegments) + ", audits " + std::to_string(audits) +
+          std::to_string(numDamagedSegments) + ", tables skipped " +
+          std::to_string(numTablesSkipped) + ", audits " + std::to_string(audits) +
           " (overshoots " + std::to_string(auditOvershoots) + ", failed keys " +
           std::to_string(auditFailedKeys) + "), mounts " + std::to_string(mounts) + ", commands " +
           std::to_string(commands) + " (refused " + std::to_string(commandsRefused) + ")";

@@ -54,6 +54,9 @@ struct HostCounters {
    // Segments found damaged or refused as another user's (each reported once, its table stopped
    // until it is replaced).
    std::uint64_t numDamagedSegments = 0;
+   // Announced tables not served because their collections could not be mounted (missing, of
+   // another type, written for another table, larger than the table), each said once.
+   std::uint64_t numTablesSkipped = 0;
    // The audit: audits completed, audits that were due while the previous one still ran, and
    // keys recorded as failing it.
    std::uint64_t audits = 0;

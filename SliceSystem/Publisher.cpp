@@ -349,6 +349,18 @@ void Publisher::badAnnouncementsWrite() {
    bad("missing_table", "mbb/missing_table/config");
    target_.decoyIs("mbb/wrong_type_table/config");
    bad("wrong_type_table", "mbb/wrong_type_table/config");
+   // A configuration with room for twice the entries of its table.
+   PublishTarget::MountEntry larger = model.entry;
+   larger.configPathIs("mbb/oversized_table/config");
+   larger.tableSizeIs(2 * model.entry.tableSize());
+   if (target_.configTable(model.key, larger)) bad("oversized_table", larger.configPath());
+   // The status that the first table writes already.
+   PublishTarget::MountEntry thief = model.entry;
+   thief.configPathIs("mbb/status_thief_table/config");
+   if (target_.configTable(model.key, thief)) {
+      target_.tableMountInfo().entryIs(
+          PublishTarget::Key(model.key.devTgt(), "status_thief_table", model.key.tableId()), thief);
+   }
 }
 
 std::vector<std::string> Publisher::tableLines() const {
@@ -376,7 +388,9 @@ std::vector<std::string> Publisher::tableLines() const {
    if (options_.badAnnouncements && target_.shared()) {
       lines.push_back(
           "bad announcements: missing_table (no such path), wrong_type_table (path of another "
-          "type)");
+          "type), oversized_table (a configuration larger than its table), status_thief_table "
+          "(the status of " +
+          tables_.front()->key.name() + ")");
    }
    return lines;
 }

@@ -29,7 +29,7 @@ void publisherArgsAdd(CLI::App& app, PublisherArgs& args) {
                   "share of the entries the churn phase changes (default 0.1)")
        ->check(numberIn(0, 1));
    app.add_flag("--bad-announcements", o.badAnnouncements,
-                "also announce two tables the host must skip");
+                "also announce four tables the host must skip");
    app.add_option("--instance-id", o.instanceId, "the announcement's instance id")
        ->check(countIn(0, std::numeric_limits<std::uint16_t>::max()));
    app.add_option("--gen-time", o.genTime, "the announcement's generation time")

@@ -1,6 +1,7 @@
 #include "SliceSystem/TablePlan.h"
 
 #include <algorithm>
+#include <bit>
 
 #include "ChipSdk/PlcmtData.h"
 
@@ -48,18 +49,49 @@ ChangeCounts& ChangeCounts::operator+=(const ChangeCounts& other) {
    return *this;
 }
 
+TablePlan::IndexPool::IndexPool(std::uint32_t first, std::uint32_t size, std::uint64_t seed)
+    : first_(first),
+      size_(size),
+      domainMask_(std::bit_ceil(std::max<std::uint64_t>(size, 2)) - 1),
+      seed_(seed) {}
+
+// A bijection of the power of two at or above the range, walked until it lands in the range:
+// each step is an odd multiply or a shift-xor within the domain, and every value outside the
+// range leads on to one inside it, since the walk follows the permutation's cycle.
+std::uint32_t TablePlan::IndexPool::permuted(std::uint32_t i) const {
+   const int bits = std::countr_one(domainMask_);
+   std::uint64_t x = i;
+   do {
+      for (std::uint64_t round = 0; round < 3; ++round) {
+         x = (x * ((mix64(seed_ + round) | 1)) + mix64(seed_ ^ round)) & domainMask_;
+         x ^= x >> std::max(1, bits / 2);
+      }
+   } while (x >= size_);
+   return static_cast<std::uint32_t>(x);
+}
+
+bool TablePlan::IndexPool::take(std::uint32_t& index) {
+   for (;;) {
+      if (!freed_.empty()) {
+         index = freed_.back();
+         freed_.pop_back();
+      } else if (next_ < size_) {
+         index = first_ + permuted(next_++);
+      } else {
+         return false;
+      }
+      // That index names the default entry, whatever the table's size.
+      if (index != Vault::MbbEngine::EntryConfig::defaultEntryIndex) return true;
+   }
+}
+
 TablePlan::TablePlan(TableSpec spec, const std::vector<Route>& routes, std::uint64_t seed)
     : spec_(std::move(spec)), random_(seed) {
    std::uint32_t partitions = std::max<std::uint32_t>(spec_.partitions, 1);
    std::uint32_t per = partitionSize();
-   freeIndices_.resize(partitions);
    for (std::uint32_t p = 0; p < partitions; ++p) {
-      std::vector<std::uint32_t>& pool = freeIndices_[p];
-      for (std::uint32_t i = p * per; i < std::min(spec_.size, (p + 1) * per); ++i) {
-         // That index names the default entry, whatever the table's size.
-         if (i != Vault::MbbEngine::EntryConfig::defaultEntryIndex) pool.push_back(i);
-      }
-      std::shuffle(pool.begin(), pool.end(), random_);
+      const std::uint32_t first = std::min(spec_.size, p * per);
+      freeIndices_.emplace_back(first, std::min(spec_.size, first + per) - first, random_());
    }
    std::size_t n = std::min<std::size_t>({spec_.numEntries, routes.size(), spec_.size});
    entries_.resize(n);
@@ -81,19 +113,14 @@ std::uint32_t TablePlan::partitionOf(std::uint64_t key) const {
 // Takes a free index of `partition`, or of the next partition that has one.
 bool TablePlan::indexTake(std::uint32_t& partition, std::uint32_t& index) {
    for (std::size_t tried = 0; tried < freeIndices_.size(); ++tried) {
-      std::vector<std::uint32_t>& pool = freeIndices_[partition];
-      if (!pool.empty()) {
-         index = pool.back();
-         pool.pop_back();
-         return true;
-      }
+      if (freeIndices_[partition].take(index)) return true;
       partition = (partition + 1) % freeIndices_.size();
    }
    return false;
 }
 
 void TablePlan::indexFree(const Entry& entry) {
-   freeIndices_[entry.partition].push_back(entry.index);
+   freeIndices_[entry.partition].give(entry.index);
 }
 
 Vault::MbbEngine::EntryConfig TablePlan::config(std::size_t i) const {

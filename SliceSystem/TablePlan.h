@@ -56,6 +56,28 @@ class OpIdSource {
 // can take once the engine has ordered it.
 class TablePlan {
  public:
+   // The free indices of one partition, handed out in a seeded random order. Those never taken
+   // come from a permutation of the partition's range, computed as they are needed, so that a
+   // large table costs nothing for the indices it does not use; those given back go on a list.
+   class IndexPool {
+    public:
+      IndexPool(std::uint32_t first, std::uint32_t size, std::uint64_t seed);
+      bool empty() const { return next_ >= size_ && freed_.empty(); }
+      // False when none is left; never the default entry's index.
+      bool take(std::uint32_t& index);
+      void give(std::uint32_t index) { freed_.push_back(index); }
+
+    private:
+      std::uint32_t permuted(std::uint32_t i) const;
+
+      std::uint32_t first_;
+      std::uint32_t size_;
+      std::uint32_t next_ = 0;
+      std::uint64_t domainMask_;
+      std::uint64_t seed_;
+      std::vector<std::uint32_t> freed_;
+   };
+
    struct Entry {
       Route route;
       std::uint64_t key = 0;
@@ -102,8 +124,7 @@ class TablePlan {
 
    TableSpec spec_;
    std::vector<Entry> entries_;
-   // Free indices per partition, taken from the back.
-   std::vector<std::vector<std::uint32_t>> freeIndices_;
+   std::vector<IndexPool> freeIndices_;
    std::uint32_t nextHandle_ = 1;
    std::size_t numLive_ = 0;
    std::mt19937_64 random_;

@@ -49,9 +49,11 @@ figure "fuzz mutations" $((2 * fuzz)) ">= 1000000" $([ $((2 * fuzz)) -ge 1000000
 figure "fuzz crashes" "$crashes" 0 $([ "$crashes" -eq 0 ] && echo 1 || echo 0)
 figure "fuzz hangs" "$hangs" 0 $([ "$hangs" -eq 0 ] && echo 1 || echo 0)
 
-# 2. Damage injected into a live host while a publisher churns.
-"$release/SliceSystem/SliceFaultInjection" --rounds "$faultRounds" --seed "$seed" |
-  grep -E '^figure:|^faultinject: (OK|FAILED)'
+# 2. Damage injected into a live host while a publisher churns: garbage, index, truncation,
+# foreign owner and lying sizes, each $faultRounds times.
+"$release/SliceSystem/SliceFaultInjection" --rounds "$faultRounds" --seed "$seed" \
+  >/tmp/soak-faults.log 2>&1
+grep -E '^figure:|^faultinject: (OK|FAILED)' /tmp/soak-faults.log
 
 # 3. Kills: a publisher killed at a random moment, then one that runs to the end (its exit
 # status says every status equals its configuration); now and then the host too.

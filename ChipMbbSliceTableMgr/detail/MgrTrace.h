@@ -38,14 +38,19 @@ bool matTableFits(const HwResourceInfo::HwResourceInfoIntf& resources,
                   const ChipMbbShared::TableConfigMountKey& key, std::uint32_t tableSize);
 
 // Runs `mount`; paths that are not published, or hold another kind of table, leave the table
-// out with a trace instead of failing the agent.
-template <class Fn>
-bool mountedOrSkipped(const ChipMbbShared::TableConfigMountKey& key, Fn&& mount) {
+// out with a trace instead of failing the agent. `skipped` hears why, unless the entity manager
+// has said so itself (a segment damaged or another user's).
+template <class Fn, class Skipped>
+bool mountedOrSkipped(const ChipMbbShared::TableConfigMountKey& key, Fn&& mount,
+                      Skipped&& skipped) {
    try {
       mount();
       return true;
+   } catch (const Vault::ForeignSegmentException& e) {
+      DUALLOG(sliceLog, badEntryLevel, "skipping " << key.name() << ": " << e.what());
    } catch (const Vault::MountException& e) {
       DUALLOG(sliceLog, badEntryLevel, "skipping " << key.name() << ": " << e.what());
+      skipped(std::string(e.what()));
    } catch (const Brio::CorruptionDetectedException& e) {
       DUALLOG(sliceLog, badEntryLevel, "skipping " << key.name() << ": " << e.what());
    }

@@ -1,6 +1,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <map>
 #include <string>
 
 #include "ChipMbbSliceTableMgr/ChipSliceTableMgrSm.h"
@@ -10,6 +11,7 @@ namespace ChipMbbSlice::test {
 namespace {
 
 using ::testing::ElementsAre;
+using ::testing::HasSubstr;
 using Vault::MbbEngine::EntryStatus;
 using Vault::MbbEngine::TableConfig;
 using Vault::MbbEngine::TableStatus;
@@ -81,12 +83,15 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
    EXPECT_NE(chip->entry(6), nullptr);
 }
 
-// Mount entries that cannot be mounted are left out with a trace; the others are served.
+// Mount entries that cannot be mounted are left out with a trace and a word to whoever asked
+// for one; the others are served.
 TEST(ChipSliceTableMgrMountTest, UnmountableEntriesAreSkipped) {
    MountedWorld w;
    w.pubConfig("good/config");
    w.pubConfig("nostatus/config");
    w.pubConfig("clash/config");
+   w.pubConfig("shared/config");
+   w.pubConfig("large/config");
    w.publisher.mount<TableStatus>("clash/status", Atlas::MountMode::writer, 16);
    w.publisher.mount<TableStatus>("wrongtype/config", Atlas::MountMode::writer, 16);
 
@@ -94,10 +99,26 @@ TEST(ChipSliceTableMgrMountTest, UnmountableEntriesAreSkipped) {
    w.pubInfo->entryIs(mountKey("wrongtype", hostHdl, 0, 1), published("wrongtype"));
    w.pubInfo->entryIs(mountKey("clash", hostHdl, 0, 2), published("clash"));
    w.pubInfo->entryIs(mountKey("good", hostHdl, 0, 3), published("good"));
+   auto shared = published("shared");
+   shared.statusPathIs("good/status");
+   w.pubInfo->entryIs(mountKey("shared", hostHdl, 0, 4), shared);
+   // Its configuration has room for 1024 entries.
+   w.pubInfo->entryIs(mountKey("large", hostHdl, 0, 5), published("large", true, 512));
    w.pubInfo->entryIs(mountKey("nostatus", aclHdl), published("nostatus", false));
    w.mgrNew(w.agent);
+   std::map<std::string, std::string> said;
+   w.mgr->skipHandlerIs([&](const TableConfigMountKey& key, const std::string& reason) {
+      said[key.name().substr(namePrefix.size())] = reason;
+   });
+   w.mgr->handleTableMount();
 
    EXPECT_EQ(w.running(), (std::vector<std::string>{namePrefix + "good", namePrefix + "nostatus"}));
+   EXPECT_THAT(said["missing"], HasSubstr("No such file"));
+   EXPECT_THAT(said["wrongtype"], HasSubstr("holds Vault::MbbEngine::TableStatus"));
+   EXPECT_THAT(said["clash"], HasSubstr("already has a writer that is running"));
+   EXPECT_EQ(said["shared"], "good/status is the status of " + namePrefix + "good already");
+   EXPECT_EQ(said["large"],
+             "large/config has room for 1024 entries, more than the 512 of the table");
    for (const char* name : {"missing", "wrongtype", "clash"}) {
       const std::string skipped = "skipping " + namePrefix + name + ": ";
       bool traced = false;

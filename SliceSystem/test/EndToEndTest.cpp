@@ -126,8 +126,9 @@ TEST(EndToEnd, TwoProcessesConvergeThroughChurnAndSkipBadAnnouncements) {
       EXPECT_EQ(report.mismatches, 0u);
       EXPECT_EQ(report.strayStatuses, 0u);
       ASSERT_TRUE(report.host) << host.log();
-      EXPECT_EQ(report.host->tablesPublished, 5u);
+      EXPECT_EQ(report.host->tablesPublished, 7u);
       EXPECT_EQ(report.host->tablesRunning, 3u);
+      EXPECT_EQ(report.host->numTablesSkipped, 4u) << host.log();
       EXPECT_EQ(report.host->entries, 3000u);
       EXPECT_EQ(report.host->statuses, 3000u);
       EXPECT_EQ(report.host->numViolations, 0u);

@@ -2,6 +2,7 @@
 
 #include <map>
 #include <set>
+#include <vector>
 
 #include "ChipModel/ChipProfile.h"
 #include "SliceSystem/Routes.h"
@@ -84,14 +85,24 @@ TEST(TablePlan, ChurnKeepsIndicesHandlesAndPartitionsSound) {
    }
 }
 
+// Every index of the table but the default entry's, each once, in no particular order.
 TEST(TablePlan, NeverPlacesAnEntryOnTheDefaultEntryIndex) {
    constexpr std::uint32_t size = Vault::MbbEngine::EntryConfig::defaultEntryIndex + 1;
    TablePlan plan({"big", 0x01000001, size, 0, size}, SliceSystem::syntheticRoutes(size, 5), 1);
    SliceSystem::OpIdSource opIds;
    EXPECT_EQ(plan.initial(opIds).size(), size - 1);
-   for (const auto& e : plan.entries()) {
-      if (e.live) EXPECT_NE(e.index, Vault::MbbEngine::EntryConfig::defaultEntryIndex);
+   std::vector<bool> used(size);
+   std::uint32_t inOrder = 0;
+   for (std::size_t i = 0; i < plan.entries().size(); ++i) {
+      const auto& e = plan.entries()[i];
+      if (!e.live) continue;
+      ASSERT_LT(e.index, size);
+      EXPECT_FALSE(used[e.index]) << e.index;
+      used[e.index] = true;
+      inOrder += e.index == i;
    }
+   EXPECT_FALSE(used[Vault::MbbEngine::EntryConfig::defaultEntryIndex]);
+   EXPECT_LT(inOrder, size / 100);
 }
 
 TEST(TablePlan, RoutesAndTableSpecs) {

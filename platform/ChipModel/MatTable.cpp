@@ -1,5 +1,7 @@
 #include "ChipModel/MatTable.h"
 
+#include <algorithm>
+
 #include "ChipModel/detail/OpContext.h"
 #include "ChipModel/detail/PlcmtOp.h"
 
@@ -20,10 +22,12 @@ MatTable::Instance& MatTable::instanceFor(int instance) {
    Instance& inst = instances_[static_cast<std::size_t>(instance)];
    if (inst.indexToSlot.empty()) {
       inst.indexToSlot.assign(profile().size, 0);
-      // Room for a full instance up front: address space only, pages arrive as entries do,
-      // and the placement path never stops to grow and copy.
+      // Room for a full instance up front, so that the placement path never stops to grow and
+      // copy: for the entries, address space only, pages arrive as entries do. The handle map
+      // is written through when it is made, so a table larger than any chip's starts it at a
+      // million handles and lets it grow.
       if (slotOf_.size() == 0) {
-         slotOf_.reserve(profile().size);
+         slotOf_.reserve(std::min<std::uint32_t>(profile().size, 1u << 20));
          slots_.reserve(profile().size);
       }
    }

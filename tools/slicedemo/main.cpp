@@ -540,7 +540,7 @@ int tour(const Tour& t) {
       ok = ok && alive && WIFEXITED(status) && WEXITSTATUS(status) == 3;
    }
 
-   say("publisher 'routes' (again), with two bad announcements" +
+   say("publisher 'routes' (again), with four bad announcements" +
        std::string(t.ecmp ? ", and publisher 'ecmp' with the triple beside it" : ""));
    pid_t routes = spawn(SLICEPUB_PATH, publisherArgs("routes", {"--bad-announcements"}));
    pid_t ecmp = t.ecmp ? spawn(SLICEPUB_PATH, publisherArgs("ecmp", {"--ecmp-only"})) : 0;

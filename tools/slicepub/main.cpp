@@ -2,6 +2,7 @@
 // under a root, fills them with routes, churns them, waits each time until the agent host has
 // every change in hardware, and reports.
 
+#include <grp.h>
 #include <signal.h>
 
 #include <iostream>
@@ -13,6 +14,7 @@
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/PublisherArgs.h"
 #include "SliceSystem/SignalWatch.h"
+#include "Vault/ShmTable.h"
 
 int main(int argc, char** argv) {
    CLI::App app{
@@ -33,6 +35,9 @@ int main(int argc, char** argv) {
        ->check(SliceSystem::plainName(64));
    app.add_option("--dir-prefix", dirPrefix, "where publishers' directories are");
    app.add_flag("--quiet", quiet, "no progress lines");
+   std::string group;
+   app.add_option("--group", group,
+                  "share the tables with this group (a host of another user that trusts it)");
    SliceSystem::PublisherArgs pubArgs;
    SliceSystem::publisherArgsAdd(app, pubArgs);
    if (auto status = SliceSystem::argsParse(app, argc, argv)) return *status;
@@ -43,6 +48,14 @@ int main(int argc, char** argv) {
        !SliceSystem::publisherOptionsFor(pubArgs, profile, options, error)) {
       std::cerr << "slicepub: " << error << "\n";
       return 2;
+   }
+   if (!group.empty()) {
+      const struct group* entry = ::getgrnam(group.c_str());
+      if (!entry) {
+         std::cerr << "slicepub: no group '" << group << "'\n";
+         return 2;
+      }
+      Vault::shmTrustedGroupIs(entry->gr_gid);
    }
    if (!quiet)
       options.log = [](const std::string& line) { std::cout << "slicepub: " << line << std::endl; };
