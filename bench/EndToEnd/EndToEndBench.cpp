@@ -50,6 +50,9 @@
 
 namespace {
 
+// For profiling one variant: "engine", "one" or "two"; the figures then are not printed.
+std::string onlyVariant;
+
 struct Scenario {
    const char* name;
    std::uint32_t numTables;
@@ -127,6 +130,19 @@ double cpuOf(pid_t pid) {
    return ticks / double(::sysconf(_SC_CLK_TCK));
 }
 
+double monotonicNow() {
+   timespec ts{};
+   ::clock_gettime(CLOCK_MONOTONIC, &ts);
+   return double(ts.tv_sec) + ts.tv_nsec / 1e9;
+}
+
+// With --window, the measured span on the monotonic clock, for cutting a profile to it
+// (perf record -k CLOCK_MONOTONIC, then perf report --time FROM,TO).
+bool windowShown = false;
+void windowPrint(double from) {
+   if (windowShown) std::printf("  window: %.6f,%.6f\n", from, monotonicNow());
+}
+
 std::string loadNow() {
    double load[3] = {0, 0, 0};
    ::getloadavg(load, 3);
@@ -140,8 +156,10 @@ std::string loadNow() {
 Run runOf(SliceSystem::Publisher& publisher, std::uint64_t total) {
    Run run;
    const double cpu = cpuSelfNow();
+   const double from = monotonicNow();
    SliceSystem::PhaseResult phase = publisher.publish();
    run.cpuSelf = cpuSelfNow() - cpu;
+   windowPrint(from);
    run.seconds = phase.seconds;
    run.writeSeconds = phase.writeSeconds;
    run.entries = phase.changes.total();
@@ -307,10 +325,24 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
    Rates shared;
    std::vector<double> ratios;
    for (std::uint32_t r = 0; r < rounds; ++r) {
-      Run e = engineOnly(profile, s);
-      runPrint(s.name, "engine alone", e);
+      Run e;
+      if (onlyVariant.empty() || onlyVariant == "engine") {
+         e = engineOnly(profile, s);
+         runPrint(s.name, "engine alone", e);
+      }
+      if (onlyVariant == "engine") continue;
       Run l;
       Run t;
+      if (onlyVariant == "one") {
+         l = inProcess(profile, s);
+         runPrint(s.name, "one process", l);
+         continue;
+      }
+      if (onlyVariant == "two") {
+         t = twoProcesses(profile, s);
+         runPrint(s.name, "two processes", t);
+         continue;
+      }
       if (r % 2 == 0) {
          l = inProcess(profile, s);
          runPrint(s.name, "one process", l);
@@ -327,6 +359,7 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
       shared.add(t);
       ratios.push_back((t.entries / t.seconds) / (l.entries / l.seconds));
    }
+   if (!onlyVariant.empty()) return;
    const double ratioLow = *std::min_element(ratios.begin(), ratios.end());
    const double ratioHigh = *std::max_element(ratios.begin(), ratios.end());
    std::printf("figure: %s engine alone = %s entries/s\n", s.name, engine.range().c_str());
@@ -570,6 +603,10 @@ int main(int argc, char** argv) {
          scale = 10;
       } else if (std::strcmp(argv[i], "--only") == 0 && i + 1 < argc) {
          only = argv[++i];
+      } else if (std::strcmp(argv[i], "--window") == 0) {
+         windowShown = true;
+      } else if (std::strcmp(argv[i], "--variant") == 0 && i + 1 < argc) {
+         onlyVariant = argv[++i];
       } else if (std::strcmp(argv[i], "--rounds") == 0 && i + 1 < argc) {
          rounds = std::max(1, std::atoi(argv[++i]));
       } else {
