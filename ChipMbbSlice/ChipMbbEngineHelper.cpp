@@ -235,7 +235,7 @@ void ChipMbbEngineHelper::laneCommit(PlcmtLane& lane, const LaneHooks& hooks) {
 // left without the status they should have.
 void ChipMbbEngineHelper::laneRelease(PlcmtLane& lane, const LaneHooks& hooks) {
    while (!lane.deferFree.empty()) {
-      std::free(reinterpret_cast<void*>(lane.deferFree.deq(notifier(hooks.onDeferFree))));
+      releaseData(reinterpret_cast<void*>(lane.deferFree.deq(notifier(hooks.onDeferFree))));
    }
    while (!lane.status.empty()) {
       const EntryStatus dropped = lane.status.deq(notifier(hooks.onStatus)).entryStatus();
@@ -255,7 +255,7 @@ void ChipMbbEngineHelper::deferFreeDrain(PlcmtLane& lane, const LaneHooks& hooks
    while (!lane.deferFree.empty()) {
       void* dataPtr = reinterpret_cast<void*>(lane.deferFree.deq(notifier(hooks.onDeferFree)));
       BRIO_ASSERT(dataPtr);
-      std::free(dataPtr);
+      releaseData(dataPtr);
    }
 }
 

@@ -2,7 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <unordered_map>
+#include <vector>
 
 #include "Brio/Brio.h"
 #include "Orb/Ptr.h"
@@ -14,18 +14,54 @@ namespace SliceSystem {
 // is expected before its configuration is written (a status can arrive while the write is
 // still going on, in test mode) and leaves once its status carries the expected op id, or
 // once the status is gone when the expected op id is 0 (a delete).
+// Expected op ids by key in one flat array: a publisher of a million routes expects a million
+// keys, and a node per key cost it more than writing them.
+class ExpectedOpIds {
+ public:
+   std::size_t size() const { return size_; }
+   void reserve(std::size_t n);
+   void is(std::uint64_t key, std::uint64_t opId);
+   // The key's expected op id, or null.
+   const std::uint64_t* find(std::uint64_t key) const;
+   void erase(std::uint64_t key);
+   // Keeps the keys for which `keep(key, opId)` holds.
+   template <class Fn>
+   void retain(Fn&& keep);
+
+ private:
+   struct Cell {
+      std::uint64_t key = 0;
+      std::uint64_t opId = 0;
+      bool used = false;
+   };
+   std::size_t home(std::uint64_t key) const;
+   std::size_t cellOf(std::uint64_t key) const;
+   void grow(std::size_t cells);
+
+   std::vector<Cell> cells_;
+   std::size_t size_ = 0;
+};
+
+template <class Fn>
+void ExpectedOpIds::retain(Fn&& keep) {
+   std::vector<Cell> old(cells_.size());
+   old.swap(cells_);
+   size_ = 0;
+   for (const Cell& cell : old) {
+      if (cell.used && keep(cell.key, cell.opId)) is(cell.key, cell.opId);
+   }
+}
+
 class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
  public:
    StatusWatch() = default;
    // Leaves the collection before the pointer that may be its last goes.
    ~StatusWatch() override { notifierIs(nullptr); }
 
-   void expect(std::uint64_t key, std::uint64_t opId) { outstanding_[key] = opId; }
+   void expect(std::uint64_t key, std::uint64_t opId) { outstanding_.is(key, opId); }
    void expectReserve(std::size_t n) { outstanding_.reserve(outstanding_.size() + n); }
    std::size_t numOutstanding() const { return outstanding_.size(); }
-   const std::unordered_map<std::uint64_t, std::uint64_t>& outstanding() const {
-      return outstanding_;
-   }
+   bool outstanding(std::uint64_t key) const { return outstanding_.find(key) != nullptr; }
 
    const Orb::Ptr<Vault::MbbEngine::TableStatus>& status() const { return status_; }
    // Watches `status` (which may be a newly made collection of the same table) and checks
@@ -47,7 +83,7 @@ class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
    }
 
    Orb::Ptr<Vault::MbbEngine::TableStatus> status_;
-   std::unordered_map<std::uint64_t, std::uint64_t> outstanding_;
+   ExpectedOpIds outstanding_;
 };
 
 }  // namespace SliceSystem

@@ -9,8 +9,10 @@
 
 namespace ChipMbbSlice {
 
-// A malloc'ed copy of the block, as long as the SDK says the block is; the caller frees it.
+// A copy of the block, as long as the SDK says the block is; the caller gives it back with
+// releaseData().
 void* allocateAndCopyData(const void* data);
+void releaseData(void* copy);
 
 // The block held inside a match entry's configuration.
 const void* getMatDataPtr(const Vault::MbbEngine::EntryConfig& entry);

@@ -29,7 +29,7 @@ TEST(StatusWatch, KeysLeaveWhenTheirStatusShowsTheExpectedOpIdOrIsGoneForDeletes
    status->entryIs(EntryStatus(1, 4));
    EXPECT_EQ(watch.numOutstanding(), 2u);
    status->entryIs(EntryStatus(1, 5));
-   EXPECT_EQ(watch.outstanding().count(1), 0u);
+   EXPECT_FALSE(watch.outstanding(1));
    status->entryDel(2);
    EXPECT_EQ(watch.numOutstanding(), 0u);
 

@@ -5,7 +5,7 @@
 // A third loop does only what every add must do on top of the bare commit, with no helper around
 // it: the data copy taken and freed with the system allocator, and the add, commit (timed) and
 // status records in the trace file. Its ratio to the bare loop is the floor that no helper can go
-// below on this machine.
+// below on this machine; the helper is held to 1.2 times it.
 //
 // The machine is shared, so the loops are measured in short chunks, in turns, that see the same
 // load, in CPU time of this thread, and the medians over many chunks are compared.
@@ -41,7 +41,7 @@ constexpr std::uint32_t tblHdl = 0x01000001;
 constexpr std::uint32_t chunk = 2000;
 constexpr std::uint32_t tableSize = 3 * chunk;
 constexpr int rounds = 300;
-constexpr double target = 1.5;
+constexpr double target = 1.2;
 
 double cpuSeconds() {
    timespec ts{};
@@ -161,6 +161,7 @@ struct Medians {
    double helperNs;
    double floorRatio;
    double helperRatio;
+   double helperFloorRatio;
 };
 
 struct Loops {
@@ -182,7 +183,7 @@ struct Loops {
 
 Medians measure(Loops& loops) {
    TableStatus& helperStatus = *loops.helper->matTableStatus();
-   std::vector<double> bareNs, floorNs, helperNs, floorRatios, helperRatios;
+   std::vector<double> bareNs, floorNs, helperNs, floorRatios, helperRatios, helperFloorRatios;
    for (int round = 0; round < rounds; ++round) {
       double times[3] = {};
       // Each loop takes each place in the turn equally often.
@@ -208,9 +209,10 @@ Medians measure(Loops& loops) {
       helperNs.push_back(times[2] * 1e9 / chunk);
       floorRatios.push_back(times[1] / times[0]);
       helperRatios.push_back(times[2] / times[0]);
+      helperFloorRatios.push_back(times[2] / times[1]);
    }
-   return {median(bareNs), median(floorNs), median(helperNs), median(floorRatios),
-           median(helperRatios)};
+   return {median(bareNs),      median(floorNs),      median(helperNs),
+           median(floorRatios), median(helperRatios), median(helperFloorRatios)};
 }
 
 }  // namespace
@@ -246,9 +248,12 @@ int main() {
                   traced.helperNs);
       std::printf("figure: floor / bare per MAT add, median of %d rounds = %.2f\n", rounds,
                   traced.floorRatio);
+      std::printf("figure: helper / bare per MAT add, median of %d rounds = %.2f\n", rounds,
+                  traced.helperRatio);
       std::printf(
-          "figure: helper / bare per MAT add, median of %d rounds = %.2f (target <= %.1f) %s\n",
-          rounds, traced.helperRatio, target, traced.helperRatio <= target ? "ok" : "NOT MET");
+          "figure: helper / floor per MAT add, median of %d rounds = %.2f (target <= %.1f) %s\n",
+          rounds, traced.helperFloorRatio, target,
+          traced.helperFloorRatio <= target ? "met" : "NOT MET");
    }
 
    // Where the difference goes: the same again with the trace file closed.

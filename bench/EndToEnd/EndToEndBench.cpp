@@ -11,7 +11,9 @@
 //
 //   EndToEndBench [--quick] [--only single|multi|ecmp|replace] [--rounds N]
 //     --quick: a tenth of the entries; --only: one scenario; --rounds: runs of each variant
-//     (2 by default), the order of the variants alternating from round to round
+//     (2 by default), the order of the variants alternating from round to round;
+//     --variant engine|one|two|stages: only that variant of the table scenarios, without figures
+//     (for profiling); --window: the measured span, to cut a profile to it
 
 #include <fcntl.h>
 #include <signal.h>
@@ -20,6 +22,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdio>
 #include <cstdlib>
@@ -39,6 +42,7 @@
 #include "ChipModel/ChipModel.h"
 #include "Keel/EventLoop.h"
 #include "MbbEngine/FastMbbEngineImpl.h"
+#include "MbbEngine/MbbEngineHelper.h"
 #include "MbbEngine/MbbEngineSm.h"
 #include "SliceSystem/AgentHost.h"
 #include "SliceSystem/PublishTarget.h"
@@ -47,8 +51,12 @@
 #include "SliceSystem/SegmentId.h"
 #include "SliceSystem/TablePlan.h"
 #include "SliceSystem/TableRequests.h"
+#include "Vault/ShmTable.h"
 
 namespace {
+
+// For profiling one variant: "engine", "one" or "two"; the figures then are not printed.
+std::string onlyVariant;
 
 struct Scenario {
    const char* name;
@@ -104,6 +112,9 @@ struct Run {
    double cpuHost = 0;
    // The publisher's writing, from the first write to the last.
    double writeSeconds = 0;
+   // Two processes: the host's resident set and the root's segments once converged.
+   double hostRss = 0;
+   double segmentBytes = 0;
 };
 
 double cpuSelfNow() {
@@ -127,6 +138,36 @@ double cpuOf(pid_t pid) {
    return ticks / double(::sysconf(_SC_CLK_TCK));
 }
 
+double monotonicNow() {
+   timespec ts{};
+   ::clock_gettime(CLOCK_MONOTONIC, &ts);
+   return double(ts.tv_sec) + ts.tv_nsec / 1e9;
+}
+
+// With --window, the measured span on the monotonic clock, for cutting a profile to it
+// (perf record -k CLOCK_MONOTONIC, then perf report --time FROM,TO).
+bool windowShown = false;
+void windowPrint(double from) {
+   if (windowShown) std::printf("  window: %.6f,%.6f\n", from, monotonicNow());
+}
+
+double rssOf(pid_t pid) {
+   std::ifstream in("/proc/" + std::to_string(pid) + "/status");
+   std::string line;
+   while (std::getline(in, line)) {
+      if (line.starts_with("VmRSS:")) return std::stod(line.substr(6)) * 1024;
+   }
+   return 0;
+}
+
+double segmentBytesUnder(const std::string& root) {
+   double bytes = 0;
+   for (const auto& file : std::filesystem::directory_iterator("/dev/shm")) {
+      if (file.path().filename().string().starts_with(root + ".")) bytes += file.file_size();
+   }
+   return bytes;
+}
+
 std::string loadNow() {
    double load[3] = {0, 0, 0};
    ::getloadavg(load, 3);
@@ -140,8 +181,10 @@ std::string loadNow() {
 Run runOf(SliceSystem::Publisher& publisher, std::uint64_t total) {
    Run run;
    const double cpu = cpuSelfNow();
+   const double from = monotonicNow();
    SliceSystem::PhaseResult phase = publisher.publish();
    run.cpuSelf = cpuSelfNow() - cpu;
+   windowPrint(from);
    run.seconds = phase.seconds;
    run.writeSeconds = phase.writeSeconds;
    run.entries = phase.changes.total();
@@ -165,16 +208,45 @@ Run inProcess(const ChipModel::ChipProfile& profile, const Scenario& s) {
    return runOf(publisher, std::uint64_t(s.numTables) * s.entriesPerTable);
 }
 
+// A helper that places nothing, so that the engine's own share can be told apart.
+class BareHelper : public MbbEngine::MbbEngineHelper {
+ public:
+   using MbbEngineHelper::MbbEngineHelper;
+   void addEntry(const Vault::MbbEngine::EntryConfig&) override { ++numOps; }
+   void deleteEntry(const Vault::MbbEngine::EntryConfig&) override { ++numOps; }
+   void deleteEntryDeadlock(const Vault::MbbEngine::EntryConfig&) override { ++numOps; }
+   void moveEntry(const Vault::MbbEngine::EntryConfig&) override { ++numOps; }
+   void updateEntry(const Vault::MbbEngine::EntryConfig&) override { ++numOps; }
+   std::uint64_t numOps = 0;
+};
+
+// How far down the path an engine-alone run goes: the engine with a helper that places
+// nothing, the slice's helper without committing, with the chip model's commit, and with the
+// statuses written to a shared segment as the host writes them.
+enum class Depth { configOnly, engine, helper, chip, status };
+
 // One table served by the engine alone.
 struct EngineTable {
-   EngineTable(const SliceSystem::TableSpec& spec, Keel::TimerWheel* wheel, std::uint32_t qtId)
+   EngineTable(const SliceSystem::TableSpec& spec, Keel::TimerWheel* wheel, std::uint32_t qtId,
+               Depth depth = Depth::chip, const std::string& statusShm = "")
        : config(Vault::MbbEngine::tableConfigFactory(spec.name)),
-         status(Vault::MbbEngine::tableStatusFactory(spec.name + "-status")) {
+         status(depth == Depth::status
+                    ? Vault::shmTableWriterNew<Vault::MbbEngine::TableStatus>(spec.name + "-status",
+                                                                              statusShm, spec.size)
+                    : Vault::MbbEngine::tableStatusFactory(spec.name + "-status")) {
       config->mountedIs(true);
       status->mountedIs(true);
-      auto helper = Orb::ptrNew<ChipMbbSlice::ChipMbbEngineHelper>(
-          "", status, nullptr, nullptr, nullptr, 1, spec.tableId, 0, 0, spec.size, false, qtId);
-      helper->devTgtIs(ChipDriver::ChipDevTgt{0, 0xFFFF});
+      if (depth == Depth::configOnly) return;
+      Orb::Ptr<MbbEngine::MbbEngineHelper> helper;
+      if (depth == Depth::engine) {
+         helper = Orb::ptrNew<BareHelper>("", nullptr, spec.size);
+      } else {
+         auto slice = Orb::ptrNew<ChipMbbSlice::ChipMbbEngineHelper>(
+             "", depth == Depth::status ? status : nullptr, nullptr, nullptr, nullptr, 1,
+             spec.tableId, 0, 0, spec.size, depth == Depth::helper, qtId);
+         slice->devTgtIs(ChipDriver::ChipDevTgt{0, 0xFFFF});
+         helper = slice;
+      }
       auto impl = Orb::ptrNew<MbbEngine::FastMbbEngineImpl>(spec.name, config, nullptr, nullptr,
                                                             helper, qtId);
       sm = Orb::ptrNew<MbbEngine::MbbEngineSm>(config, status, nullptr, nullptr, impl, nullptr,
@@ -185,7 +257,8 @@ struct EngineTable {
    Orb::Ptr<MbbEngine::MbbEngineSm> sm;
 };
 
-Run engineOnly(const ChipModel::ChipProfile& profile, const Scenario& s) {
+Run engineOnly(const ChipModel::ChipProfile& profile, const Scenario& s,
+               Depth depth = Depth::chip) {
    ChipModel::InstalledChip chip(profile);
    SliceSystem::PublisherOptions options = optionsFor(profile, s);
    std::string source;
@@ -201,7 +274,10 @@ Run engineOnly(const ChipModel::ChipProfile& profile, const Scenario& s) {
       plans.emplace_back(options.tables[t],
                          std::vector<SliceSystem::Route>(first, first + s.entriesPerTable), t + 1);
       changes.push_back(plans.back().initial(opIds));
-      tables.push_back(std::make_unique<EngineTable>(options.tables[t], &wheel, t + 1));
+      const std::string statusShm =
+          "/e2ebench-stage-" + std::to_string(::getpid()) + "-" + std::to_string(t);
+      tables.push_back(
+          std::make_unique<EngineTable>(options.tables[t], &wheel, t + 1, depth, statusShm));
    }
    const double cpu = cpuSelfNow();
    auto start = std::chrono::steady_clock::now();
@@ -215,11 +291,97 @@ Run engineOnly(const ChipModel::ChipProfile& profile, const Scenario& s) {
    run.sound = chip.numViolations() == 0;
    for (std::size_t t = 0; t < tables.size(); ++t) {
       run.entries += changes[t].size();
-      run.sound = run.sound && tables[t]->status->size() == changes[t].size();
+      const bool statuses = depth == Depth::chip || depth == Depth::status;
+      run.sound = run.sound && (!statuses || tables[t]->status->size() == changes[t].size());
    }
    if (!run.sound) run.why = "statuses missing or hitless violations\n";
    return run;
 }
+
+// The publisher's writes into shared configuration segments with nobody reading, then one
+// reader draining every change and reading each changed entry, as the host's engines do.
+std::pair<double, double> shmWriteAndDrain(const ChipModel::ChipProfile& profile,
+                                           const Scenario& s) {
+   SliceSystem::PublisherOptions options = optionsFor(profile, s);
+   std::string source;
+   std::vector<SliceSystem::Route> routes =
+       SliceSystem::routesLoad("", std::size_t(s.numTables) * s.entriesPerTable, source);
+   struct Reading : Vault::MbbEngine::TableConfig::Notifiee {
+      void onEntry(const Vault::MbbEngine::EntryKey& key) override {
+         numRead += notifier()->entry(key).opId() != Vault::MbbEngine::OpId();
+      }
+      std::uint64_t numRead = 0;
+   };
+   std::vector<Orb::Ptr<Vault::MbbEngine::TableConfig>> writers;
+   std::vector<Orb::Ptr<Vault::MbbEngine::TableConfig>> readers;
+   std::vector<std::unique_ptr<Reading>> reading;
+   std::vector<SliceSystem::TablePlan> plans;
+   std::vector<std::vector<SliceSystem::TablePlan::Change>> changes;
+   SliceSystem::OpIdSource opIds;
+   for (std::size_t t = 0; t < options.tables.size(); ++t) {
+      auto first = routes.begin() + t * s.entriesPerTable;
+      plans.emplace_back(options.tables[t],
+                         std::vector<SliceSystem::Route>(first, first + s.entriesPerTable), t + 1);
+      changes.push_back(plans.back().initial(opIds));
+      const std::string shm =
+          "/e2ebench-stage-" + std::to_string(::getpid()) + "-config-" + std::to_string(t);
+      writers.push_back(Vault::shmTableWriterNew<Vault::MbbEngine::TableConfig>(
+          "config", shm, options.tables[t].size));
+      readers.push_back(Vault::shmTableReaderNew<Vault::MbbEngine::TableConfig>("reader", shm));
+      reading.push_back(std::make_unique<Reading>());
+      reading.back()->notifierIs(readers.back().get());
+   }
+   auto start = std::chrono::steady_clock::now();
+   for (std::size_t t = 0; t < writers.size(); ++t) {
+      for (const auto& change : changes[t]) writers[t]->entryIs(plans[t].config(change.entry));
+   }
+   auto written = std::chrono::steady_clock::now();
+   for (std::size_t t = 0; t < readers.size(); ++t) {
+      while (reading[t]->numRead < changes[t].size()) readers[t]->changesDrain();
+   }
+   auto drained = std::chrono::steady_clock::now();
+   for (auto& r : reading) r->notifierIs(nullptr);
+   return {std::chrono::duration<double>(written - start).count(),
+           std::chrono::duration<double>(drained - written).count()};
+}
+
+// Where an entry's time goes, stage by stage, each measured on the same entries: the
+// publisher's write and the host's drain on shared segments, then the engine-alone path run
+// deeper each time (in-memory configuration writes only, the engine, the slice's helper, the
+// chip model's commit, the status written to a shared segment); each stage is the difference
+// to the run before it. Nanoseconds per entry, the lowest of the rounds.
+struct Stages {
+   static constexpr const char* names[] = {"publisher write", "reader drain", "engine",
+                                           "helper",          "chip model",   "status write"};
+   std::vector<std::array<double, 6>> rounds;
+
+   void measure(const ChipModel::ChipProfile& profile, const Scenario& s) {
+      const double n = double(s.numTables) * s.entriesPerTable;
+      std::array<double, 6> ns{};
+      const auto [write, drain] = shmWriteAndDrain(profile, s);
+      ns[0] = write / n * 1e9;
+      ns[1] = drain / n * 1e9;
+      double before = engineOnly(profile, s, Depth::configOnly).seconds;
+      const Depth depths[] = {Depth::engine, Depth::helper, Depth::chip, Depth::status};
+      for (int i = 0; i < 4; ++i) {
+         const double seconds = engineOnly(profile, s, depths[i]).seconds;
+         ns[2 + i] = (seconds - before) / n * 1e9;
+         before = seconds;
+      }
+      rounds.push_back(ns);
+   }
+   void print(const char* name) const {
+      double total = 0;
+      for (int i = 0; i < 6; ++i) {
+         double low = rounds[0][i];
+         for (const auto& r : rounds) low = std::min(low, r[i]);
+         total += low;
+         std::printf("figure: %s stage %s = %.0f ns/entry\n", name, names[i], low);
+      }
+      std::printf("figure: %s stages together = %.0f ns/entry (%.0f entries/s on one core)\n", name,
+                  total, 1e9 / total);
+   }
+};
 
 Run twoProcesses(const ChipModel::ChipProfile& profile, const Scenario& s) {
    std::string root = "e2ebench-" + std::to_string(::getpid());
@@ -247,6 +409,8 @@ Run twoProcesses(const ChipModel::ChipProfile& profile, const Scenario& s) {
       const double hostCpu = cpuOf(host);
       run = runOf(publisher, std::uint64_t(s.numTables) * s.entriesPerTable);
       run.cpuHost = cpuOf(host) - hostCpu;
+      run.hostRss = rssOf(host);
+      run.segmentBytes = segmentBytesUnder(root);
    }
    ::kill(host, SIGTERM);
    ::waitpid(host, nullptr, 0);
@@ -305,12 +469,30 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
    Rates engine;
    Rates local;
    Rates shared;
+   Stages stages;
    std::vector<double> ratios;
+   Run memory;
    for (std::uint32_t r = 0; r < rounds; ++r) {
-      Run e = engineOnly(profile, s);
-      runPrint(s.name, "engine alone", e);
+      if (onlyVariant.empty() || onlyVariant == "stages") stages.measure(profile, s);
+      if (onlyVariant == "stages") continue;
+      Run e;
+      if (onlyVariant.empty() || onlyVariant == "engine") {
+         e = engineOnly(profile, s);
+         runPrint(s.name, "engine alone", e);
+      }
+      if (onlyVariant == "engine") continue;
       Run l;
       Run t;
+      if (onlyVariant == "one") {
+         l = inProcess(profile, s);
+         runPrint(s.name, "one process", l);
+         continue;
+      }
+      if (onlyVariant == "two") {
+         t = twoProcesses(profile, s);
+         runPrint(s.name, "two processes", t);
+         continue;
+      }
       if (r % 2 == 0) {
          l = inProcess(profile, s);
          runPrint(s.name, "one process", l);
@@ -326,7 +508,10 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
       local.add(l);
       shared.add(t);
       ratios.push_back((t.entries / t.seconds) / (l.entries / l.seconds));
+      memory = t;
    }
+   if (onlyVariant == "stages") stages.print(s.name);
+   if (!onlyVariant.empty()) return;
    const double ratioLow = *std::min_element(ratios.begin(), ratios.end());
    const double ratioHigh = *std::max_element(ratios.begin(), ratios.end());
    std::printf("figure: %s engine alone = %s entries/s\n", s.name, engine.range().c_str());
@@ -338,6 +523,12 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
                s.name, ratioLow, ratioHigh, verdict(shared.sound && ratioHigh >= 0.8));
    std::printf("figure: %s entries per cpu second, one process = %s, two processes = %s\n", s.name,
                local.cpuRange().c_str(), shared.cpuRange().c_str());
+   const double entries = double(s.numTables) * s.entriesPerTable;
+   std::printf(
+       "figure: %s host resident memory per served entry = %.0f bytes (the root's segments: %.0f "
+       "bytes per entry)\n",
+       s.name, memory.hostRss / entries, memory.segmentBytes / entries);
+   stages.print(s.name);
    std::fflush(stdout);
 }
 
@@ -570,11 +761,17 @@ int main(int argc, char** argv) {
          scale = 10;
       } else if (std::strcmp(argv[i], "--only") == 0 && i + 1 < argc) {
          only = argv[++i];
+      } else if (std::strcmp(argv[i], "--window") == 0) {
+         windowShown = true;
+      } else if (std::strcmp(argv[i], "--variant") == 0 && i + 1 < argc) {
+         onlyVariant = argv[++i];
       } else if (std::strcmp(argv[i], "--rounds") == 0 && i + 1 < argc) {
          rounds = std::max(1, std::atoi(argv[++i]));
       } else {
-         std::printf("usage: %s [--quick] [--only single|multi|ecmp|replace] [--rounds N]\n",
-                     argv[0]);
+         std::printf(
+             "usage: %s [--quick] [--only single|multi|ecmp|replace] [--rounds N] "
+             "[--variant engine|one|two|stages] [--window]\n",
+             argv[0]);
          return std::strcmp(argv[i], "--help") == 0 ? 0 : 2;
       }
    }

@@ -100,7 +100,7 @@ class ShmStore : public Store<K, V> {
          }
          probe.cell.store(Shm::cellOf(tagOf(hash), slot), std::memory_order_release);
          countIs(count_ + 1);
-         if (ordered_) ordered_->insert(key);
+         orderedChanged(key);
       }
       ringPush(storedKey);
       if (count_ + deletedCells_ > geometry().indexSize / 4 * 3) indexRebuild();
@@ -120,7 +120,7 @@ class ShmStore : public Store<K, V> {
       ++deletedCells_;
       free_.push_back(probe.slot);
       countIs(count_ - 1);
-      if (ordered_) ordered_->erase(key);
+      orderedChanged(key);
       ringPush(storedKey);
       lostCheck();
       return true;
@@ -128,16 +128,23 @@ class ShmStore : public Store<K, V> {
 
    std::optional<std::pair<K, V>> next(const K* from, bool inclusive) const override {
       return readerGuarded([&]() -> std::optional<std::pair<K, V>> {
-         const std::set<K>& keys = orderedKeys();
-         auto it = !from       ? keys.begin()
-                   : inclusive ? keys.lower_bound(*from)
-                               : keys.upper_bound(*from);
-         for (; it != keys.end(); ++it) {
-            V value;
-            // A reader may know of a key that is gone and not yet drained; it is skipped.
-            if (find(*it, value)) return std::make_pair(*it, value);
+         orderedUpdate();
+         auto sorted = !from       ? sorted_.begin()
+                       : inclusive ? std::lower_bound(sorted_.begin(), sorted_.end(), *from)
+                                   : std::upper_bound(sorted_.begin(), sorted_.end(), *from);
+         auto recent = !from       ? recent_.begin()
+                       : inclusive ? recent_.lower_bound(*from)
+                                   : recent_.upper_bound(*from);
+         V value;
+         for (;;) {
+            const bool haveSorted = sorted != sorted_.end();
+            const bool haveRecent = recent != recent_.end();
+            if (!haveSorted && !haveRecent) return std::nullopt;
+            const bool takeSorted = haveSorted && (!haveRecent || !(*recent < *sorted));
+            const K key = takeSorted ? *sorted++ : *recent++;
+            // The order may know of a key that is gone; it is skipped.
+            if (find(key, value)) return std::make_pair(key, value);
          }
-         return std::nullopt;
       });
    }
 
@@ -193,12 +200,7 @@ class ShmStore : public Store<K, V> {
       segment_->slotsPopulate(std::min(segment_->header().slotsUsed.load(std::memory_order_relaxed),
                                        geometry().capacity));
       lostCheck();
-      if (ordered_) orderedPending_.insert(orderedPending_.end(), changed.begin(), changed.end());
-      // Nobody walked in order for a whole table's worth of changes: a scan is cheaper then.
-      if (orderedPending_.size() > geometry().capacity) {
-         ordered_.reset();
-         orderedPending_.clear();
-      }
+      for (const K& key : changed) orderedChanged(key);
       for (const K& key : changed) sink.keyChanged(key);
    }
 
@@ -519,9 +521,9 @@ class ShmStore : public Store<K, V> {
       return keyOf(key);
    }
 
-   // Every live key, read slot by slot.
-   std::set<K> scan() const {
-      std::set<K> keys;
+   // Every live key in order, read slot by slot.
+   std::vector<K> scan() const {
+      std::vector<K> keys;
       StoredKey key;
       StoredValue value;
       bool live = false;
@@ -531,44 +533,68 @@ class ShmStore : public Store<K, V> {
                                 geometry().capacity);
       for (std::uint32_t slot = 0; slot < used; ++slot) {
          if (writable()) {
-            if (segment_->slot(slot).live) keys.insert(keyOf(storedKey(slot)));
+            if (segment_->slot(slot).live) keys.push_back(keyOf(storedKey(slot)));
          } else if (slotRead(slot, key, value, live) && live) {
-            keys.insert(keyOf(key));
+            keys.push_back(keyOf(key));
          }
       }
+      std::sort(keys.begin(), keys.end());
+      // A key moved to another slot during the scan is met twice.
+      keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
       return keys;
    }
 
-   // Built on the first ordered walk and brought up to date by the walks after it, so that a
-   // reader pays for the order only when somebody walks, once per changed key.
-   const std::set<K>& orderedKeys() const {
-      if (!ordered_) {
-         ordered_ = scan();
-         orderedPending_.clear();
-      }
-      if (orderedPending_.empty()) return *ordered_;
-      std::sort(orderedPending_.begin(), orderedPending_.end());
-      orderedPending_.erase(std::unique(orderedPending_.begin(), orderedPending_.end()),
-                            orderedPending_.end());
-      auto hint = ordered_->begin();
-      for (const K& key : orderedPending_) {
+   // The key order, made by a scan on the first ordered walk and from then on kept up to date
+   // with every change as it is written or drained, so that no later walk waits for a scan: a
+   // sorted vector, the keys changed since it was last merged (a few in a tree, for walks
+   // between changes) and the changed keys not yet placed. Keys are merged in without asking
+   // whether they are still there; walks skip those that are gone, and the vector is cleared of
+   // them when they have come to outnumber the live keys.
+   void orderedChanged(const K& key) const {
+      if (!orderedValid_) return;
+      pending_.push_back(key);
+      if (pending_.size() > std::max<std::size_t>(4096, sorted_.size() / 8)) orderedMerge();
+   }
+
+   void orderedMerge() const {
+      pending_.insert(pending_.end(), recent_.begin(), recent_.end());
+      recent_.clear();
+      std::sort(pending_.begin(), pending_.end());
+      std::vector<K> merged;
+      merged.reserve(sorted_.size() + pending_.size());
+      std::merge(sorted_.begin(), sorted_.end(), pending_.begin(), pending_.end(),
+                 std::back_inserter(merged));
+      merged.erase(std::unique(merged.begin(), merged.end()), merged.end());
+      pending_.clear();
+      if (merged.size() > 2 * size() + 4096) {
          V value;
-         if (find(key, value)) {
-            hint = std::next(ordered_->insert(hint, key));
-         } else {
-            ordered_->erase(key);
-            hint = ordered_->lower_bound(key);
-         }
+         std::erase_if(merged, [&](const K& key) { return !find(key, value); });
       }
-      orderedPending_.clear();
-      return *ordered_;
+      sorted_.swap(merged);
+   }
+
+   void orderedUpdate() const {
+      if (!orderedValid_) {
+         sorted_ = scan();
+         orderedValid_ = true;
+         return;
+      }
+      if (pending_.size() + recent_.size() > std::max<std::size_t>(64, sorted_.size() / 8)) {
+         orderedMerge();
+      } else {
+         recent_.insert(pending_.begin(), pending_.end());
+         pending_.clear();
+      }
    }
 
    void resync(ChangeSink<K>& sink) {
       ++numResyncs_;
       cursor_ = segment_->header().ringHead.load(std::memory_order_acquire);
-      orderedPending_.clear();
-      if (ordered_) ordered_ = scan();
+      if (orderedValid_) {
+         pending_.clear();
+         recent_.clear();
+         sorted_ = scan();
+      }
       doorbell_->arm();
       if (segment_->header().ringHead.load(std::memory_order_seq_cst) != cursor_) {
          doorbell_->ringSelf();
@@ -589,9 +615,11 @@ class ShmStore : public Store<K, V> {
    std::unique_ptr<Shm::Doorbell> doorbell_;
    std::uint64_t cursor_ = 0;
    std::uint64_t numResyncs_ = 0;
-   mutable std::optional<std::set<K>> ordered_;
-   // Keys drained since the last ordered walk, in any order and repeated.
-   mutable std::vector<K> orderedPending_;
+   // The key order (orderedChanged()), writer and reader.
+   mutable bool orderedValid_ = false;
+   mutable std::vector<K> sorted_;
+   mutable std::set<K> recent_;
+   mutable std::vector<K> pending_;
 };
 
 }  // namespace Vault

@@ -114,8 +114,8 @@ TEST(VaultShmTable, ManyAddsAndDeletesKeepLookupsRight) {
    EXPECT_TRUE(viewOf(*reader).empty());  // the reader keeps a key order from here on
    std::uint64_t state = 12345;
    for (std::uint64_t i = 1; i <= 5000; ++i) {
-      // Drained often, walked now and then: the order catches up from drained keys, or, after
-      // more of them than the table holds, from a scan.
+      // Drained often, walked now and then: the order catches up from drained keys, a few at a
+      // time or merged in bulk.
       if (i % 50 == 0) {
          reader->changesDrain();
          if (i < 1000 || i % 1000 == 0) ASSERT_EQ(viewOf(*reader), expected);

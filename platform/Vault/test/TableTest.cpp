@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <map>
+#include <random>
 #include <vector>
 
 #include "SampleTables.h"
@@ -73,6 +75,40 @@ TEST(VaultTable, WalksInKeyOrderFromAnyKeyAndSurvivesChanges) {
       }
    }
    EXPECT_EQ(seen, (std::vector<std::uint64_t>{10, 20, 40, 45, 50}));
+}
+
+// Walks between changes, after bursts of changes and after bursts of deletes, checked against
+// a tree: the order is kept lazily, so each of these takes another way to bring it up to date.
+TEST(VaultTable, WalksAgreeWithATreeUnderEveryMixOfChanges) {
+   auto table = Vault::localTableNew<PartTable>("parts");
+   std::map<std::uint64_t, std::uint64_t> model;
+   std::mt19937_64 random(7);
+   auto check = [&] {
+      std::vector<std::uint64_t> expected;
+      for (const auto& [key, version] : model) expected.push_back(key);
+      ASSERT_EQ(keysOf(*table), expected);
+      ASSERT_EQ(table->size(), model.size());
+   };
+   for (int burst : {1, 1, 3, 50, 2000, 1, 5000, 7, 1}) {
+      for (int round = 0; round < 20; ++round) {
+         for (int i = 0; i < burst; ++i) {
+            const std::uint64_t key = random() % 3000 + 1;
+            if (random() % 3 == 0) {
+               table->entryDel(key);
+               model.erase(key);
+            } else {
+               table->entryIs(partOf(key, round + 1));
+               model[key] = round + 1;
+            }
+         }
+         check();
+         const std::uint64_t from = random() % 3000;
+         auto it = table->iterAfter(from);
+         auto want = model.upper_bound(from);
+         ASSERT_EQ(it == table->end(), want == model.end());
+         if (want != model.end()) EXPECT_EQ(it->second, partOf(want->first, want->second));
+      }
+   }
 }
 
 TEST(VaultTable, FullTableRefusesNewKeysAndStaysAsItWas) {
