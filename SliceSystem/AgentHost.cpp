@@ -118,13 +118,14 @@ AgentHost::AgentHost(Keel::EventLoop& loop, AgentHostOptions options)
       if (std::size_t n = Vault::shmStaleSegmentsRemove(entityManager_->shmName(""))) {
          log("removed " + std::to_string(n) + " segments that dead processes left under the root");
       }
+      // First, since another host on the root already has it; a refusal here is the host's
+      // own failure to start, said by whoever made it, not a table's damage.
+      countersTable_ = entityManager_->mount<HostCountersTable>(options_.countersPath,
+                                                                Atlas::MountMode::writer, 4);
       entityManager_->corruptionHandlerIs(
           [this](const std::string& path, const std::string& reason) {
              handleSegmentDamage(path, reason);
           });
-      // First, since another host on the root already has it.
-      countersTable_ = entityManager_->mount<HostCountersTable>(options_.countersPath,
-                                                                Atlas::MountMode::writer, 4);
    }
    watcher_ = Orb::ptrNew<ChipMbbSlice::ChipSliceTableWatcherSm>(
        tableInfoDir_, entityManager_, options_.supportedDevices, options_.sessHdl,
@@ -246,7 +247,10 @@ void AgentHost::publicationFollow(const std::string& dirPath, const SegmentId& s
    Publication publication;
    try {
       publication.mirror = std::make_unique<ChipMbbShared::TableInfoDirMirror>(
-          *entityManager_, dirPath, tableInfoDir_);
+          *entityManager_, dirPath, tableInfoDir_,
+          [this, dirPath](const std::string& name, const std::string& reason) {
+             handleDirEntryRefusal(dirPath, name, reason);
+          });
    } catch (const Vault::MountException& e) {
       return;  // not all there yet; the next probe tries again
    } catch (const Brio::CorruptionDetectedException& e) {
@@ -284,6 +288,13 @@ void AgentHost::handleTableSkip(const ChipMbbShared::TableConfigMountKey& key,
    if (!skipsSaid_.insert(key.name() + "\n" + reason).second) return;
    ++numTablesSkipped_;
    log("not serving table " + key.name() + ": " + reason);
+}
+
+void AgentHost::handleDirEntryRefusal(const std::string& dirPath, const std::string& name,
+                                      const std::string& reason) {
+   if (!skipsSaid_.insert(dirPath + "\n" + name + "\n" + reason).second) return;
+   ++numTablesSkipped_;
+   log("publisher " + dirPath + ": not following " + name + ": " + reason);
 }
 
 void AgentHost::handleSegmentDamage(const std::string& path, const std::string& reason) {

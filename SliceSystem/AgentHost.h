@@ -164,6 +164,9 @@ class AgentHost {
    void handleSegmentDamage(const std::string& path, const std::string& reason);
    // An announced table whose collections could not be mounted: said once, and counted.
    void handleTableSkip(const ChipMbbShared::TableConfigMountKey& key, const std::string& reason);
+   // A publisher's directory entry whose collection cannot be followed: said once, and counted.
+   void handleDirEntryRefusal(const std::string& dirPath, const std::string& name,
+                              const std::string& reason);
    void damagedTablesStop();
    void damagedTablesRestart();
 

@@ -54,8 +54,11 @@ void TableInfoPublisher::tableInfoDel(const std::string& name) {
 }
 
 TableInfoDirMirror::TableInfoDirMirror(Atlas::EntityManager& entityManager, std::string dirPath,
-                                       Orb::Ptr<Orb::Dir> dir)
-    : entityManager_(entityManager), dirPath_(std::move(dirPath)), dir_(std::move(dir)) {
+                                       Orb::Ptr<Orb::Dir> dir, Refused refused)
+    : entityManager_(entityManager),
+      dirPath_(std::move(dirPath)),
+      dir_(std::move(dir)),
+      refused_(std::move(refused)) {
    dirTable_ = entityManager_.mount<TableInfoDirTable>(dirPath_, Atlas::MountMode::reader);
    notifierIs(dirTable_.get());
    handleTableInfoDir();
@@ -75,6 +78,7 @@ void TableInfoDirMirror::handleTableInfo(const std::string& name) {
    if (entry.empty()) return;
    if (dir_->entity(name)) {
       ++numNameClashes_;
+      if (refused_) refused_(name, "the name is another publisher's");
       return;
    }
    std::string path = tableInfoPath(dirPath_, name);
@@ -86,9 +90,11 @@ void TableInfoDirMirror::handleTableInfo(const std::string& name) {
                                         Atlas::MountMode::reader)
                  : entityManager_.mount(path, std::string(TableConfigMountInfo::vaultTypeName),
                                         Atlas::MountMode::reader);
-   } catch (const Vault::MountException&) {
-      // Gone again before we got to it; its removal is on its way.
+   } catch (const Vault::MountException& e) {
+      // Missing, of another type, or gone again before we got to it (its removal then on its
+      // way).
       ++numMountFailures_;
+      if (refused_) refused_(name, e.what());
       return;
    } catch (const Brio::CorruptionDetectedException&) {
       ++numMountFailures_;

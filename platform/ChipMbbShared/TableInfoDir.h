@@ -2,6 +2,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <string>
 #include <string_view>
@@ -119,15 +120,18 @@ class TableInfoPublisher {
 // The agent's side: an Orb::Dir that holds, under each published name, the mount-info
 // collection (TableConfigMountInfo or MatAdtSelTableConfigMountInfo) mounted for reading, and
 // follows the directory as the publisher adds and removes names. A collection that cannot be
-// mounted is left out of the Dir and counted.
+// mounted is left out of the Dir, counted and told to `refused` with the reason (damage and
+// other users' segments excepted: the entity manager says those).
 //
 // Several mirrors may fill one Dir, one per publisher's directory. A name that another mirror
 // already put there stays with it: the later announcement is counted as a clash and left out
 // (until handleTableInfoDir finds the name free), and a mirror removes only what it put in.
 class TableInfoDirMirror : public TableInfoDirTable::Notifiee {
  public:
+   using Refused = std::function<void(const std::string& name, const std::string& reason)>;
    TableInfoDirMirror(Atlas::EntityManager& entityManager, std::string dirPath,
-                      Orb::Ptr<Orb::Dir> dir = Orb::ptrNew<Orb::Dir>("tableInfoDir"));
+                      Orb::Ptr<Orb::Dir> dir = Orb::ptrNew<Orb::Dir>("tableInfoDir"),
+                      Refused refused = {});
    ~TableInfoDirMirror() override;
 
    const Orb::Ptr<Orb::Dir>& dir() const { return dir_; }
@@ -151,6 +155,7 @@ class TableInfoDirMirror : public TableInfoDirTable::Notifiee {
    std::string dirPath_;
    Orb::Ptr<Orb::Dir> dir_;
    Orb::Ptr<TableInfoDirTable> dirTable_;
+   Refused refused_;
    struct Mounted {
       TableInfoDirEntry entry;
       Orb::Ptr<Orb::Object> info;

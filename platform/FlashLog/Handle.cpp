@@ -6,6 +6,7 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <cerrno>
 #include <cstdlib>
 
 namespace FlashLog {
@@ -93,6 +94,11 @@ int traceFileOpen(std::string& path) {
    for (int attempt = 0; attempt < 2; ++attempt) {
       const int fd =
           ::open(path.c_str(), O_RDWR | O_CREAT | O_NOFOLLOW | O_NONBLOCK | O_CLOEXEC, 0600);
+      // A symbolic link in the file's place is someone else's name; write beside it.
+      if (fd < 0 && errno == ELOOP) {
+         path += "." + std::to_string(getpid());
+         continue;
+      }
       if (fd < 0) return -1;
       struct stat st {};
       const bool ours = ::fstat(fd, &st) == 0 && S_ISREG(st.st_mode) && st.st_uid == ::geteuid() &&

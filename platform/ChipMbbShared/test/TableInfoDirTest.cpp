@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <map>
 #include <set>
 
 #include "Atlas/Atlas.h"
@@ -45,7 +46,12 @@ TEST(ChipMbbSharedTableInfoDir, AgentDirFollowsWhatThePublisherAddsAndRemoves) {
    auto acl = publisher->singleTableInfoIs("Acl", 16);
    acl->entryIs(aclKey(), TableConfigMountEntry());
 
-   TableInfoDirMirror mirror(agentEm, "tableInfo");
+   // An entry whose collection is not there is left out, and the mirror says why.
+   publisher->dirTable()->entryIs(TableInfoDirEntry("Ghost", TableInfoKind::single, 99));
+   std::map<std::string, std::string> refused;
+   TableInfoDirMirror mirror(
+       agentEm, "tableInfo", Orb::ptrNew<Orb::Dir>("tableInfoDir"),
+       [&](const std::string& name, const std::string& reason) { refused[name] = reason; });
    DirWatcher watcher;
    watcher.notifierIs(mirror.dir().get());
    auto aclInfo = std::dynamic_pointer_cast<TableConfigMountInfo>(mirror.dir()->entity("Acl"));
@@ -77,7 +83,9 @@ TEST(ChipMbbSharedTableInfoDir, AgentDirFollowsWhatThePublisherAddsAndRemoves) {
              nullptr;
    });
    EXPECT_TRUE(std::dynamic_pointer_cast<TableConfigMountInfo>(mirror.dir()->entity("Ecmp")));
-   EXPECT_EQ(mirror.numMountFailures(), 0u);
+   EXPECT_EQ(mirror.numMountFailures(), 1u);
+   EXPECT_EQ(refused.size(), 1u);
+   EXPECT_NE(refused["Ghost"].find("No such file"), std::string::npos) << refused["Ghost"];
 
    // A publisher that goes withdraws everything it announced. Across processes the same path
    // is taken by the host's end-to-end tests.

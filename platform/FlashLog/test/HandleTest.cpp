@@ -134,14 +134,15 @@ TEST_F(HandleTest, FileNameTakesPidAndDirectory) {
    unsetenv("FLASHLOG_DISABLE");
 }
 
-// The trace file is this process's own: a link someone put in its place is not followed, a
-// file of another name is not written through, a second handle on the name writes beside the
-// first, and nobody else may read it.
+// The trace file is this process's own: a link someone put in its place is not followed nor a
+// file of another name written through (the trace goes beside them), a second handle on the name
+// writes beside the first, and nobody else may read it.
 TEST_F(HandleTest, TraceFilesAreNeverSharedOrFollowed) {
    const std::string victim = dir.path() + "/victim";
    { std::ofstream(victim) << "keep"; }
    ASSERT_EQ(::symlink(victim.c_str(), (dir.path() + "/link.qt").c_str()), 0);
-   EXPECT_FALSE(handle.open("link.qt", productSizes));
+   ASSERT_TRUE(handle.open("link.qt", productSizes));
+   EXPECT_EQ(handle.path(), dir.path() + "/link.qt." + std::to_string(getpid()));
    ASSERT_EQ(::link(victim.c_str(), (dir.path() + "/hard.qt").c_str()), 0);
    ASSERT_TRUE(handle.open("hard.qt", productSizes));
    EXPECT_EQ(handle.path(), dir.path() + "/hard.qt." + std::to_string(getpid()));
