@@ -221,14 +221,15 @@ class BareHelper : public MbbEngine::MbbEngineHelper {
 };
 
 // How far down the path an engine-alone run goes: the engine with a helper that places
-// nothing, the slice's helper without committing, with the chip model's commit, and with the
-// statuses written to a shared segment as the host writes them.
-enum class Depth { configOnly, engine, helper, chip, status };
+// nothing, the slice's helper without committing, with the chip model's commit, with the
+// statuses written to a shared segment as the host writes them; `full` is the engine-alone
+// variant, statuses in process memory.
+enum class Depth { configOnly, engine, helper, chip, status, full };
 
 // One table served by the engine alone.
 struct EngineTable {
    EngineTable(const SliceSystem::TableSpec& spec, Keel::TimerWheel* wheel, std::uint32_t qtId,
-               Depth depth = Depth::chip, const std::string& statusShm = "")
+               Depth depth = Depth::full, const std::string& statusShm = "")
        : config(Vault::MbbEngine::tableConfigFactory(spec.name)),
          status(depth == Depth::status
                     ? Vault::shmTableWriterNew<Vault::MbbEngine::TableStatus>(spec.name + "-status",
@@ -242,8 +243,8 @@ struct EngineTable {
          helper = Orb::ptrNew<BareHelper>("", nullptr, spec.size);
       } else {
          auto slice = Orb::ptrNew<ChipMbbSlice::ChipMbbEngineHelper>(
-             "", depth == Depth::status ? status : nullptr, nullptr, nullptr, nullptr, 1,
-             spec.tableId, 0, 0, spec.size, depth == Depth::helper, qtId);
+             "", depth == Depth::status || depth == Depth::full ? status : nullptr, nullptr,
+             nullptr, nullptr, 1, spec.tableId, 0, 0, spec.size, depth == Depth::helper, qtId);
          slice->devTgtIs(ChipDriver::ChipDevTgt{0, 0xFFFF});
          helper = slice;
       }
@@ -258,7 +259,7 @@ struct EngineTable {
 };
 
 Run engineOnly(const ChipModel::ChipProfile& profile, const Scenario& s,
-               Depth depth = Depth::chip) {
+               Depth depth = Depth::full) {
    ChipModel::InstalledChip chip(profile);
    SliceSystem::PublisherOptions options = optionsFor(profile, s);
    std::string source;
@@ -291,7 +292,7 @@ Run engineOnly(const ChipModel::ChipProfile& profile, const Scenario& s,
    run.sound = chip.numViolations() == 0;
    for (std::size_t t = 0; t < tables.size(); ++t) {
       run.entries += changes[t].size();
-      const bool statuses = depth == Depth::chip || depth == Depth::status;
+      const bool statuses = depth == Depth::status || depth == Depth::full;
       run.sound = run.sound && (!statuses || tables[t]->status->size() == changes[t].size());
    }
    if (!run.sound) run.why = "statuses missing or hitless violations\n";
@@ -349,34 +350,35 @@ std::pair<double, double> shmWriteAndDrain(const ChipModel::ChipProfile& profile
 // publisher's write and the host's drain on shared segments, then the engine-alone path run
 // deeper each time (in-memory configuration writes only, the engine, the slice's helper, the
 // chip model's commit, the status written to a shared segment); each stage is the difference
-// to the run before it. Nanoseconds per entry, the lowest of the rounds.
+// to the run before it. Each run's lowest time over the rounds, in nanoseconds per entry.
 struct Stages {
    static constexpr const char* names[] = {"publisher write", "reader drain", "engine",
                                            "helper",          "chip model",   "status write"};
-   std::vector<std::array<double, 6>> rounds;
+   // write, drain, then the engine-alone runs from configOnly to status.
+   std::vector<std::array<double, 7>> rounds;
 
    void measure(const ChipModel::ChipProfile& profile, const Scenario& s) {
-      const double n = double(s.numTables) * s.entriesPerTable;
-      std::array<double, 6> ns{};
+      std::array<double, 7> seconds{};
       const auto [write, drain] = shmWriteAndDrain(profile, s);
-      ns[0] = write / n * 1e9;
-      ns[1] = drain / n * 1e9;
-      double before = engineOnly(profile, s, Depth::configOnly).seconds;
-      const Depth depths[] = {Depth::engine, Depth::helper, Depth::chip, Depth::status};
-      for (int i = 0; i < 4; ++i) {
-         const double seconds = engineOnly(profile, s, depths[i]).seconds;
-         ns[2 + i] = (seconds - before) / n * 1e9;
-         before = seconds;
-      }
-      rounds.push_back(ns);
+      seconds[0] = write;
+      seconds[1] = drain;
+      const Depth depths[] = {Depth::configOnly, Depth::engine, Depth::helper, Depth::chip,
+                              Depth::status};
+      for (int i = 0; i < 5; ++i) seconds[2 + i] = engineOnly(profile, s, depths[i]).seconds;
+      rounds.push_back(seconds);
    }
-   void print(const char* name) const {
+   void print(const char* name, const Scenario& s) const {
+      const double n = double(s.numTables) * s.entriesPerTable;
+      std::array<double, 7> low = rounds[0];
+      for (const auto& r : rounds) {
+         for (int i = 0; i < 7; ++i) low[i] = std::min(low[i], r[i]);
+      }
+      const double ns[] = {low[0],          low[1],          low[3] - low[2],
+                           low[4] - low[3], low[5] - low[4], low[6] - low[5]};
       double total = 0;
       for (int i = 0; i < 6; ++i) {
-         double low = rounds[0][i];
-         for (const auto& r : rounds) low = std::min(low, r[i]);
-         total += low;
-         std::printf("figure: %s stage %s = %.0f ns/entry\n", name, names[i], low);
+         total += ns[i] / n * 1e9;
+         std::printf("figure: %s stage %s = %.0f ns/entry\n", name, names[i], ns[i] / n * 1e9);
       }
       std::printf("figure: %s stages together = %.0f ns/entry (%.0f entries/s on one core)\n", name,
                   total, 1e9 / total);
@@ -510,7 +512,7 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
       ratios.push_back((t.entries / t.seconds) / (l.entries / l.seconds));
       memory = t;
    }
-   if (onlyVariant == "stages") stages.print(s.name);
+   if (onlyVariant == "stages") stages.print(s.name, s);
    if (!onlyVariant.empty()) return;
    const double ratioLow = *std::min_element(ratios.begin(), ratios.end());
    const double ratioHigh = *std::max_element(ratios.begin(), ratios.end());
@@ -528,7 +530,7 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
        "figure: %s host resident memory per served entry = %.0f bytes (the root's segments: %.0f "
        "bytes per entry)\n",
        s.name, memory.hostRss / entries, memory.segmentBytes / entries);
-   stages.print(s.name);
+   stages.print(s.name, s);
    std::fflush(stdout);
 }
 

@@ -10,7 +10,6 @@
 #include <string>
 #include <string_view>
 #include <thread>
-#include <unordered_set>
 #include <vector>
 
 #include "Vault/Errors.h"
@@ -171,8 +170,11 @@ class ShmStore : public Store<K, V> {
  private:
    void drain(ChangeSink<K>& sink) {
       doorbell_->drain();
-      std::unordered_set<K> batch;
       std::vector<K> changed;
+      struct Forget {
+         DrainBatch& batch;
+         ~Forget() { batch.clear(); }
+      } forget{batch_};
       // A head that keeps moving (a busy writer, or a damaged one) is followed a few rounds,
       // then left to the next call.
       for (unsigned round = 0;; ++round) {
@@ -186,7 +188,7 @@ class ShmStore : public Store<K, V> {
          for (std::uint64_t p = cursor_; p < end; ++p) {
             std::optional<K> key = ringKey(p);
             if (!key) return resync(sink);
-            if (batch.insert(*key).second) changed.push_back(*key);
+            if (batch_.insert(*key, hashOf(*key))) changed.push_back(*key);
          }
          cursor_ = end;
          if (end != head) {
@@ -203,6 +205,43 @@ class ShmStore : public Store<K, V> {
       for (const K& key : changed) orderedChanged(key);
       for (const K& key : changed) sink.keyChanged(key);
    }
+
+   // The keys of one drain, each once: a flat set kept from one drain to the next and emptied
+   // cell by cell, since a node per key and a table grown from nothing on every drain cost the
+   // reader more than reading the ring.
+   class DrainBatch {
+    public:
+      bool insert(const K& key, std::uint64_t hash) {
+         if ((taken_.size() + 1) * 2 > keys_.size()) grow();
+         const std::size_t mask = keys_.size() - 1;
+         std::size_t at = hash & mask;
+         for (; used_[at]; at = (at + 1) & mask) {
+            if (keys_[at] == key) return false;
+         }
+         used_[at] = 1;
+         keys_[at] = key;
+         taken_.push_back(at);
+         return true;
+      }
+      void clear() {
+         for (std::size_t at : taken_) used_[at] = 0;
+         taken_.clear();
+      }
+
+    private:
+      void grow() {
+         std::vector<K> keys;
+         keys.swap(keys_);
+         std::vector<std::size_t> taken;
+         taken.swap(taken_);
+         keys_.assign(std::max<std::size_t>(64, keys.size() * 2), K{});
+         used_.assign(keys_.size(), 0);
+         for (std::size_t at : taken) insert(keys[at], hashOf(keys[at]));
+      }
+      std::vector<K> keys_;
+      std::vector<unsigned char> used_;
+      std::vector<std::size_t> taken_;
+   };
 
    using Clock = std::chrono::steady_clock;
    static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
@@ -615,6 +654,7 @@ class ShmStore : public Store<K, V> {
    std::unique_ptr<Shm::Doorbell> doorbell_;
    std::uint64_t cursor_ = 0;
    std::uint64_t numResyncs_ = 0;
+   DrainBatch batch_;
    // The key order (orderedChanged()), writer and reader.
    mutable bool orderedValid_ = false;
    mutable std::vector<K> sorted_;

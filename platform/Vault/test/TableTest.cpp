@@ -106,7 +106,9 @@ TEST(VaultTable, WalksAgreeWithATreeUnderEveryMixOfChanges) {
          auto it = table->iterAfter(from);
          auto want = model.upper_bound(from);
          ASSERT_EQ(it == table->end(), want == model.end());
-         if (want != model.end()) EXPECT_EQ(it->second, partOf(want->first, want->second));
+         if (want != model.end()) {
+            EXPECT_EQ(it->second, partOf(want->first, want->second));
+         }
       }
    }
 }
