@@ -21,6 +21,7 @@ namespace ChipMbbSlice::Test {
 using ChipMbbShared::AdtEntryConfig;
 using ChipMbbShared::SelMbrEntryConfig;
 using ChipMbbShared::SelMbrEntryKey;
+using ChipTestUtil::assertionOf;
 using Vault::MbbEngine::EntryConfig;
 using Vault::MbbEngine::EntryKey;
 using Vault::MbbEngine::EntryStatus;
@@ -130,17 +131,5 @@ class HelperTest : public ::testing::Test {
    Orb::Ptr<TableStatus> selGrpStatus = statusTableNew("selgrp-status");
    Orb::Ptr<TableStatus> selMbrStatus = statusTableNew("selmbr-status");
 };
-
-// The expression text of the assertion that `fn` fails, or "" when it does not fail.
-template <class Fn>
-std::string assertionOf(Fn&& fn) {
-   Brio::ScopedThrowingAsserts throwing;
-   try {
-      fn();
-   } catch (const Brio::AssertionFailure& failure) {
-      return failure.expression();
-   }
-   return "";
-}
 
 }  // namespace ChipMbbSlice::Test

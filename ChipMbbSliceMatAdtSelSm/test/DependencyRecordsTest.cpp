@@ -5,6 +5,7 @@
 
 #include "Brio/Brio.h"
 #include "ChipMbbSliceMatAdtSelSm/ChipMbbSliceMatAdtSelSm.h"
+#include "ChipModel/testing/ChipTestUtil.h"
 
 namespace ChipMbbSlice {
 namespace {
@@ -73,15 +74,8 @@ TEST(DependencyRecords, GroupBecomesReferableOnlyWhenEveryVectorHasAnActiveMembe
    EXPECT_TRUE(grp.referable());
 
    grp.activeMbrCntDel(VectorIndex(1));
-   {
-      Brio::ScopedThrowingAsserts throwing;
-      try {
-         grp.updateReferable();
-         FAIL() << "a referable group with an empty vector passed";
-      } catch (const Brio::AssertionFailure& failure) {
-         EXPECT_EQ(failure.expression(), "!referable(): 0 mbrCnt but referable is set");
-      }
-   }
+   EXPECT_EQ(ChipTestUtil::assertionOf([&] { grp.updateReferable(); }),
+             "!referable(): 0 mbrCnt but referable is set");
 
    SelGrpState tooWide(2, 1, 0x11, 17, 0);
    for (std::uint32_t v = 0; v < 16; ++v) tooWide.activeMbrCntIs(VectorIndex(v), 1);

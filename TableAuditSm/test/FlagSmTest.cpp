@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "Brio/Brio.h"
+#include "ChipModel/testing/ChipTestUtil.h"
 #include "TableAuditSm/TableAuditSm.h"
 
 namespace {
@@ -68,15 +69,11 @@ TEST(FlagSmTest, HandlesAreRecordedNeverNotifiedAndLimitsCompareExactly) {
    EXPECT_EQ(f.failed->failedEntries().begin()->second.identifier(), 9u);
 
    // A flag older than the previous audit is a broken clean-up, not data.
-   Brio::ScopedThrowingAsserts asserts;
    f.flags.flagEntryHdl(0x43, AuditFailReason::matSdkHandleNotInMbb);
    f.instance->instanceInc(2);
-   try {
-      f.flags.flagEntryHdl(0x43, AuditFailReason::matSdkHandleNotInMbb);
-      FAIL();
-   } catch (const Brio::AssertionFailure& e) {
-      EXPECT_EQ(e.expression(), "flaggedHdl.flaggedInstance() == configInstance()->instance() - 1");
-   }
+   EXPECT_EQ(ChipTestUtil::assertionOf(
+                 [&] { f.flags.flagEntryHdl(0x43, AuditFailReason::matSdkHandleNotInMbb); }),
+             "flaggedHdl.flaggedInstance() == configInstance()->instance() - 1");
 }
 
 }  // namespace

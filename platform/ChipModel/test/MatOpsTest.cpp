@@ -217,17 +217,6 @@ TEST_F(MatOps, EntryScopeMakesOneInstancePerPipe) {
    EXPECT_EQ(chip.table(0, singleHdl)->entryScope(), 1u);
 }
 
-template <class Fn>
-std::string assertionOf(Fn&& fn) {
-   Brio::ScopedThrowingAsserts throwing;
-   try {
-      fn();
-   } catch (const Brio::AssertionFailure& failure) {
-      return failure.expression();
-   }
-   return "";
-}
-
 // The placement calls go to the one chip installed, and nothing else slips in or out unseen.
 TEST(ChipInstall, OneChipAtATimeExplicitly) {
    Chip spare(testProfile());

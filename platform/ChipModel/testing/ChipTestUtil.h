@@ -5,7 +5,9 @@
 
 #include <cstdint>
 #include <memory>
+#include <string>
 
+#include "Brio/Brio.h"
 #include "ChipModel/ChipProfile.h"
 #include "ChipSdk/ChipSdk.h"
 
@@ -85,6 +87,18 @@ inline bf_status_t selAdd(std::uint32_t grpHdl, std::uint32_t mbrHdl, std::uint3
       return p4_pd_set_one_plcmt_op_sel_add(info, grpHdl, mbrHdl, pipe, selIndex, subIndex,
                                             data.data());
    });
+}
+
+// The expression text of the assertion that `fn` fails, or "" when it does not fail.
+template <class Fn>
+std::string assertionOf(Fn&& fn) {
+   Brio::ScopedThrowingAsserts throwing;
+   try {
+      fn();
+   } catch (const Brio::AssertionFailure& failure) {
+      return failure.expression();
+   }
+   return "";
 }
 
 }  // namespace ChipTestUtil
