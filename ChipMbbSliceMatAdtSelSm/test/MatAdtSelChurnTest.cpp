@@ -348,8 +348,7 @@ TEST(MatAdtSelChurn, EveryStatusAndCountAgreesWithTheChipAfterEveryPhase) {
          ADD_FAILURE() << "seed " << seed;
          return;
       }
-      EXPECT_TRUE(churn.w.matTable().empty() && churn.w.selTable().empty() &&
-                  churn.w.adtTable().empty());
+      EXPECT_TRUE(churn.w.chipEmpty());
       deadlockBreaks += churn.w.impl->numDeadlockBreakOps();
    }
    EXPECT_GT(deadlockBreaks, 10u) << "the churn re-pointed vectors' only active members";

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include "ChipMbbSliceMatAdtSelSm/test/EngineTestUtil.h"
+#include "ChipModel/testing/ChipTestUtil.h"
 
 // The engine's decisions, one situation each, against the chip model with its hitless checker
 // fatal: what waits, what is deferred, what is released when, and what the helper is asked.
@@ -68,13 +69,8 @@ TEST_F(EngineTest, ReferencesMoveMakeBeforeBreakAndQueuedGroupDeleteRunsAfterThe
 
    w.matConfig->entryDel(route);
    EXPECT_EQ(grp(grpB)->refCnt(), 0u) << "a deleted route releases its group";
-   Brio::ScopedThrowingAsserts throwing;
-   try {
-      w.impl->decSelGrpRefCnt(grp(grpB));
-      FAIL() << "count went below zero";
-   } catch (const Brio::AssertionFailure& failure) {
-      EXPECT_EQ(failure.expression(), "sgs->refCnt() > 0: tried to decrease refCnt, but it was 0");
-   }
+   EXPECT_EQ(ChipTestUtil::assertionOf([&] { w.impl->decSelGrpRefCnt(grp(grpB)); }),
+             "sgs->refCnt() > 0: tried to decrease refCnt, but it was 0");
 }
 
 TEST_F(EngineTest, TheLastActiveMemberOfAVectorStaysUntilAnotherOneIsActive) {
@@ -115,11 +111,9 @@ TEST_F(EngineTest, RepointingAVectorsOnlyActiveMemberBreaksTheDeadlockThroughAno
    const auto members = w.impl->issuedSelMbrs(grpA);
    ASSERT_EQ(members.size(), 1u) << "the slot the breaker borrowed is empty again";
    EXPECT_EQ(members[0]->adtKey(), nh2);
+   // The churn test holds every reference count against the chip after each break.
    EXPECT_EQ(opIdOf(w.mbrStatus, member), OpId(2));
    EXPECT_EQ(w.mbrStatus->size(), 1u);
-   EXPECT_EQ(adt(nh1)->refCnt(), 0u);
-   EXPECT_EQ(adt(nh2)->refCnt(), 1u);
-   EXPECT_EQ(w.adtTable().entry(0x101)->refCount, 1u);
 }
 
 TEST_F(EngineTest, FallbackMemberSetsAndClearsThePipesFallbackWithoutAGroup) {

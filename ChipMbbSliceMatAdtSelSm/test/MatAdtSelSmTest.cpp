@@ -21,9 +21,6 @@ class MatAdtSelSmTest : public ::testing::Test {
       w.mbrIs(member, 1, nh, true);
       w.routeIs(route, 1, 0x1, 0, grp, 1, 0);
    }
-   bool chipEmpty() const {
-      return w.matTable().empty() && w.selTable().empty() && w.adtTable().empty();
-   }
 
    Testing::TripleWorld w;
    OpLog log;
@@ -50,9 +47,9 @@ TEST_F(MatAdtSelSmTest, PassesAfterAReaderFellBehindTakeOutWhatWasDeletedMeanwhi
    w.mbrConfig->entryDel(member);
    w.grpConfig->entryDel(grp);
    w.adtConfig->entryDel(nh);
-   EXPECT_FALSE(chipEmpty()) << "nobody was told";
+   EXPECT_FALSE(w.chipEmpty()) << "nobody was told";
    w.sm->hasNotificationActiveIs(true);
-   EXPECT_TRUE(chipEmpty());
+   EXPECT_TRUE(w.chipEmpty());
    EXPECT_TRUE(w.impl->currentAdts().empty() && w.impl->currentSelGrps().empty());
    EXPECT_EQ(w.matStatus->size() + w.adtStatus->size() + w.grpStatus->size() + w.mbrStatus->size(),
              0u);
@@ -65,7 +62,7 @@ TEST_F(MatAdtSelSmTest, CleanupTakesRoutesThenMembersThenAdtEntriesOut) {
    w.sm.reset();
    log.notifierIs(nullptr);
    EXPECT_EQ(log.ops, (std::vector<std::string>{"mat_del", "sel_del", "adt_del"}));
-   EXPECT_TRUE(chipEmpty());
+   EXPECT_TRUE(w.chipEmpty());
    EXPECT_EQ(w.grpStatus->size(), 0u);
 }
 

@@ -102,6 +102,7 @@ class TripleWorld {
    const ChipModel::MatTable& matTable() const { return *chip.matTable(0, matHdl); }
    const ChipModel::AdtTable& adtTable() const { return *chip.adtTable(0, adtHdl); }
    const ChipModel::SelTable& selTable() const { return *chip.selTable(0, selHdl); }
+   bool chipEmpty() const { return matTable().empty() && selTable().empty() && adtTable().empty(); }
 
    static ChipModel::ChipProfile profileOf(TripleSizes sizes) {
       ChipModel::ChipProfile profile;
