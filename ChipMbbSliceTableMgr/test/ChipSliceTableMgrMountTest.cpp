@@ -55,12 +55,6 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
    EXPECT_EQ(chip->entry(5)->index, 7u);
    auto pubStatus = w.publisher.mount<TableStatus>("host/status", Atlas::MountMode::reader);
    EXPECT_EQ(pubStatus->entry(0x10), EntryStatus(0x10, 1));
-
-   // A later change travels through the segment and the loop.
-   config->entryIs(matEntry(0x11, 1, 6, 8));
-   w.settle([&] { return agentStatus->entry(0x11) == EntryStatus(0x11, 1); });
-   ASSERT_NE(chip->entry(6), nullptr);
-   EXPECT_EQ(pubStatus->entry(0x11), EntryStatus(0x11, 1));
    w.publisher.unmount("host/status");
 
    w.mgr->allowUnmountIs(true);
@@ -74,13 +68,12 @@ TEST(ChipSliceTableMgrMountTest, PublishedTableIsMountedServedAndUnmounted) {
    EXPECT_THAT(audit->calls, ElementsAre("add " + key.name(), "del " + key.name()));
    // The engine took its entries out of hardware as it went.
    EXPECT_EQ(chip->entry(5), nullptr);
-   EXPECT_EQ(chip->entry(6), nullptr);
 
    // Published again, it is mounted afresh.
    w.pubInfo->entryIs(key, published("host"));
    w.settle([&] { return w.mgr->mbbEngineSm(key) != nullptr; });
    ASSERT_NE(w.mgr->mbbEngineSm(key), nullptr);
-   EXPECT_NE(chip->entry(6), nullptr);
+   EXPECT_NE(chip->entry(5), nullptr);
 }
 
 // Mount entries that cannot be mounted are left out with a trace and a word to whoever asked
@@ -120,10 +113,6 @@ TEST(ChipSliceTableMgrMountTest, UnmountableEntriesAreSkipped) {
    EXPECT_EQ(said["large"],
              "large/config has room for 1024 entries, more than the 512 of the table");
    for (const char* name : {"missing", "wrongtype", "clash"}) {
-      const std::string skipped = "skipping " + namePrefix + name + ": ";
-      bool traced = false;
-      for (const std::string& text : w.capture.texts()) traced |= text.starts_with(skipped);
-      EXPECT_TRUE(traced) << name;
       EXPECT_TRUE(hasRecord("0:skipping unmountable:" + std::string(name))) << name;
    }
    // A refused status leaves no configuration mount behind.

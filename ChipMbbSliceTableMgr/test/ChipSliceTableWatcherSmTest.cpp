@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "ChipMbbSliceTableMgr/test/TableMgrWorld.h"
+#include "ChipModel/testing/ChipTestUtil.h"
 
 namespace ChipMbbSlice::test {
 namespace {
@@ -111,13 +112,9 @@ TEST(ChipSliceTableWatcherSmTest, DirectoryEntitiesAreAddedReplacedAndRemoved) {
    EXPECT_THAT(log.calls, ElementsAre("tableMgr host", "tableMgr host", "tableMgr rival",
                                       "matAdtSelTableMgr ecmp", "tableMgr host"));
 
-   std::string failed;
-   try {
-      w.dir->entityIs("odd", Orb::ptrNew<Orb::Dir>("odd"));
-   } catch (const Brio::AssertionFailure& e) {
-      failed = e.expression();
-   }
-   EXPECT_EQ(failed, "false && \"Unexpected type in dir\"");
+   EXPECT_EQ(
+       ChipTestUtil::assertionOf([&] { w.dir->entityIs("odd", Orb::ptrNew<Orb::Dir>("odd")); }),
+       "false && \"Unexpected type in dir\"");
 }
 
 }  // namespace

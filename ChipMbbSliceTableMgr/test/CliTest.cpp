@@ -15,29 +15,14 @@
 #include "ChipModel/ChipModel.h"
 #include "ChipModel/testing/ChipTestUtil.h"
 #include "Keel/Keel.h"
+#include "TableAuditSm/testing/AuditWorld.h"
 #include "Vault/LocalTable.h"
 
 namespace ChipMbbSlice {
 namespace {
 
-constexpr std::uint32_t hostHdl = 0x01000001;
-
-// Time that moves by `step` each time it is read, so that a dump's slices end after a known
-// number of rows.
-class SteppingTime : public Orb::TimeSource {
- public:
-   Orb::Seconds now() const override { return t_ += step; }
-   Orb::Seconds step = 0;
-
- private:
-   mutable Orb::Seconds t_ = 100;
-};
-
-Vault::MbbEngine::EntryConfig matEntry(std::uint64_t key, std::uint32_t handle,
-                                       std::uint32_t index) {
-   return Vault::MbbEngine::EntryConfig(key, 1, handle, 0, 0, 1, index, 0, 0,
-                                        ChipTestUtil::plainBlock(static_cast<std::uint8_t>(key)));
-}
+using test::hostHdl;
+using test::matEntry;
 
 // The lines of a dump, each of which must start with its expected text.
 std::vector<std::string> linesStartingWith(const std::string& text,
@@ -83,12 +68,25 @@ struct CliWorld : CliTableDir {
       return got;
    }
 
+   // What "hw table" prints for the chip table `hdl` holding the entries `hdls`.
+   std::string hwDump(std::uint32_t hdl, const std::vector<std::uint32_t>& hdls) const {
+      std::string text = "( " + hwPd->cliSchema(0, hdl) + ",{";
+      for (std::uint32_t h : hdls) {
+         char head[16];
+         std::snprintf(head, sizeof head, "0x%08x:", h);
+         text += head + hwPd->entryValue(7, 0, 0, hdl, h) + ",";
+      }
+      return text + "})";
+   }
+
    ChipModel::InstalledChip chip;
    Brio::ScopedThrowingAsserts asserts;
    ChipMbbShared::TableConfigMountKey key{ChipDriver::ChipDevTgt{0, 0xFFFF}, "ipv4_host", hostHdl};
    Orb::Ptr<ChipMbbShared::TableConfigMountInfo> info =
        Vault::localTableNew<ChipMbbShared::TableConfigMountInfo>("fib/info");
-   Orb::Ptr<SteppingTime> time = Orb::ptrNew<SteppingTime>();
+   // Moves on each read, so that a dump's slices end after a known number of rows.
+   Orb::Ptr<TableAuditTesting::StepTimeSource> time =
+       Orb::ptrNew<TableAuditTesting::StepTimeSource>();
    Orb::Ptr<Keel::TimerWheel> wheel = Orb::ptrNew<Keel::TimerWheel>(time, 1, 1024, true, 16);
    Orb::Ptr<ChipSliceTableMgrSm> mgr =
        Orb::ptrNew<ChipSliceTableMgrSm>(info, nullptr, 0x1, 7, test::syncGenTime, wheel,
@@ -112,18 +110,15 @@ TEST(CliTest, DumpFormats) {
              "mbb table nosuch pipe 0 key 0\nUnknown table name (nosuch)\n");
    EXPECT_EQ(w.run("mbb nothing"), "mbb nothing\n");
 
-   const std::string schema = w.hwPd->cliSchema(0, hostHdl);
-   EXPECT_EQ(w.run("hw table ipv4_host pipe 0", true), "( " + schema + ",{})");
+   EXPECT_EQ(w.run("hw table ipv4_host pipe 0", true), w.hwDump(hostHdl, {}));
    EXPECT_EQ(w.run("hw table nosuch pipe 0", true), "None");
    ASSERT_EQ(ChipTestUtil::matAdd(hostHdl, 0x21, 7, ChipTestUtil::plainBlock(1)), BF_SUCCESS);
    ASSERT_EQ(ChipTestUtil::matAdd(hostHdl, 0x22, 8, ChipTestUtil::plainBlock(2)), BF_SUCCESS);
-   EXPECT_EQ(w.run("hw table ipv4_host pipe 0", true),
-             "( " + schema + ",{0x00000021:" + w.hwPd->entryValue(7, 0, 0, hostHdl, 0x21) +
-                 ",0x00000022:" + w.hwPd->entryValue(7, 0, 0, hostHdl, 0x22) + ",})");
+   EXPECT_EQ(w.run("hw table ipv4_host pipe 0", true), w.hwDump(hostHdl, {0x21, 0x22}));
 
-   w.config().entryIs(matEntry(1, 0x11, 5));
-   w.config().entryIs(matEntry(2, 0x12, 0x7FFFF));
-   w.config().entryIs(matEntry(3, 0x13, 5));  // waits for key 1's index
+   w.config().entryIs(matEntry(1, 1, 0x11, 5));
+   w.config().entryIs(matEntry(2, 1, 0x12, 0x7FFFF));
+   w.config().entryIs(matEntry(3, 1, 0x13, 5));  // waits for key 1's index
    linesStartingWith(
        w.run("mbb table ipv4_host pipe 0 key 0"),
        {"mbb table ipv4_host pipe 0 key 0",
@@ -188,9 +183,9 @@ TEST(CliTest, TripleDumpFormats) {
        0x300, 1, 31, 0, 0, 1, 5, 10, 0, ChipSdk::PlcmtDataBuilder().selGroup(0x61, 1).block()));
    sm->matTableConfig()->entryIs(Vault::MbbEngine::EntryConfig(
        0x301, 1, 32, 0, 0, 1, 6, 20, 0, ChipSdk::PlcmtDataBuilder().selGroup(0x62, 1).block()));
-   w.time->step = 0.01;
+   w.time->stepIs(0.01);
    for (int i = 0; i < 50 && sm->tableStatus()->entry(0x300).opId() != 1; ++i) w.wheel->advance();
-   w.time->step = 0;
+   w.time->stepIs(0);
    ASSERT_NE(w.chip.matTable(0, test::ecmpHdl)->entry(31), nullptr);
 
    const auto lines = linesStartingWith(
@@ -205,18 +200,9 @@ TEST(CliTest, TripleDumpFormats) {
    EXPECT_TRUE(lines[7].ends_with(" STALE")) << lines[7];
 
    // The hardware dumps of the triple's three tables.
-   auto rows = [&](std::uint32_t hdl, std::vector<std::uint32_t> hdls) {
-      std::string text = "( " + w.hwPd->cliSchema(0, hdl) + ",{";
-      for (std::uint32_t h : hdls) {
-         char head[16];
-         std::snprintf(head, sizeof head, "0x%08x:", h);
-         text += head + w.hwPd->entryValue(7, 0, 0, hdl, h) + ",";
-      }
-      return text + "})";
-   };
-   EXPECT_EQ(w.run("hw table nexthop_ecmp pipe 0", true), rows(test::ecmpHdl, {31}));
-   EXPECT_EQ(w.run("hw table nexthop_ecmp_adt pipe 0", true), rows(test::ecmpAdtHdl, {11}));
-   EXPECT_EQ(w.run("hw table nexthop_ecmp_sel pipe 0", true), rows(test::ecmpSelHdl, {11}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp pipe 0", true), w.hwDump(test::ecmpHdl, {31}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp_adt pipe 0", true), w.hwDump(test::ecmpAdtHdl, {11}));
+   EXPECT_EQ(w.run("hw table nexthop_ecmp_sel pipe 0", true), w.hwDump(test::ecmpSelHdl, {11}));
 }
 
 struct RunnerTest : ::testing::Test {
@@ -227,7 +213,7 @@ struct RunnerTest : ::testing::Test {
       }
       whole = w.run("hw table ipv4_host pipe 0", true);
       // Each row reads the clock once: a 1 ms slice holds about ten rows.
-      w.time->step = 0.0001;
+      w.time->stepIs(0.0001);
    }
    int start(const std::string& command) {
       int fds[2];
@@ -274,7 +260,7 @@ TEST_F(RunnerTest, RunTimeLimitAbortsOnlyACommandThatFoundTheRunnerIdle) {
 
 TEST_F(RunnerTest, LargeEngineDumpYieldsAndMatchesTheWholeDump) {
    for (std::uint64_t k = 1; k <= 2 * CliCallback::mbbTableInlineEntries; ++k) {
-      w.config().entryIs(matEntry(k, static_cast<std::uint32_t>(0x1000 + k),
+      w.config().entryIs(matEntry(k, 1, static_cast<std::uint32_t>(0x1000 + k),
                                   static_cast<std::uint32_t>(1000 + k)));
    }
    const std::string sliced = w.run("mbb table ipv4_host pipe 0 key 0");
