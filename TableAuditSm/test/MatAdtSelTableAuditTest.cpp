@@ -15,6 +15,7 @@ using ChipMbbSlice::AuditFailReason;
 using ChipModel::FaultKind;
 using TableAuditTesting::auditFinish;
 using TableAuditTesting::auditNext;
+using TableAuditTesting::flagLines;
 using TableAuditTesting::StepTimeSource;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
@@ -91,14 +92,6 @@ struct TripleAudit {
    ChipMbbShared::TableConfigMountKey mountKey{{0, P4_PD_PIPE_ALL}, "route", World::matHdl};
    Orb::Ptr<ChipMbbSlice::TableAuditMgrSm> mgr;
 };
-
-std::vector<std::string> flagLines(const DualLog::CaptureSink& capture) {
-   std::vector<std::string> lines;
-   for (const auto& text : capture.texts()) {
-      if (text.starts_with("Flagging")) lines.push_back(text);
-   }
-   return lines;
-}
 
 // Every sub-table's disagreements, each behind the ones checked before it, in one audit; the
 // tombstones agree, acknowledged or taken out with their group.

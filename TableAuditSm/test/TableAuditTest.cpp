@@ -13,16 +13,9 @@ namespace {
 using ChipMbbSlice::AuditFailReason;
 using ChipModel::FaultKind;
 using TableAuditTesting::AuditWorld;
+using TableAuditTesting::flagLines;
 using ::testing::ElementsAre;
 using ::testing::IsEmpty;
-
-std::vector<std::string> flagLines(const DualLog::CaptureSink& capture) {
-   std::vector<std::string> lines;
-   for (const auto& text : capture.texts()) {
-      if (text.starts_with("Flagging")) lines.push_back(text);
-   }
-   return lines;
-}
 
 // Every kind of disagreement, each behind the ones checked before it, in one audit.
 TEST(TableAuditTest, EachKeyGetsTheFirstReasonInCheckOrder) {

@@ -12,6 +12,7 @@
 
 #include "ChipModel/ChipModel.h"
 #include "ChipSdk/ChipSdk.h"
+#include "FlashLog/CaptureSink.h"
 #include "Keel/TimerWheel.h"
 #include "MbbEngine/MbbEngine.h"
 #include "MbbEngine/testing/ChipCommitHelper.h"
@@ -56,6 +57,15 @@ inline unsigned auditNext(ChipMbbSlice::TableAuditMgrSm& mgr, StepTimeSource& cl
    clock.nowIs(mgr.auditTimer().timeMin());
    wheel.runExpired(clock.peek());
    return auditFinish(mgr, clock, wheel);
+}
+
+// The audit's flag traces among what `capture` holds.
+inline std::vector<std::string> flagLines(const DualLog::CaptureSink& capture) {
+   std::vector<std::string> lines;
+   for (const auto& text : capture.texts()) {
+      if (text.starts_with("Flagging")) lines.push_back(text);
+   }
+   return lines;
 }
 
 // The audited table, and beside it whatever else the caller serves on the same chip.
