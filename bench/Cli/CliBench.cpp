@@ -1,6 +1,7 @@
 // The show commands on a real host: how fast "hw table" streams a 1,000,000-entry table to a
 // client that keeps up, how long any turn of the host's loop is held meanwhile, what the
-// "mbb" dumps cost, and how much a hardware dump slows a publisher's convergence.
+// "mbb" dumps cost, each with the tables in process memory and mounted from shared memory, and
+// how much a hardware dump slows a publisher's convergence.
 //
 //   CliBench [--quick]     --quick: a tenth of the entries
 
@@ -16,6 +17,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <memory>
 #include <string>
 #include <thread>
 
@@ -132,7 +134,10 @@ void holdParts(const std::string& name, const Held& held) {
           "ms");
 }
 
-void inProcess(std::uint32_t scale) {
+// The host and its publisher in this process, so that every turn of the host's loop can be
+// timed; with `shared`, the publisher writes segments under a root and the host mounts them
+// from there, as it does a publisher in another process.
+void inProcess(std::uint32_t scale, bool shared) {
    ChipModel::ChipProfile profile;
    profile.name = "cli";
    profile.numPipes = 4;
@@ -167,23 +172,32 @@ void inProcess(std::uint32_t scale) {
    // both.
    hostOptions.countersPeriod = 1e6;
    hostOptions.auditInterval = 1e6;
-   hostOptions.cliSocketPath = Agent::socketPathFor("clibench-" + std::to_string(getpid()));
+   hostOptions.cliSocketPath =
+       Agent::socketPathFor("clibench-" + std::to_string(getpid()) + (shared ? "-shm" : ""));
+   if (shared) hostOptions.root = "clibench-shm-" + std::to_string(getpid());
    SliceSystem::AgentHost host(loop, hostOptions);
-   SliceSystem::LocalPublishTarget target(host);
-   SliceSystem::Publisher publisher(target, options);
+   std::unique_ptr<SliceSystem::PublishTarget> target;
+   if (shared) {
+      target = std::make_unique<SliceSystem::ShmPublishTarget>(loop, hostOptions.root);
+   } else {
+      target = std::make_unique<SliceSystem::LocalPublishTarget>(host);
+   }
+   SliceSystem::Publisher publisher(*target, options);
    const auto phase = publisher.publish();
    const auto triple = publisher.ecmpPhase(SliceSystem::EcmpPhaseKind::build);
    // The audit that started with the host finishes before anything is measured.
    const auto t0 = Clock::now();
    while (host.auditMgr()->auditState() != ChipMbbSlice::AuditState::idle) loop.runOnce(0.01);
    std::printf(
-       "== one process: %llu entries published in %.2f s, a triple of %llu in %.2f s; 64 "
-       "tables; the host's audit done %.2f s later\n",
+       "== one process, tables in %s: %llu entries published in %.2f s, a triple of %llu in "
+       "%.2f s; 64 tables; the host's audit done %.2f s later\n",
+       shared ? "shared memory" : "process memory",
        static_cast<unsigned long long>(phase.changes.total()), phase.seconds,
        static_cast<unsigned long long>(triple ? triple->ecmpChanges.total() : 0),
        triple ? triple->seconds : 0.0, secondsSince(t0));
    const std::string& path = hostOptions.cliSocketPath;
-   const std::string tag = scale == 1 ? "1M" : "100K";
+   const std::string where = shared ? " shm" : "";
+   const std::string tag = (scale == 1 ? "1M" : "100K") + where;
 
    // The first dump of a process pays a one-time cost that later ones do not: both are shown.
    for (const std::string run : {"first", "again"}) {
@@ -199,11 +213,11 @@ void inProcess(std::uint32_t scale) {
 
    using Named = std::pair<std::string, std::string>;
    for (const auto& [name, command] :
-        {Named{"mbb table 65536", "mbb table mid pipe 0 key 0"},
+        {Named{"mbb table 65536" + where, "mbb table mid pipe 0 key 0"},
          Named{"mbb table " + tag, "mbb table big pipe 0 key 0"},
-         Named{"mbb agents 64 tables", "mbb agents"},
-         Named{"mbb table triple", "mbb table nexthop_ecmp pipe 0 key 0"},
-         Named{"hw table triple selector", "hw table nexthop_ecmp_sel pipe 0"}}) {
+         Named{"mbb agents 64 tables" + where, "mbb agents"},
+         Named{"mbb table triple" + where, "mbb table nexthop_ecmp pipe 0 key 0"},
+         Named{"hw table triple selector" + where, "hw table nexthop_ecmp_sel pipe 0"}}) {
       const Held held = askOnLoop(loop, path, command);
       figure(name + " time", held.answer.seconds * 1e3, "ms");
       if (held.answer.rows != 0) {
@@ -306,7 +320,8 @@ void besidePublisher(std::uint32_t scale) {
 int main(int argc, char** argv) {
    const bool quick = argc > 1 && std::strcmp(argv[1], "--quick") == 0;
    const std::uint32_t scale = quick ? 10 : 1;
-   inProcess(scale);
+   inProcess(scale, false);
+   inProcess(scale, true);
    besidePublisher(scale);
    return 0;
 }
