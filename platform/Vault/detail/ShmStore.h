@@ -164,6 +164,18 @@ class ShmStore : public Store<K, V> {
       if (writable()) segment_->unlink();
    }
 
+   void announceDeferIs(std::function<void()> schedule) override {
+      if (!writable()) return;
+      announceSchedule_ = std::move(schedule);
+      changesAnnounce();
+   }
+   void changesAnnounce() override {
+      if (!writable() || damaged_) return;
+      announcePending_ = false;
+      unannounced_ = 0;
+      segment_->waitersPoke();
+   }
+
    const Shm::Segment& segment() const { return *segment_; }
    std::uint64_t numResyncs() const { return numResyncs_; }
 
@@ -247,6 +259,8 @@ class ShmStore : public Store<K, V> {
    static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
    static constexpr std::uint64_t maxChangesPerDrain = 4096;
    static constexpr unsigned maxDrainRounds = 16;
+   // A burst longer than this is announced on the way, so that readers keep pace with it.
+   static constexpr std::uint32_t maxUnannounced = 1024;
    // An index that keeps changing under a reader this often is not being rebuilt; it is
    // being damaged.
    static constexpr unsigned maxIndexRetries = 4096;
@@ -414,7 +428,15 @@ class ShmStore : public Store<K, V> {
       entry.tag.store(head_ + 1, std::memory_order_release);
       ++head_;
       segment_->header().ringHead.store(head_, std::memory_order_seq_cst);
-      segment_->waitersPoke();
+      // A reader woken for every change of a burst would drain a few keys each time and go
+      // back to sleep, and on a busy machine each wake-up waits for a processor. Deferred,
+      // the poke still comes after the ring head's store, so the pairing with a reader's
+      // arming holds.
+      if (!announceSchedule_ || ++unannounced_ >= maxUnannounced) return changesAnnounce();
+      if (!announcePending_) {
+         announcePending_ = true;
+         announceSchedule_();
+      }
    }
 
    // Drops deleted cells by re-inserting every live slot. Readers that probe meanwhile see
@@ -650,6 +672,9 @@ class ShmStore : public Store<K, V> {
    std::uint32_t count_ = 0;
    std::uint32_t deletedCells_ = 0;
    std::uint64_t head_ = 0;
+   std::function<void()> announceSchedule_;
+   bool announcePending_ = false;
+   std::uint32_t unannounced_ = 0;
    // Reader.
    std::unique_ptr<Shm::Doorbell> doorbell_;
    std::uint64_t cursor_ = 0;
