@@ -140,6 +140,15 @@ class ShmStore : public Store<K, V> {
             const bool haveRecent = recent != recent_.end();
             if (!haveSorted && !haveRecent) return std::nullopt;
             const bool takeSorted = haveSorted && (!haveRecent || !(*recent < *sorted));
+            if (takeSorted) {
+               // A walk reads the keys in order, each from another place in the index: those it
+               // reads next are fetched meanwhile, as a drain's are.
+               const auto left = static_cast<std::size_t>(sorted_.end() - sorted);
+               if (left > 2 * prefetchAhead) {
+                  __builtin_prefetch(&segment_->cell(hashOf(sorted[2 * prefetchAhead])));
+               }
+               if (left > prefetchAhead) slotPrefetch(sorted[prefetchAhead]);
+            }
             const K key = takeSorted ? *sorted++ : *recent++;
             // The order may know of a key that is gone; it is skipped.
             if (find(key, value)) return std::make_pair(key, value);
@@ -215,7 +224,25 @@ class ShmStore : public Store<K, V> {
                                        geometry().capacity));
       lostCheck();
       for (const K& key : changed) orderedChanged(key);
-      for (const K& key : changed) sink.keyChanged(key);
+      for (std::size_t i = 0; i < changed.size(); ++i) {
+         if (i + 2 * prefetchAhead < changed.size()) {
+            __builtin_prefetch(&segment_->cell(hashOf(changed[i + 2 * prefetchAhead])));
+         }
+         if (i + prefetchAhead < changed.size()) slotPrefetch(changed[i + prefetchAhead]);
+         sink.keyChanged(changed[i]);
+      }
+   }
+
+   // Whoever hears of a changed key reads it next, from memory that another processor wrote
+   // and that is no longer in this one's caches: a key's index cell, then the slot it names,
+   // are fetched while the keys before it are handled. Nothing here is trusted; a slot number
+   // out of range is not followed.
+   void slotPrefetch(const K& key) const {
+      const std::uint64_t c = segment_->cell(hashOf(key)).load(std::memory_order_relaxed);
+      const std::uint32_t s = Shm::cellSlot(c);
+      if (s == Shm::emptyCell || s == Shm::deletedCell || s > geometry().capacity) return;
+      const unsigned char* slot = reinterpret_cast<const unsigned char*>(&segment_->slot(s - 1));
+      for (std::uint32_t at = 0; at < geometry().slotSize; at += 64) __builtin_prefetch(slot + at);
    }
 
    // The keys of one drain, each once: a flat set kept from one drain to the next and emptied
@@ -259,6 +286,7 @@ class ShmStore : public Store<K, V> {
    static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
    static constexpr std::uint64_t maxChangesPerDrain = 4096;
    static constexpr unsigned maxDrainRounds = 16;
+   static constexpr std::size_t prefetchAhead = 2;
    // A burst longer than this is announced on the way, so that readers keep pace with it.
    static constexpr std::uint32_t maxUnannounced = 1024;
    // An index that keeps changing under a reader this often is not being rebuilt; it is
