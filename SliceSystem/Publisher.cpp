@@ -219,7 +219,12 @@ PhaseResult Publisher::phase(
       }
       // Announced before its entries, so that the host mounts it and programs what arrives
       // while the rest is still being written.
-      if (announce) target_.tableMountInfo().entryIs(table->key, table->entry);
+      if (announce) {
+         target_.tableMountInfo().entryIs(table->key, table->entry);
+         // A shared table rings its readers when the loop turns; the host is to hear of the
+         // table now, not once every entry is written.
+         target_.loop().runOnce(0);
+      }
       std::vector<TablePlan::Change> planned = changes(table->plan);
       table->watch.expectReserve(planned.size());
       for (const TablePlan::Change& change : planned) {
@@ -436,7 +441,10 @@ std::optional<PhaseResult> Publisher::ecmpPhase(EcmpPhaseKind kind) {
    result.name = ecmpPhaseName(kind);
    Orb::Seconds start = now();
    EcmpPhase phase = t.workload.phase(kind);
-   if (kind == EcmpPhaseKind::build) target_.tripleMountInfo()->entryIs(t.key, t.entry);
+   if (kind == EcmpPhaseKind::build) {
+      target_.tripleMountInfo()->entryIs(t.key, t.entry);
+      target_.loop().runOnce(0);
+   }
    for (const EcmpWrite& write : phase.writes) {
       t.watches[std::size_t(write.table)].expect(write.key, write.opId);
       t.workload.apply(phase, write, t.sink);

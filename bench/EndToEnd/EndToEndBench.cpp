@@ -12,8 +12,9 @@
 //   EndToEndBench [--quick] [--only single|multi|ecmp|replace] [--rounds N]
 //     --quick: a tenth of the entries; --only: one scenario; --rounds: runs of each variant
 //     (2 by default), the order of the variants alternating from round to round;
-//     --variant engine|one|two|stages: only that variant of the table scenarios, without figures
-//     (for profiling); --window: the measured span, to cut a profile to it
+//     --variant engine|one|two|stages: only that variant of the table scenarios (one|two of the
+//     ECMP build), without figures (for profiling); --window: the measured span, to cut a profile
+//     to it
 
 #include <fcntl.h>
 #include <signal.h>
@@ -110,6 +111,11 @@ struct Run {
    // machine the wall time says more about the neighbours than about the code.
    double cpuSelf = 0;
    double cpuHost = 0;
+   // Time spent runnable but waiting for a processor, of this process and of the host: what
+   // of the wall time beyond the processor time is the machine's load and not a wait for
+   // the other side.
+   double queuedSelf = 0;
+   double queuedHost = 0;
    // The publisher's writing, from the first write to the last.
    double writeSeconds = 0;
    // Two processes: the host's resident set and the root's segments once converged.
@@ -136,6 +142,15 @@ double cpuOf(pid_t pid) {
       if (i == 14 || i == 15) ticks += std::stod(field);
    }
    return ticks / double(::sysconf(_SC_CLK_TCK));
+}
+
+// Run-queue delay of a process's main thread so far, from /proc.
+double queuedOf(pid_t pid) {
+   std::ifstream in("/proc/" + std::to_string(pid) + "/schedstat");
+   double running = 0;
+   double waiting = 0;
+   in >> running >> waiting;
+   return waiting / 1e9;
 }
 
 double monotonicNow() {
@@ -181,9 +196,11 @@ std::string loadNow() {
 Run runOf(SliceSystem::Publisher& publisher, std::uint64_t total) {
    Run run;
    const double cpu = cpuSelfNow();
+   const double queued = queuedOf(::getpid());
    const double from = monotonicNow();
    SliceSystem::PhaseResult phase = publisher.publish();
    run.cpuSelf = cpuSelfNow() - cpu;
+   run.queuedSelf = queuedOf(::getpid()) - queued;
    windowPrint(from);
    run.seconds = phase.seconds;
    run.writeSeconds = phase.writeSeconds;
@@ -409,8 +426,10 @@ Run twoProcesses(const ChipModel::ChipProfile& profile, const Scenario& s) {
       SliceSystem::ShmPublishTarget target(loop, root);
       SliceSystem::Publisher publisher(target, optionsFor(profile, s));
       const double hostCpu = cpuOf(host);
+      const double hostQueued = queuedOf(host);
       run = runOf(publisher, std::uint64_t(s.numTables) * s.entriesPerTable);
       run.cpuHost = cpuOf(host) - hostCpu;
+      run.queuedHost = queuedOf(host) - hostQueued;
       run.hostRss = rssOf(host);
       run.segmentBytes = segmentBytesUnder(root);
    }
@@ -455,9 +474,10 @@ const char* verdict(bool met) {
 
 void runPrint(const char* name, const char* variant, const Run& run) {
    std::printf(
-       "  %s %s: %.3f s wall (publisher writing %.3f s), cpu %.3f s here + %.3f s host, load "
-       "%s\n",
-       name, variant, run.seconds, run.writeSeconds, run.cpuSelf, run.cpuHost, loadNow().c_str());
+       "  %s %s: %.3f s wall (publisher writing %.3f s), cpu %.3f s here + %.3f s host, waiting "
+       "for a processor %.3f s here + %.3f s host, load %s\n",
+       name, variant, run.seconds, run.writeSeconds, run.cpuSelf, run.cpuHost, run.queuedSelf,
+       run.queuedHost, loadNow().c_str());
    std::fflush(stdout);
 }
 
@@ -654,9 +674,11 @@ SliceSystem::PublisherOptions ecmpOptions(std::uint32_t scale) {
 Run ecmpBuildOf(SliceSystem::Publisher& publisher) {
    Run run;
    const double cpu = cpuSelfNow();
+   const double queued = queuedOf(::getpid());
    std::optional<SliceSystem::PhaseResult> phase =
        publisher.ecmpPhase(SliceSystem::EcmpPhaseKind::build);
    run.cpuSelf = cpuSelfNow() - cpu;
+   run.queuedSelf = queuedOf(::getpid()) - queued;
    if (!phase) {
       run.why = "the triple could not be published\n";
       return run;
@@ -701,8 +723,10 @@ Run ecmpTwoProcesses(std::uint32_t scale) {
       SliceSystem::ShmPublishTarget target(loop, root);
       SliceSystem::Publisher publisher(target, ecmpOptions(scale));
       const double hostCpu = cpuOf(host);
+      const double hostQueued = queuedOf(host);
       run = ecmpBuildOf(publisher);
       run.cpuHost = cpuOf(host) - hostCpu;
+      run.queuedHost = queuedOf(host) - hostQueued;
    }
    ::kill(host, SIGTERM);
    ::waitpid(host, nullptr, 0);
@@ -721,6 +745,14 @@ void ecmpScenario(std::uint32_t scale, std::uint32_t rounds) {
    for (std::uint32_t r = 0; r < rounds; ++r) {
       Run l;
       Run t;
+      if (onlyVariant == "one") {
+         runPrint("ECMP build", "one process", ecmpInProcess(scale));
+         continue;
+      }
+      if (onlyVariant == "two") {
+         runPrint("ECMP build", "two processes", ecmpTwoProcesses(scale));
+         continue;
+      }
       if (r % 2 == 0) {
          l = ecmpInProcess(scale);
          runPrint("ECMP build", "one process", l);
@@ -736,6 +768,7 @@ void ecmpScenario(std::uint32_t scale, std::uint32_t rounds) {
       shared.add(t);
       ratios.push_back((t.entries / t.seconds) / (l.entries / l.seconds));
    }
+   if (!onlyVariant.empty()) return;
    const double ratioLow = *std::min_element(ratios.begin(), ratios.end());
    const double ratioHigh = *std::max_element(ratios.begin(), ratios.end());
    std::printf("figure: ECMP build in one process = %s placement ops/s\n", local.range().c_str());

@@ -170,6 +170,18 @@ Orb::Ptr<Orb::Object> EntityManager::entity(const std::string& path) const {
 }
 
 void EntityManager::watch(const std::string& path, const Mount& mount) {
+   if (eventLoop_ && mount.mode == MountMode::writer) {
+      // Readers are rung once at the end of the turn that wrote, however many changes it made.
+      mount.table.announceDeferIs([this, path, alive = std::weak_ptr<bool>(alive_)] {
+         eventLoop_->runSoon([this, path, alive] {
+            if (alive.expired()) return;
+            auto it = mounts_.find(path);
+            if (it != mounts_.end() && it->second.mode == MountMode::writer) {
+               it->second.table.changesAnnounce();
+            }
+         });
+      });
+   }
    int fd = mount.table.changeFd();
    if (!eventLoop_ || fd < 0) return;
    std::function<void()> drain = mount.table.changesDrain;
@@ -186,6 +198,8 @@ void EntityManager::watch(const std::string& path, const Mount& mount) {
 }
 
 void EntityManager::unwatch(const Mount& mount) {
+   // Whoever still holds the table goes on writing it without this manager's loop.
+   if (eventLoop_ && mount.mode == MountMode::writer) mount.table.announceDeferIs(nullptr);
    int fd = mount.table.changeFd();
    if (eventLoop_ && fd >= 0) eventLoop_->fdReadHandlerDel(fd);
 }

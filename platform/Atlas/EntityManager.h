@@ -94,6 +94,9 @@ class EntityManager : public Orb::Entity<EntityManager> {
    // The file last refused at each path, by device and inode.
    std::map<std::string, std::pair<std::uint64_t, std::uint64_t>> refused_;
    CorruptionHandler corruptionHandler_;
+   // Expires with the manager, so that an announcement it queued on the loop does nothing
+   // once it is gone.
+   std::shared_ptr<bool> alive_ = std::make_shared<bool>(true);
 };
 
 // Mount requests gathered and carried out at close(): all of them, or, when one fails, none

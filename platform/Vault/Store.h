@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 #include <optional>
 #include <utility>
 
@@ -49,6 +50,14 @@ class Store {
    // A descriptor that becomes readable when changes may be waiting, or -1 when the store
    // offers none.
    virtual int changeFd() const { return -1; }
+
+   // A writer of a shared table rings its sleeping readers after a change. Given `schedule`,
+   // it rings them once per burst instead: after the first change not yet announced it calls
+   // `schedule`, whose owner then calls changesAnnounce() soon (an event loop, at the end of
+   // its turn); a long burst is announced every so many changes on the way. Null: after
+   // every change again, the changes so far announced at once.
+   virtual void announceDeferIs(std::function<void()> schedule) {}
+   virtual void changesAnnounce() {}
 
    // The table is unmounted: a writer removes its segment from the system. Those who still
    // hold the table keep what it held.

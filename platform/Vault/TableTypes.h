@@ -19,6 +19,9 @@ struct MountedTable {
    std::function<int()> changeFd;
    std::function<void()> changesDrain;
    std::function<void()> retire;
+   // Store::announceDeferIs and Store::changesAnnounce.
+   std::function<void(std::function<void()>)> announceDeferIs;
+   std::function<void()> changesAnnounce;
    // Sets what the table calls when it finds its segment damaged (Table::corruptionHandlerIs).
    std::function<void(std::function<void(const std::string&)>)> corruptionHandlerIs;
 };
@@ -49,11 +52,16 @@ class TableTypes {
 template <class T>
 MountedTable mountedTable(Orb::Ptr<T> table) {
    T* raw = table.get();
-   return {table, [raw] { return raw->changeFd(); }, [raw] { raw->changesDrain(); },
-           [raw] { raw->store().retire(); },
-           [raw](std::function<void(const std::string&)> handler) {
-              raw->corruptionHandlerIs(std::move(handler));
-           }};
+   return {
+       table,
+       [raw] { return raw->changeFd(); },
+       [raw] { raw->changesDrain(); },
+       [raw] { raw->store().retire(); },
+       [raw](std::function<void()> schedule) { raw->store().announceDeferIs(std::move(schedule)); },
+       [raw] { raw->store().changesAnnounce(); },
+       [raw](std::function<void(const std::string&)> handler) {
+          raw->corruptionHandlerIs(std::move(handler));
+       }};
 }
 
 // Registers T under T::vaultTypeName. Used as `inline const bool registered =

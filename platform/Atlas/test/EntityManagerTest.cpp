@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <poll.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -80,6 +81,41 @@ TEST(AtlasEntityManager, MountsByPathAndFeedsReadersFromTheEventLoop) {
    EXPECT_TRUE(shmExists(shmName));
    publisher.unmount("tables/acl");
    EXPECT_FALSE(shmExists(shmName));
+}
+
+// A writer on an event loop rings a sleeping reader when the turn that wrote ends, once for
+// all its changes, and on the way through a long burst; a manager gone before its turn ended
+// leaves nothing behind that the loop could still call.
+TEST(AtlasEntityManager, WritersOnALoopRingReadersOncePerTurn) {
+   Keel::EventLoop loop;
+   std::string root = uniqueRoot("ring");
+   auto host = std::make_unique<EntityManager>(root, &loop);
+   EntityManager agent(root);
+   auto writer = host->mount<Versions>("t", MountMode::writer, 4096);
+   auto reader = agent.mount<Versions>("t", MountMode::reader);
+   auto rung = [&] {
+      pollfd p{reader->changeFd(), POLLIN, 0};
+      return ::poll(&p, 1, 0) == 1;
+   };
+   Recorder recorder;
+   recorder.notifierIs(reader.get());
+   writer->entryIs(1, 1);
+   writer->entryIs(2, 1);
+   EXPECT_FALSE(rung());
+   loop.runOnce(0);
+   ASSERT_TRUE(rung());
+   reader->changesDrain();
+   EXPECT_EQ(recorder.keys, (std::vector<std::uint64_t>{1, 2}));
+   EXPECT_FALSE(rung());
+
+   for (std::uint64_t key = 0; key < 1500; ++key) writer->entryIs(key, 2);
+   EXPECT_TRUE(rung());
+   reader->changesDrain();
+   writer->entryIs(3, 3);
+   host.reset();
+   EXPECT_TRUE(rung());
+   loop.runOnce(0);
+   recorder.notifierIs(nullptr);
 }
 
 TEST(AtlasEntityManager, BadMountsFailClearly) {

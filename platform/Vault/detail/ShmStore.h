@@ -140,6 +140,15 @@ class ShmStore : public Store<K, V> {
             const bool haveRecent = recent != recent_.end();
             if (!haveSorted && !haveRecent) return std::nullopt;
             const bool takeSorted = haveSorted && (!haveRecent || !(*recent < *sorted));
+            if (takeSorted) {
+               // A walk reads the keys in order, each from another place in the index: those it
+               // reads next are fetched meanwhile, as a drain's are.
+               const auto left = static_cast<std::size_t>(sorted_.end() - sorted);
+               if (left > 2 * prefetchAhead) {
+                  __builtin_prefetch(&segment_->cell(hashOf(sorted[2 * prefetchAhead])));
+               }
+               if (left > prefetchAhead) slotPrefetch(sorted[prefetchAhead]);
+            }
             const K key = takeSorted ? *sorted++ : *recent++;
             // The order may know of a key that is gone; it is skipped.
             if (find(key, value)) return std::make_pair(key, value);
@@ -162,6 +171,18 @@ class ShmStore : public Store<K, V> {
    int changeFd() const override { return doorbell_ ? doorbell_->fd() : -1; }
    void retire() override {
       if (writable()) segment_->unlink();
+   }
+
+   void announceDeferIs(std::function<void()> schedule) override {
+      if (!writable()) return;
+      announceSchedule_ = std::move(schedule);
+      changesAnnounce();
+   }
+   void changesAnnounce() override {
+      if (!writable() || damaged_) return;
+      announcePending_ = false;
+      unannounced_ = 0;
+      segment_->waitersPoke();
    }
 
    const Shm::Segment& segment() const { return *segment_; }
@@ -203,7 +224,25 @@ class ShmStore : public Store<K, V> {
                                        geometry().capacity));
       lostCheck();
       for (const K& key : changed) orderedChanged(key);
-      for (const K& key : changed) sink.keyChanged(key);
+      for (std::size_t i = 0; i < changed.size(); ++i) {
+         if (i + 2 * prefetchAhead < changed.size()) {
+            __builtin_prefetch(&segment_->cell(hashOf(changed[i + 2 * prefetchAhead])));
+         }
+         if (i + prefetchAhead < changed.size()) slotPrefetch(changed[i + prefetchAhead]);
+         sink.keyChanged(changed[i]);
+      }
+   }
+
+   // Whoever hears of a changed key reads it next, from memory that another processor wrote
+   // and that is no longer in this one's caches: a key's index cell, then the slot it names,
+   // are fetched while the keys before it are handled. Nothing here is trusted; a slot number
+   // out of range is not followed.
+   void slotPrefetch(const K& key) const {
+      const std::uint64_t c = segment_->cell(hashOf(key)).load(std::memory_order_relaxed);
+      const std::uint32_t s = Shm::cellSlot(c);
+      if (s == Shm::emptyCell || s == Shm::deletedCell || s > geometry().capacity) return;
+      const unsigned char* slot = reinterpret_cast<const unsigned char*>(&segment_->slot(s - 1));
+      for (std::uint32_t at = 0; at < geometry().slotSize; at += 64) __builtin_prefetch(slot + at);
    }
 
    // The keys of one drain, each once: a flat set kept from one drain to the next and emptied
@@ -247,6 +286,9 @@ class ShmStore : public Store<K, V> {
    static constexpr std::uint32_t noSlot = 0xFFFFFFFFu;
    static constexpr std::uint64_t maxChangesPerDrain = 4096;
    static constexpr unsigned maxDrainRounds = 16;
+   static constexpr std::size_t prefetchAhead = 2;
+   // A burst longer than this is announced on the way, so that readers keep pace with it.
+   static constexpr std::uint32_t maxUnannounced = 1024;
    // An index that keeps changing under a reader this often is not being rebuilt; it is
    // being damaged.
    static constexpr unsigned maxIndexRetries = 4096;
@@ -414,7 +456,15 @@ class ShmStore : public Store<K, V> {
       entry.tag.store(head_ + 1, std::memory_order_release);
       ++head_;
       segment_->header().ringHead.store(head_, std::memory_order_seq_cst);
-      segment_->waitersPoke();
+      // A reader woken for every change of a burst would drain a few keys each time and go
+      // back to sleep, and on a busy machine each wake-up waits for a processor. Deferred,
+      // the poke still comes after the ring head's store, so the pairing with a reader's
+      // arming holds.
+      if (!announceSchedule_ || ++unannounced_ >= maxUnannounced) return changesAnnounce();
+      if (!announcePending_) {
+         announcePending_ = true;
+         announceSchedule_();
+      }
    }
 
    // Drops deleted cells by re-inserting every live slot. Readers that probe meanwhile see
@@ -650,6 +700,9 @@ class ShmStore : public Store<K, V> {
    std::uint32_t count_ = 0;
    std::uint32_t deletedCells_ = 0;
    std::uint64_t head_ = 0;
+   std::function<void()> announceSchedule_;
+   bool announcePending_ = false;
+   std::uint32_t unannounced_ = 0;
    // Reader.
    std::unique_ptr<Shm::Doorbell> doorbell_;
    std::uint64_t cursor_ = 0;
