@@ -118,7 +118,9 @@ TEST(VaultShmTable, ManyAddsAndDeletesKeepLookupsRight) {
       // time or merged in bulk.
       if (i % 50 == 0) {
          reader->changesDrain();
-         if (i < 1000 || i % 1000 == 0) ASSERT_EQ(viewOf(*reader), expected);
+         if (i < 1000 || i % 1000 == 0) {
+            ASSERT_EQ(viewOf(*reader), expected);
+         }
       }
       state = state * 6364136223846793005ULL + 1442695040888963407ULL;
       std::uint64_t key = (state >> 33) % 96;
