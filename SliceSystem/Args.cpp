@@ -1,11 +1,15 @@
 #include "SliceSystem/Args.h"
 
+#include <grp.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cerrno>
 #include <cmath>
 #include <cstdlib>
 #include <iostream>
+
+#include "Vault/ShmTable.h"
 
 namespace SliceSystem {
 
@@ -79,6 +83,16 @@ std::optional<int> argsParse(CLI::App& app, int argc, char** argv) {
       return 2;
    }
    return std::nullopt;
+}
+
+bool trustedGroupNamed(const std::string& name, std::string& error) {
+   const struct group* entry = ::getgrnam(name.c_str());
+   if (!entry) {
+      error = "no group '" + name + "'";
+      return false;
+   }
+   Vault::shmTrustedGroupIs(entry->gr_gid);
+   return true;
 }
 
 }  // namespace SliceSystem

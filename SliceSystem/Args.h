@@ -20,6 +20,10 @@ CLI::Validator countIn(std::uint64_t min, std::uint64_t max);
 // digits, '_' and '-'.
 CLI::Validator plainName(std::size_t maxSize);
 
+// Serves and shares shared segments with the group of that name as well as with this user
+// (Vault::shmTrustedGroupIs); false, with the reason, when there is no such group.
+bool trustedGroupNamed(const std::string& name, std::string& error);
+
 // Parses the command line; the exit status to end with when the tool should not go on (0 after
 // --help, 2 with the error and the usage on stderr after a bad line).
 std::optional<int> argsParse(CLI::App& app, int argc, char** argv);

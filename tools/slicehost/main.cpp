@@ -2,7 +2,6 @@
 // and serves what they publish, programming it into the chip model, until SIGINT or SIGTERM.
 // SIGUSR1 prints the status.
 
-#include <grp.h>
 #include <signal.h>
 #include <unistd.h>
 
@@ -16,7 +15,6 @@
 #include "SliceSystem/Args.h"
 #include "SliceSystem/FaultOption.h"
 #include "SliceSystem/SignalWatch.h"
-#include "Vault/ShmTable.h"
 
 namespace {
 
@@ -143,13 +141,9 @@ int main(int argc, char** argv) {
       std::cerr << "slicehost: " << error << "\n";
       return 2;
    }
-   if (!group.empty()) {
-      const struct group* entry = ::getgrnam(group.c_str());
-      if (!entry) {
-         std::cerr << "slicehost: no group '" << group << "'\n";
-         return 2;
-      }
-      Vault::shmTrustedGroupIs(entry->gr_gid);
+   if (!group.empty() && !SliceSystem::trustedGroupNamed(group, error)) {
+      std::cerr << "slicehost: " << error << "\n";
+      return 2;
    }
    try {
       return serve(options, statusInterval, faults);

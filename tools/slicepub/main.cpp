@@ -2,7 +2,6 @@
 // under a root, fills them with routes, churns them, waits each time until the agent host has
 // every change in hardware, and reports.
 
-#include <grp.h>
 #include <signal.h>
 
 #include <iostream>
@@ -14,7 +13,6 @@
 #include "SliceSystem/Publisher.h"
 #include "SliceSystem/PublisherArgs.h"
 #include "SliceSystem/SignalWatch.h"
-#include "Vault/ShmTable.h"
 
 int main(int argc, char** argv) {
    CLI::App app{
@@ -49,13 +47,9 @@ int main(int argc, char** argv) {
       std::cerr << "slicepub: " << error << "\n";
       return 2;
    }
-   if (!group.empty()) {
-      const struct group* entry = ::getgrnam(group.c_str());
-      if (!entry) {
-         std::cerr << "slicepub: no group '" << group << "'\n";
-         return 2;
-      }
-      Vault::shmTrustedGroupIs(entry->gr_gid);
+   if (!group.empty() && !SliceSystem::trustedGroupNamed(group, error)) {
+      std::cerr << "slicepub: " << error << "\n";
+      return 2;
    }
    if (!quiet)
       options.log = [](const std::string& line) { std::cout << "slicepub: " << line << std::endl; };
