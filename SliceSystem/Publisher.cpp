@@ -226,7 +226,14 @@ PhaseResult Publisher::phase(
          target_.loop().runOnce(0);
       }
       std::vector<TablePlan::Change> planned = changes(table->plan);
-      table->watch.expectReserve(planned.size());
+      // A host in this process answers each write before the next one: watched from the
+      // start, its statuses take the keys out as they come and the expected set stays a few
+      // cells in cache. A shared table's statuses come when the loop turns, after the writing,
+      // so there every key written is expected at once.
+      if (auto status = target_.statusTable(table->key, table->entry)) {
+         table->watch.statusIs(std::move(status));
+      }
+      if (target_.shared()) table->watch.expectReserve(planned.size());
       for (const TablePlan::Change& change : planned) {
          write(*table, change);
          result.changes.add(change.kind);
