@@ -207,6 +207,9 @@ void ChipMbbEngineHelper::laneOpRecorded(PlcmtLane& lane, const LaneHooks& hooks
                                          bool removeFromStatus) {
    BRIO_ASSERT(status == BF_SUCCESS);
    if (queueStatus) {
+      // The status is written after the commit; its place in the status table, which at a
+      // million keys is out of the caches, is fetched meanwhile.
+      if (const StatusTablePtr& table = lane.statusTable()) table->entryPrefetch(key);
       lane.status.enq(ChipEntryStatus(EntryStatus(key, opId), removeFromStatus),
                       notifier(hooks.onStatus));
    }

@@ -145,6 +145,19 @@ class EcmpTableSink : public EcmpSink {
    Orb::Ptr<Vault::MbbEngine::TableConfig> mat;
 
    bool complete() const { return adt && selGrp && selMbr && mat; }
+   // Where a write of `key` to `table` goes, fetched ahead of it.
+   void prefetch(EcmpTable table, std::uint64_t key) const {
+      switch (table) {
+         case EcmpTable::nextHop:
+            return adt->entryPrefetch(key);
+         case EcmpTable::group:
+            return selGrp->entryPrefetch(key);
+         case EcmpTable::member:
+            return selMbr->entryPrefetch(ChipMbbShared::SelMbrEntryKey(key));
+         case EcmpTable::route:
+            return mat->entryPrefetch(key);
+      }
+   }
    void nextHopIs(const ChipMbbShared::AdtEntryConfig& config) override { adt->entryIs(config); }
    void nextHopDel(Vault::MbbEngine::EntryKey key) override { adt->entryDel(key); }
    void groupIs(const ChipMbbShared::SelGrpEntryConfig& config) override {

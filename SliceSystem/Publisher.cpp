@@ -203,6 +203,14 @@ void Publisher::write(Table& table, const TablePlan::Change& change) {
    }
 }
 
+// A million keys spread over tables far larger than the caches: the places of a write a few
+// ahead are fetched while the ones before it are written.
+void Publisher::writePrefetch(Table& table, const TablePlan::Change& change) const {
+   const std::uint64_t key = table.plan.entries()[change.entry].key;
+   table.watch.expectPrefetch(key);
+   table.config->entryPrefetch(Vault::MbbEngine::EntryKey(key));
+}
+
 PhaseResult Publisher::phase(
     const std::string& name,
     const std::function<std::vector<TablePlan::Change>(TablePlan&)>& changes, bool announce,
@@ -234,9 +242,11 @@ PhaseResult Publisher::phase(
          table->watch.statusIs(std::move(status));
       }
       if (target_.shared()) table->watch.expectReserve(planned.size());
-      for (const TablePlan::Change& change : planned) {
-         write(*table, change);
-         result.changes.add(change.kind);
+      constexpr std::size_t writesAhead = 4;
+      for (std::size_t i = 0; i < planned.size(); ++i) {
+         if (i + writesAhead < planned.size()) writePrefetch(*table, planned[i + writesAhead]);
+         write(*table, planned[i]);
+         result.changes.add(planned[i].kind);
       }
    }
    result.writeSeconds = now() - start;
@@ -452,7 +462,14 @@ std::optional<PhaseResult> Publisher::ecmpPhase(EcmpPhaseKind kind) {
       target_.tripleMountInfo()->entryIs(t.key, t.entry);
       target_.loop().runOnce(0);
    }
-   for (const EcmpWrite& write : phase.writes) {
+   constexpr std::size_t writesAhead = 4;
+   for (std::size_t i = 0; i < phase.writes.size(); ++i) {
+      if (i + writesAhead < phase.writes.size()) {
+         const EcmpWrite& ahead = phase.writes[i + writesAhead];
+         t.watches[std::size_t(ahead.table)].expectPrefetch(ahead.key);
+         t.sink.prefetch(ahead.table, ahead.key);
+      }
+      const EcmpWrite& write = phase.writes[i];
       t.watches[std::size_t(write.table)].expect(write.key, write.opId);
       t.workload.apply(phase, write, t.sink);
    }

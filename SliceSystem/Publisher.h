@@ -151,6 +151,7 @@ class Publisher {
    void log(const std::string& line) const;
    Orb::Seconds now() const;
    void write(Table& table, const TablePlan::Change& change);
+   void writePrefetch(Table& table, const TablePlan::Change& change) const;
    PhaseResult phase(const std::string& name,
                      const std::function<std::vector<TablePlan::Change>(TablePlan&)>& changes,
                      bool announce, const std::set<std::string>* only = nullptr, bool wait = true);

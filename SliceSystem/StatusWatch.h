@@ -23,6 +23,10 @@ class ExpectedOpIds {
    void is(std::uint64_t key, std::uint64_t opId);
    // The key's expected op id, or null.
    const std::uint64_t* find(std::uint64_t key) const;
+   // Fetches the key's home cell ahead of an is() or find().
+   void prefetch(std::uint64_t key) const {
+      if (!cells_.empty()) __builtin_prefetch(&cells_[home(key)]);
+   }
    void erase(std::uint64_t key);
    // Keeps the keys for which `keep(key, opId)` holds.
    template <class Fn>
@@ -59,6 +63,7 @@ class StatusWatch : public Vault::MbbEngine::TableStatus::Notifiee {
    ~StatusWatch() override { notifierIs(nullptr); }
 
    void expect(std::uint64_t key, std::uint64_t opId) { outstanding_.is(key, opId); }
+   void expectPrefetch(std::uint64_t key) const { outstanding_.prefetch(key); }
    void expectReserve(std::size_t n) { outstanding_.reserve(outstanding_.size() + n); }
    std::size_t numOutstanding() const { return outstanding_.size(); }
    bool outstanding(std::uint64_t key) const { return outstanding_.find(key) != nullptr; }

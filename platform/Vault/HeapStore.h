@@ -124,6 +124,10 @@ class HeapStore<K, V> : public Store<K, V> {
       return true;
    }
 
+   void prefetch(const K& key) const override {
+      if (!cells_.empty()) __builtin_prefetch(&cells_[hashOf(key) & (cells_.size() - 1)]);
+   }
+
    bool erase(const K& key) override {
       const Probe probe = slotOf(key, hashOf(key));
       if (probe.slot == noSlot) return false;

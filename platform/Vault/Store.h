@@ -32,6 +32,9 @@ class Store {
    virtual bool put(const K& key, const V& value) = 0;
    // Returns false when the key was absent.
    virtual bool erase(const K& key) = 0;
+   // `key` is about to be written: a store whose index is likely out of the caches starts
+   // fetching the key's place now, so that the write does not wait for memory. A hint only.
+   virtual void prefetch(const K& key) const {}
 
    // The first present entry whose key is above `from` (at or above with `inclusive`), or
    // the first entry of all when `from` is null.

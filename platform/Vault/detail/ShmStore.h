@@ -107,6 +107,11 @@ class ShmStore : public Store<K, V> {
       return true;
    }
 
+   // Only the writer's index cells: a reader's lookups fetch their own ahead (see drain()).
+   void prefetch(const K& key) const override {
+      if (writable() && !damaged_) __builtin_prefetch(&segment_->cell(hashOf(key)));
+   }
+
    bool erase(const K& key) override {
       BRIO_ASSERT(writable());
       if (damaged_) return false;
