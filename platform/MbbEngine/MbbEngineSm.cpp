@@ -97,13 +97,23 @@ void MbbEngineSm::handleEntryCollNotify() {
    MbbEngineImpl& impl = *mbbEngineImpl_;
    bool complete = true;
    try {
-      for (const auto& [key, config] : *tableConfig_) {
+      // In no order: a shared table read slot by slot, not sorted and looked up key by key,
+      // which a host that mounts a table its publisher already filled pays for every key.
+      std::vector<EntryKey> met;
+      met.reserve(tableConfig_->size());
+      tableConfig_->entriesVisit([&](const EntryKey& key, const EntryConfig& config) {
+         met.push_back(key);
          failedKey_.erase(key);
          impl.handleEntryHelper(key, config);
-      }
-      // Keys the pass did not meet have lost their configuration while nobody was told.
+      });
+      std::sort(met.begin(), met.end());
+      // Keys the pass did not meet have lost their configuration while nobody was told. Only
+      // those are looked up again: the keys come sorted, so one walk along the met ones tells.
       for (const std::vector<EntryKey>& keys : {impl.currentKeys(), impl.pendingKeys()}) {
+         auto seen = met.begin();
          for (const EntryKey& key : keys) {
+            seen = std::lower_bound(seen, met.end(), key);
+            if (seen != met.end() && *seen == key) continue;
             if (!tableConfig_->present(key)) impl.handleEntryHelper(key, EntryConfig());
          }
       }

@@ -39,6 +39,15 @@ class Store {
    // The first present entry whose key is above `from` (at or above with `inclusive`), or
    // the first entry of all when `from` is null.
    virtual std::optional<std::pair<K, V>> next(const K* from, bool inclusive) const = 0;
+   // Every present entry to `fn`, in whatever order the store keeps them, for a pass that needs
+   // no order: a shared segment then reads its slots one after the other instead of sorting
+   // its keys and looking each one up. A key changed meanwhile may be met twice or missed; a
+   // reader hears of such a change anyway (changesDrain()). By default, the ordered walk.
+   virtual void visit(const std::function<void(const K&, const V&)>& fn) const {
+      for (auto entry = next(nullptr, true); entry; entry = next(&entry->first, false)) {
+         fn(entry->first, entry->second);
+      }
+   }
 
    virtual std::size_t size() const = 0;
    // 0 means unbounded.

@@ -136,6 +136,11 @@ class Table : public Orb::Entity<Table<K, V>> {
    // The walk from the first key above `from`.
    Iterator iterAfter(const K& from) const { return Iterator(this, nextEntry(&from, false)); }
 
+   // Every entry, in no particular order (see Store::visit()).
+   void entriesVisit(const std::function<void(const K&, const V&)>& fn) const {
+      guarded([&] { store_->visit(fn); });
+   }
+
    std::optional<std::pair<K, V>> nextEntry(const K* from, bool inclusive) const {
       std::optional<std::pair<K, V>> result;
       guarded([&] { result = store_->next(from, inclusive); });

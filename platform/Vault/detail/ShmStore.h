@@ -161,6 +161,28 @@ class ShmStore : public Store<K, V> {
       });
    }
 
+   // The slots in the order they lie, read as a scan reads them.
+   void visit(const std::function<void(const K&, const V&)>& fn) const override {
+      if (writable()) {
+         if (damaged_) return;
+         for (std::uint32_t slot = 0; slot < slotsUsed_; ++slot) {
+            if (segment_->slot(slot).live) fn(keyOf(storedKey(slot)), valueOf(storedValue(slot)));
+         }
+         return;
+      }
+      readerGuarded([&] {
+         StoredKey key;
+         StoredValue value;
+         bool live = false;
+         const std::uint32_t used = std::min(
+             segment_->header().slotsUsed.load(std::memory_order_acquire), geometry().capacity);
+         for (std::uint32_t slot = 0; slot < used; ++slot) {
+            if (slotRead(slot, key, value, live) && live) fn(keyOf(key), valueOf(value));
+         }
+         lostCheck();
+      });
+   }
+
    std::size_t size() const override {
       if (writable()) return count_;
       return std::min<std::uint32_t>(segment_->header().count.load(std::memory_order_relaxed),
