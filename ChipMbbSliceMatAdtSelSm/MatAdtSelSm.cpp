@@ -110,7 +110,10 @@ void MatAdtSelSm::initialPass(const Orb::Ptr<Table>& table, bool& flushed, Handl
    if (!initialized() || !table || !table->mounted()) return;
    bool complete = true;
    try {
-      for (const auto& entry : *table) handler(entry.first);
+      // In no order: a triple announced while its publisher writes is mounted with much of
+      // it written already, and a shared table walked in key order sorts its keys and looks
+      // each one up.
+      table->entriesVisit([&](const auto& key, const auto&) { handler(key); });
       sweep();
    } catch (const Brio::CorruptionDetectedException& e) {
       // The table announces itself again once it has recovered; until then nothing is taken
