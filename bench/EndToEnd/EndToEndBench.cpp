@@ -695,8 +695,10 @@ Run ecmpBuildOf(SliceSystem::Publisher& publisher) {
    Run run;
    const double cpu = cpuSelfNow();
    const double queued = queuedOf(::getpid());
+   const double from = monotonicNow();
    std::optional<SliceSystem::PhaseResult> phase =
        publisher.ecmpPhase(SliceSystem::EcmpPhaseKind::build);
+   windowPrint(from);
    run.cpuSelf = cpuSelfNow() - cpu;
    run.queuedSelf = queuedOf(::getpid()) - queued;
    if (!phase) {
