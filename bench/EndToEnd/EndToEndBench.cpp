@@ -31,6 +31,7 @@
 #include <ctime>
 #include <filesystem>
 #include <fstream>
+#include <functional>
 #include <iterator>
 #include <optional>
 #include <sstream>
@@ -223,6 +224,64 @@ Run inProcess(const ChipModel::ChipProfile& profile, const Scenario& s) {
    SliceSystem::LocalPublishTarget target(host);
    SliceSystem::Publisher publisher(target, optionsFor(profile, s));
    return runOf(publisher, std::uint64_t(s.numTables) * s.entriesPerTable);
+}
+
+// Runs `fn` in a child process and hands back its run. The host of the two-process variant is
+// started afresh for every round and pays for first touching its memory each time; every
+// round of either variant starts from fresh processes, or the one-process variant's later
+// rounds would reuse a heap that the earlier ones warmed, and the variants would not do the
+// same work.
+Run freshProcess(const std::function<Run()>& fn) {
+   struct Numbers {
+      double seconds, cpuSelf, cpuHost, queuedSelf, queuedHost, writeSeconds, hostRss, segmentBytes;
+      std::uint64_t entries;
+      bool sound;
+   };
+   int fds[2];
+   if (::pipe(fds) != 0) return Run{.why = "no pipe for the run's child\n"};
+   std::fflush(stdout);
+   const pid_t child = ::fork();
+   if (child == 0) {
+      ::close(fds[0]);
+      const Run run = fn();
+      const Numbers n{run.seconds,    run.cpuSelf,      run.cpuHost, run.queuedSelf,
+                      run.queuedHost, run.writeSeconds, run.hostRss, run.segmentBytes,
+                      run.entries,    run.sound};
+      std::string bytes(reinterpret_cast<const char*>(&n), sizeof n);
+      bytes += run.why;
+      for (std::size_t at = 0; at < bytes.size();) {
+         const ssize_t wrote = ::write(fds[1], bytes.data() + at, bytes.size() - at);
+         if (wrote <= 0) break;
+         at += std::size_t(wrote);
+      }
+      std::fflush(stdout);
+      std::_Exit(0);
+   }
+   ::close(fds[1]);
+   std::string bytes;
+   char buffer[4096];
+   for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) bytes.append(buffer, got);
+   ::close(fds[0]);
+   ::waitpid(child, nullptr, 0);
+   Run run;
+   if (bytes.size() < sizeof(Numbers)) {
+      run.why = "the run's child ended without a result\n";
+      return run;
+   }
+   Numbers n;
+   std::memcpy(&n, bytes.data(), sizeof n);
+   run.seconds = n.seconds;
+   run.cpuSelf = n.cpuSelf;
+   run.cpuHost = n.cpuHost;
+   run.queuedSelf = n.queuedSelf;
+   run.queuedHost = n.queuedHost;
+   run.writeSeconds = n.writeSeconds;
+   run.hostRss = n.hostRss;
+   run.segmentBytes = n.segmentBytes;
+   run.entries = n.entries;
+   run.sound = n.sound;
+   run.why = bytes.substr(sizeof n);
+   return run;
 }
 
 // A helper that places nothing, so that the engine's own share can be told apart.
@@ -529,24 +588,24 @@ void scenario(const Scenario& s, std::uint32_t rounds, double oneTarget) {
       Run l;
       Run t;
       if (onlyVariant == "one") {
-         l = inProcess(profile, s);
+         l = freshProcess([&] { return inProcess(profile, s); });
          runPrint(s.name, "one process", l);
          continue;
       }
       if (onlyVariant == "two") {
-         t = twoProcesses(profile, s);
+         t = freshProcess([&] { return twoProcesses(profile, s); });
          runPrint(s.name, "two processes", t);
          continue;
       }
       if (r % 2 == 0) {
-         l = inProcess(profile, s);
+         l = freshProcess([&] { return inProcess(profile, s); });
          runPrint(s.name, "one process", l);
-         t = twoProcesses(profile, s);
+         t = freshProcess([&] { return twoProcesses(profile, s); });
          runPrint(s.name, "two processes", t);
       } else {
-         t = twoProcesses(profile, s);
+         t = freshProcess([&] { return twoProcesses(profile, s); });
          runPrint(s.name, "two processes", t);
-         l = inProcess(profile, s);
+         l = freshProcess([&] { return inProcess(profile, s); });
          runPrint(s.name, "one process", l);
       }
       engine.add(e);
@@ -768,22 +827,23 @@ void ecmpScenario(std::uint32_t scale, std::uint32_t rounds) {
       Run l;
       Run t;
       if (onlyVariant == "one") {
-         runPrint("ECMP build", "one process", ecmpInProcess(scale));
+         runPrint("ECMP build", "one process", freshProcess([&] { return ecmpInProcess(scale); }));
          continue;
       }
       if (onlyVariant == "two") {
-         runPrint("ECMP build", "two processes", ecmpTwoProcesses(scale));
+         runPrint("ECMP build", "two processes",
+                  freshProcess([&] { return ecmpTwoProcesses(scale); }));
          continue;
       }
       if (r % 2 == 0) {
-         l = ecmpInProcess(scale);
+         l = freshProcess([&] { return ecmpInProcess(scale); });
          runPrint("ECMP build", "one process", l);
-         t = ecmpTwoProcesses(scale);
+         t = freshProcess([&] { return ecmpTwoProcesses(scale); });
          runPrint("ECMP build", "two processes", t);
       } else {
-         t = ecmpTwoProcesses(scale);
+         t = freshProcess([&] { return ecmpTwoProcesses(scale); });
          runPrint("ECMP build", "two processes", t);
-         l = ecmpInProcess(scale);
+         l = freshProcess([&] { return ecmpInProcess(scale); });
          runPrint("ECMP build", "one process", l);
       }
       local.add(l);
