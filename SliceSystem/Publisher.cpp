@@ -448,6 +448,28 @@ bool Publisher::tripleTablesGet() {
    return t.sink.complete();
 }
 
+// A host in another process mounts the triple when it hears of it. Written before that, the
+// four collections are read twice there: whole, by the mount's first pass, and key by key as
+// their changes arrive. Its statuses are watched from then on, so that each is taken as it
+// comes rather than all looked up once the writing is done. A host that does not serve the
+// triple is not waited for long: the statuses are looked for again while converging.
+void Publisher::tripleMountWait(Orb::Seconds start) {
+   constexpr Orb::Seconds mountWait = 1.0;
+   Triple& t = *triple_;
+   for (;;) {
+      target_.loop().runOnce(0);
+      std::size_t mounted = 0;
+      for (std::size_t i = 0; i < numEcmpTables; ++i) {
+         if (!t.watches[i].status()) {
+            t.watches[i].statusIs(target_.tripleStatusTable(t.key, t.statusPaths[i]));
+         }
+         if (t.watches[i].status()) ++mounted;
+      }
+      if (mounted == numEcmpTables || now() - start > mountWait) return;
+      target_.loop().runOnce(0.001);
+   }
+}
+
 std::optional<PhaseResult> Publisher::ecmpPhase(EcmpPhaseKind kind) {
    if (!triple_ || !tripleTablesGet()) return std::nullopt;
    Triple& t = *triple_;
@@ -460,7 +482,7 @@ std::optional<PhaseResult> Publisher::ecmpPhase(EcmpPhaseKind kind) {
    EcmpPhase phase = t.workload.phase(kind);
    if (kind == EcmpPhaseKind::build) {
       target_.tripleMountInfo()->entryIs(t.key, t.entry);
-      target_.loop().runOnce(0);
+      tripleMountWait(start);
    }
    constexpr std::size_t writesAhead = 4;
    for (std::size_t i = 0; i < phase.writes.size(); ++i) {

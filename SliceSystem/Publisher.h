@@ -152,6 +152,7 @@ class Publisher {
    Orb::Seconds now() const;
    void write(Table& table, const TablePlan::Change& change);
    void writePrefetch(Table& table, const TablePlan::Change& change) const;
+   void tripleMountWait(Orb::Seconds start);
    PhaseResult phase(const std::string& name,
                      const std::function<std::vector<TablePlan::Change>(TablePlan&)>& changes,
                      bool announce, const std::set<std::string>* only = nullptr, bool wait = true);
