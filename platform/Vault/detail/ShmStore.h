@@ -163,22 +163,13 @@ class ShmStore : public Store<K, V> {
 
    // The slots in the order they lie, read as a scan reads them.
    void visit(const std::function<void(const K&, const V&)>& fn) const override {
-      if (writable()) {
-         if (damaged_) return;
-         for (std::uint32_t slot = 0; slot < slotsUsed_; ++slot) {
-            if (segment_->slot(slot).live) fn(keyOf(storedKey(slot)), valueOf(storedValue(slot)));
-         }
-         return;
-      }
+      if (writable() && damaged_) return;
+      auto each = [&](const StoredKey& key, const StoredValue& value) {
+         fn(keyOf(key), valueOf(value));
+      };
+      if (writable()) return liveSlotsRead(each);
       readerGuarded([&] {
-         StoredKey key;
-         StoredValue value;
-         bool live = false;
-         const std::uint32_t used = std::min(
-             segment_->header().slotsUsed.load(std::memory_order_acquire), geometry().capacity);
-         for (std::uint32_t slot = 0; slot < used; ++slot) {
-            if (slotRead(slot, key, value, live) && live) fn(keyOf(key), valueOf(value));
-         }
+         liveSlotsRead(each);
          lostCheck();
       });
    }
@@ -638,8 +629,10 @@ class ShmStore : public Store<K, V> {
    }
 
    // Every live key in order, read slot by slot.
-   std::vector<K> scan() const {
-      std::vector<K> keys;
+   // Every live slot's key and value, in the order the slots lie: the writer reads plainly, a
+   // reader checks each slot as a lookup does.
+   template <class Fn>
+   void liveSlotsRead(Fn&& fn) const {
       StoredKey key;
       StoredValue value;
       bool live = false;
@@ -649,11 +642,16 @@ class ShmStore : public Store<K, V> {
                                 geometry().capacity);
       for (std::uint32_t slot = 0; slot < used; ++slot) {
          if (writable()) {
-            if (segment_->slot(slot).live) keys.push_back(keyOf(storedKey(slot)));
+            if (segment_->slot(slot).live) fn(storedKey(slot), storedValue(slot));
          } else if (slotRead(slot, key, value, live) && live) {
-            keys.push_back(keyOf(key));
+            fn(key, value);
          }
       }
+   }
+
+   std::vector<K> scan() const {
+      std::vector<K> keys;
+      liveSlotsRead([&](const StoredKey& key, const StoredValue&) { keys.push_back(keyOf(key)); });
       std::sort(keys.begin(), keys.end());
       // A key moved to another slot during the scan is met twice.
       keys.erase(std::unique(keys.begin(), keys.end()), keys.end());
